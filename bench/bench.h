@@ -1,0 +1,33 @@
+// Ours against a peer doing the same job on the same pixels in the same run.
+#ifndef KELMTROVA_BENCH_BENCH_H
+#define KELMTROVA_BENCH_BENCH_H
+
+#include <cstdint>
+#include <functional>
+#include <string>
+#include <vector>
+
+namespace kelm::bench {
+
+// One line of the table. Both jobs do the whole work of one call; whatever they allocate they release.
+struct Pair {
+  std::string name;  // for example "BErode 1024 x 1024"
+  std::string peer;  // for example "cv::erode 3 x 3"
+  std::function<void()> ours;
+  std::function<void()> theirs;
+  double aim = 1.0;  // the ratio ours / theirs that must be held
+};
+
+// Adds the pairs of a file: define one registration object per file, at namespace scope.
+struct Registration {
+  explicit Registration(std::function<std::vector<Pair>()> pairs);
+};
+
+// A picture with ridge-like texture, the same on every run.
+std::vector<std::uint8_t> ridgePicture(int height, int width, std::uint32_t seed = 1);
+// A 0 / `foreground` mask with large areas and, for every 1000 pixels, `specks` small ones.
+std::vector<std::uint8_t> maskPicture(int height, int width, int specks, std::uint8_t foreground = 255);
+
+}  // namespace kelm::bench
+
+#endif

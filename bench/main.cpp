@@ -1,0 +1,137 @@
+// kelmtrova_bench [FILTER]: times every pair whose name holds FILTER and prints the table.
+#include <algorithm>
+#include <chrono>
+#include <cmath>
+#include <cstdio>
+#include <cstring>
+#include <opencv2/core.hpp>
+
+#include "bench/bench.h"
+
+namespace kelm::bench {
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+std::vector<std::function<std::vector<Pair>()>> &registry() {
+  static std::vector<std::function<std::vector<Pair>()>> makers;
+  return makers;
+}
+
+double secondsOf(const std::function<void()> &job, int repetitions) {
+  const auto start = Clock::now();
+  for (int i = 0; i < repetitions; ++i) {
+    job();
+  }
+  return std::chrono::duration<double>(Clock::now() - start).count() / repetitions;
+}
+
+int repetitionsFor(const std::function<void()> &job) {
+  job();
+  int repetitions = 1;
+  while (secondsOf(job, repetitions) * repetitions < 2e-3 && repetitions < (1 << 20)) {
+    repetitions *= 2;
+  }
+  return repetitions;
+}
+
+struct Result {
+  double ratio, low, high, oursSeconds;
+};
+
+// Interleaved rounds; the ratio is the median over the rounds, low and high are its quartiles.
+Result measure(const Pair &pair) {
+  constexpr int kRounds = 31;
+  const int ours = repetitionsFor(pair.ours);
+  const int theirs = repetitionsFor(pair.theirs);
+  std::vector<double> ratios;
+  std::vector<double> times;
+  for (int round = 0; round < kRounds; ++round) {
+    const double a = secondsOf(pair.ours, ours);
+    const double b = secondsOf(pair.theirs, theirs);
+    ratios.push_back(a / b);
+    times.push_back(a);
+  }
+  std::sort(ratios.begin(), ratios.end());
+  std::sort(times.begin(), times.end());
+  return {ratios[kRounds / 2], ratios[kRounds / 4], ratios[kRounds - 1 - kRounds / 4], times[kRounds / 2]};
+}
+
+}  // namespace
+
+Registration::Registration(std::function<std::vector<Pair>()> pairs) { registry().push_back(std::move(pairs)); }
+
+std::vector<std::uint8_t> ridgePicture(int height, int width, std::uint32_t seed) {
+  std::vector<std::uint8_t> image(static_cast<std::size_t>(height) * static_cast<std::size_t>(width));
+  std::uint32_t state = seed * 2654435761U + 1;
+  for (int y = 0; y < height; ++y) {
+    for (int x = 0; x < width; ++x) {
+      state = state * 1664525U + 1013904223U;
+      const double radius = std::hypot(x - width * 0.45, (y - height * 0.6) * 0.8);
+      const double wave = 128 + 80 * std::sin(radius * 0.7) + (static_cast<double>(state >> 24) - 128) * 0.25;
+      image[static_cast<std::size_t>(y) * static_cast<std::size_t>(width) + static_cast<std::size_t>(x)] =
+          static_cast<std::uint8_t>(std::clamp(wave, 0.0, 255.0));
+    }
+  }
+  return image;
+}
+
+std::vector<std::uint8_t> maskPicture(int height, int width, int specks, std::uint8_t foreground) {
+  std::vector<std::uint8_t> mask(static_cast<std::size_t>(height) * static_cast<std::size_t>(width), 0);
+  const auto at = [&](int y, int x) -> std::uint8_t & {
+    return mask[static_cast<std::size_t>(y) * static_cast<std::size_t>(width) + static_cast<std::size_t>(x)];
+  };
+  for (int y = height / 8; y < height - height / 8; ++y) {
+    for (int x = width / 8; x < width - width / 8; ++x) {
+      at(y, x) = std::hypot(x - width / 2, y - height / 2) < std::min(width, height) * 0.35 ? foreground : 0;
+    }
+  }
+  std::uint32_t state = 12345;
+  const auto random = [&state](int below) {
+    state = state * 1664525U + 1013904223U;
+    return static_cast<int>((state >> 8) % static_cast<std::uint32_t>(below));
+  };
+  const int count = static_cast<int>(mask.size() / 1000) * specks;
+  for (int i = 0; i < count; ++i) {
+    const int y = random(height - 3);
+    const int x = random(width - 3);
+    const std::uint8_t value = random(2) == 0 ? foreground : 0;
+    for (int dy = 0; dy <= random(3); ++dy) {
+      for (int dx = 0; dx <= random(3); ++dx) {
+        at(y + dy, x + dx) = value;
+      }
+    }
+  }
+  return mask;
+}
+
+}  // namespace kelm::bench
+
+int main(int argc, char **argv) {
+  using namespace kelm::bench;
+  cv::setNumThreads(1);
+  const char *filter = argc > 1 ? argv[1] : "";
+  double logSum = 0;
+  int count = 0;
+  int missed = 0;
+  std::printf("%-44s %-40s %8s %17s %10s\n", "ours", "peer", "ratio", "quartiles", "us/call");
+  for (const auto &maker : registry()) {
+    for (const Pair &pair : maker()) {
+      if (std::strstr(pair.name.c_str(), filter) == nullptr) {
+        continue;
+      }
+      const Result result = measure(pair);
+      const bool held = result.ratio <= pair.aim;
+      std::printf("%-44s %-40s %8.3f  %7.3f %7.3f %10.2f%s\n", pair.name.c_str(), pair.peer.c_str(), result.ratio,
+                  result.low, result.high, result.oursSeconds * 1e6, held ? "" : "  above its aim");
+      std::fflush(stdout);
+      logSum += std::log(result.ratio);
+      ++count;
+      missed += held ? 0 : 1;
+    }
+  }
+  if (count > 0) {
+    std::printf("%d pairs, geometric mean %.3f, %d above their aim\n", count, std::exp(logSum / count), missed);
+  }
+  return 0;
+}

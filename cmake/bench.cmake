@@ -1,0 +1,13 @@
+# script/bench: ours against a peer, in the same run.
+find_package(OpenCV REQUIRED COMPONENTS core imgproc)
+find_library(FFTW3F_LIBRARY fftw3f REQUIRED)
+file(GLOB_RECURSE KELMTROVA_BENCH_SOURCES CONFIGURE_DEPENDS bench/*.cpp)
+add_executable(kelmtrova_bench ${KELMTROVA_BENCH_SOURCES})
+target_include_directories(kelmtrova_bench PRIVATE ${PROJECT_SOURCE_DIR})
+target_include_directories(kelmtrova_bench SYSTEM PRIVATE ${OpenCV_INCLUDE_DIRS})
+target_link_libraries(kelmtrova_bench PRIVATE
+  kelmtrova_flags kelmtrova::kelmtrova opencv_core opencv_imgproc ${FFTW3F_LIBRARY} ${CMAKE_DL_LIBS})
+target_link_options(kelmtrova_bench PRIVATE LINKER:--disable-new-dtags
+  LINKER:-rpath-link,${PROJECT_BINARY_DIR}/lib/simulator)
+set_target_properties(kelmtrova_bench PROPERTIES
+  BUILD_RPATH "${PROJECT_BINARY_DIR}/lib;${PROJECT_BINARY_DIR}/lib/simulator")

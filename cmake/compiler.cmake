@@ -1,0 +1,16 @@
+# Flags of everything that is built here.
+add_library(kelmtrova_flags INTERFACE)
+target_compile_options(kelmtrova_flags INTERFACE
+  -Wall -Wextra -Wconversion -Wshadow
+  # Image results are the same bit for bit everywhere: no fused multiply-add, no reordering.
+  -ffp-contract=off
+  -fstack-protector-strong)
+target_link_options(kelmtrova_flags INTERFACE LINKER:-z,relro,-z,now,-z,noexecstack)
+if(CMAKE_BUILD_TYPE MATCHES "^(Release|RelWithDebInfo)$" AND NOT KELMTROVA_SANITIZE)
+  target_compile_options(kelmtrova_flags INTERFACE -U_FORTIFY_SOURCE -D_FORTIFY_SOURCE=2)
+endif()
+if(KELMTROVA_SANITIZE)
+  target_compile_options(kelmtrova_flags INTERFACE
+    -fsanitize=${KELMTROVA_SANITIZE} -fno-omit-frame-pointer -fno-sanitize-recover=all)
+  target_link_options(kelmtrova_flags INTERFACE -fsanitize=${KELMTROVA_SANITIZE})
+endif()

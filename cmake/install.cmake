@@ -1,0 +1,20 @@
+# libkelmtrova, its headers, the pkg-config file and the CMake package; the stand-ins lie apart, in a folder of their own.
+include(CMakePackageConfigHelpers)
+install(TARGETS kelmtrova EXPORT kelmtrova LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR})
+install(FILES include/kelmtrova/token.h include/kelmtrova/image.h
+        DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/kelmtrova)
+install(TARGETS kelmkmgr kelmpkcs LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR}/kelmtrova/simulator)
+install(FILES platform/simulator.h DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/kelmtrova/platform)
+if(KELMTROVA_PROGRAM)
+  install(TARGETS kelmtrova_program RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
+endif()
+
+configure_file(cmake/kelmtrova.pc.in ${PROJECT_BINARY_DIR}/kelmtrova.pc @ONLY)
+install(FILES ${PROJECT_BINARY_DIR}/kelmtrova.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
+
+set(package_dir ${CMAKE_INSTALL_LIBDIR}/cmake/kelmtrova)
+configure_package_config_file(cmake/kelmtrova-config.cmake.in ${PROJECT_BINARY_DIR}/kelmtrova-config.cmake
+  INSTALL_DESTINATION ${package_dir})
+write_basic_package_version_file(${PROJECT_BINARY_DIR}/kelmtrova-config-version.cmake COMPATIBILITY SameMajorVersion)
+install(FILES ${PROJECT_BINARY_DIR}/kelmtrova-config.cmake ${PROJECT_BINARY_DIR}/kelmtrova-config-version.cmake
+  DESTINATION ${package_dir})

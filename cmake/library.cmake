@@ -1,0 +1,35 @@
+# libkelmtrova.so: needs at run time only the C library, the maths library and the device manager, so it is linked by
+# the C compiler, without the C++ runtime.
+file(GLOB KELMTROVA_LIBRARY_SOURCES CONFIGURE_DEPENDS
+  link/*.cpp token/*.cpp image/support/*.cpp image/buffers/*.cpp image/filters/*.cpp image/ridge/*.cpp
+  image/quality/*.cpp)
+
+# The library, or a variant of it for tests that may use the instruction sets up to LEVEL (image/support/dispatch.h).
+function(kelmtrova_add_library name level)
+  add_library(${name} SHARED ${KELMTROVA_LIBRARY_SOURCES})
+  target_include_directories(${name} PUBLIC
+    $<BUILD_INTERFACE:${PROJECT_SOURCE_DIR}/include> $<INSTALL_INTERFACE:${CMAKE_INSTALL_INCLUDEDIR}>)
+  target_include_directories(${name} PRIVATE ${PROJECT_SOURCE_DIR})
+  target_compile_options(${name} PRIVATE -fno-exceptions -fno-rtti -fno-math-errno
+    # A program may replace the exported transport, trace and lock functions.
+    -fsemantic-interposition
+    $<$<CONFIG:Release>:-O3>)
+  target_compile_definitions(${name} PRIVATE KELM_MAX_LEVEL=${level})
+  target_link_libraries(${name} PRIVATE $<BUILD_INTERFACE:kelmtrova_flags> kelmkmgr m ${CMAKE_DL_LIBS})
+  target_link_options(${name} PRIVATE
+    LINKER:--version-script=${PROJECT_SOURCE_DIR}/cmake/kelmtrova.map LINKER:--as-needed)
+  if(NOT KELMTROVA_SANITIZE)
+    target_link_options(${name} PRIVATE LINKER:-z,defs)
+  endif()
+  if(KELMTROVA_COVERAGE)
+    target_compile_options(${name} PRIVATE --coverage)
+    target_link_options(${name} PRIVATE --coverage)
+  endif()
+  set_target_properties(${name} PROPERTIES
+    OUTPUT_NAME kelmtrova VERSION ${PROJECT_VERSION} SOVERSION ${PROJECT_VERSION_MAJOR} LINKER_LANGUAGE C
+    LINK_DEPENDS ${PROJECT_SOURCE_DIR}/cmake/kelmtrova.map
+    INSTALL_RPATH "" BUILD_WITH_INSTALL_RPATH ON)
+endfunction()
+
+kelmtrova_add_library(kelmtrova 2)
+add_library(kelmtrova::kelmtrova ALIAS kelmtrova)

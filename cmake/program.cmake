@@ -1,0 +1,14 @@
+# The command-line program. Its old-style run path also serves the libraries that it loads, directly or not.
+find_package(CLI11 REQUIRED)
+find_package(nlohmann_json REQUIRED)
+find_package(PNG REQUIRED)
+file(GLOB_RECURSE KELMTROVA_PROGRAM_SOURCES CONFIGURE_DEPENDS tools/*.cpp)
+add_executable(kelmtrova_program ${KELMTROVA_PROGRAM_SOURCES})
+target_include_directories(kelmtrova_program PRIVATE ${PROJECT_SOURCE_DIR})
+target_link_libraries(kelmtrova_program PRIVATE
+  kelmtrova_flags kelmtrova::kelmtrova CLI11::CLI11 nlohmann_json::nlohmann_json PNG::PNG ${CMAKE_DL_LIBS})
+target_link_options(kelmtrova_program PRIVATE LINKER:--disable-new-dtags
+  LINKER:-rpath-link,${PROJECT_BINARY_DIR}/lib/simulator)
+set_target_properties(kelmtrova_program PROPERTIES OUTPUT_NAME kelmtrova
+  BUILD_RPATH "$ORIGIN/../lib;$ORIGIN/../lib/simulator"
+  INSTALL_RPATH "$ORIGIN/../${CMAKE_INSTALL_LIBDIR}")

@@ -1,0 +1,56 @@
+# One test program per folder of tests/. The programs of tests/image run once per instruction set that the library can
+# use: against variants of the library that are limited to a level.
+find_package(GTest REQUIRED)
+include(GoogleTest)
+
+add_library(kelmtrova_test_support STATIC tests/support/allocation.cpp tests/support/guarded.cpp)
+target_include_directories(kelmtrova_test_support PUBLIC ${PROJECT_SOURCE_DIR} ${PROJECT_SOURCE_DIR}/include)
+target_link_libraries(kelmtrova_test_support PUBLIC kelmtrova_flags GTest::gtest GTest::gtest_main ${CMAKE_DL_LIBS})
+
+function(kelmtrova_add_test_program name)
+  add_executable(${name} ${ARGN})
+  target_link_libraries(${name} PRIVATE kelmtrova_test_support kelmtrova::kelmtrova kelmkmgr)
+  target_compile_definitions(${name} PRIVATE
+    KELM_BUILD_DIR="${PROJECT_BINARY_DIR}" KELM_SOURCE_DIR="${PROJECT_SOURCE_DIR}")
+  target_link_options(${name} PRIVATE LINKER:--disable-new-dtags)
+  set_target_properties(${name} PROPERTIES RUNTIME_OUTPUT_DIRECTORY ${PROJECT_BINARY_DIR}/tests
+    BUILD_RPATH "${PROJECT_BINARY_DIR}/lib;${PROJECT_BINARY_DIR}/lib/simulator")
+endfunction()
+
+foreach(folder link token platform tools)
+  file(GLOB sources CONFIGURE_DEPENDS tests/${folder}/*_test.cpp)
+  if(sources)
+    kelmtrova_add_test_program(${folder}_test ${sources})
+    add_test(NAME ${folder} COMMAND ${folder}_test)
+  endif()
+endforeach()
+
+set(KELMTROVA_LEVEL_NAMES baseline avx2)
+foreach(level 0 1)
+  list(GET KELMTROVA_LEVEL_NAMES ${level} level_name)
+  kelmtrova_add_library(kelmtrova_${level_name} ${level})
+  set_target_properties(kelmtrova_${level_name} PROPERTIES
+    LIBRARY_OUTPUT_DIRECTORY ${PROJECT_BINARY_DIR}/lib/${level_name})
+endforeach()
+foreach(folder buffers filters ridge quality)
+  file(GLOB sources CONFIGURE_DEPENDS tests/image/${folder}/*_test.cpp)
+  if(sources)
+    kelmtrova_add_test_program(image_${folder}_test ${sources})
+    # Found through LD_LIBRARY_PATH below, so that the level can be chosen.
+    target_link_options(image_${folder}_test PRIVATE LINKER:--enable-new-dtags)
+    add_test(NAME image_${folder} COMMAND image_${folder}_test)
+    foreach(level_name ${KELMTROVA_LEVEL_NAMES})
+      add_dependencies(image_${folder}_test kelmtrova_${level_name})
+      add_test(NAME image_${folder}_${level_name} COMMAND image_${folder}_test)
+      set_tests_properties(image_${folder}_${level_name} PROPERTIES ENVIRONMENT
+        "LD_LIBRARY_PATH=${PROJECT_BINARY_DIR}/lib/${level_name}:${PROJECT_BINARY_DIR}/lib/simulator")
+    endforeach()
+    set_tests_properties(image_${folder} PROPERTIES ENVIRONMENT
+      "LD_LIBRARY_PATH=${PROJECT_BINARY_DIR}/lib:${PROJECT_BINARY_DIR}/lib/simulator")
+  endif()
+endforeach()
+
+file(GLOB KELMTROVA_TEST_EXTRAS CONFIGURE_DEPENDS cmake/tests/*.cmake)
+foreach(extra ${KELMTROVA_TEST_EXTRAS})
+  include(${extra})
+endforeach()

@@ -1,0 +1,6 @@
+// Foreground segmentation.
+#include <cstdint>
+
+#include "kelmtrova/image.h"
+
+std::uint8_t needRefineSegment = 0;

@@ -1,0 +1,206 @@
+/*
+ * kelmtrova/image.h - the fingerprint image toolkit of libkelmtrova.
+ *
+ * Exact computations on grey images and masks that lie in the caller's memory. No function keeps any state, so all of
+ * them may run on any number of threads at once on distinct data. No function reads a file, a setting or a device.
+ *
+ * Conventions, for every function that does not say otherwise:
+ *  - A grey image or mask is 8-bit, row-major, without gaps between rows: pixel (x, y) lies at y * width + x.
+ *    Arguments come in the order pointer, height (rows), width (samples per row).
+ *  - Results: 0 success, 1 memory could not be obtained, 2 bad argument (a null pointer, a dimension below 1).
+ *    A function that returns a buffer returns null instead; a function without a result then does nothing.
+ *  - What a function hands back belongs to the caller and is released with free().
+ *  - Conversions from floating point to integers truncate toward zero. Results are the same bit for bit on every
+ *    processor, at every optimisation level and for every alignment of the buffers.
+ *  - Scratch memory comes from malloc() inside the call and is released before the call returns.
+ */
+#ifndef KELMTROVA_IMAGE_H
+#define KELMTROVA_IMAGE_H
+
+#include <stddef.h>
+#include <stdint.h>
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+#ifndef KELMTROVA_API
+#define KELMTROVA_API __attribute__((visibility("default")))
+#endif
+
+/* ---- Image buffers ---------------------------------------------------------------------------------------------- */
+
+KELMTROVA_API int32_t ImageCopy(uint8_t *destination, const uint8_t *source, uint16_t height, uint16_t width);
+KELMTROVA_API int32_t ImageClear(uint8_t *image, uint16_t height, uint16_t width);
+KELMTROVA_API int32_t ImageFlood(uint8_t *image, uint8_t value, uint16_t height, uint16_t width);
+KELMTROVA_API uint8_t *ImageEnlarge(const uint8_t *source, uint16_t sourceHeight, uint16_t sourceWidth,
+                                    uint16_t outHeight, uint16_t outWidth);
+KELMTROVA_API uint8_t *ImageReduce(const uint8_t *source, uint16_t sourceHeight, uint16_t sourceWidth,
+                                   uint16_t outHeight, uint16_t outWidth);
+KELMTROVA_API int32_t ImageNormalize(uint8_t *image, uint16_t height, uint16_t width, uint8_t targetMean,
+                                     uint32_t targetVariance);
+
+/* ---- Histogram -------------------------------------------------------------------------------------------------- */
+
+/* 256 counters, one per grey level; 1024 bytes, nothing else. */
+typedef struct Histogram {
+  uint32_t counter[256];
+} Histogram;
+
+KELMTROVA_API Histogram *HistogramCreate(void);
+KELMTROVA_API void HistogramDestroy(Histogram *histogram);
+KELMTROVA_API Histogram *HistogramCompute(const uint8_t *image, uint16_t height, uint16_t width);
+KELMTROVA_API uint8_t HistogramGetMean(const Histogram *histogram);
+KELMTROVA_API uint32_t HistogramGetVariance(const Histogram *histogram);
+KELMTROVA_API uint32_t HistogramGetVariance2(const Histogram *histogram, uint8_t mean);
+KELMTROVA_API int32_t HistogramPrint(const uint32_t *counters, int16_t n, const char *path);
+
+/* ---- Fourier transform and histogram smoothing ------------------------------------------------------------------ */
+
+KELMTROVA_API void FFT(float *re, float *im, uint16_t n);
+KELMTROVA_API void IFFT(float *re, float *im, int32_t n);
+KELMTROVA_API int32_t HistogramSmooth(Histogram *counters);
+KELMTROVA_API int32_t HistogramSmooth128(uint32_t *counters);
+
+/* ---- Rotated-window tables -------------------------------------------------------------------------------------- */
+
+/* One rotated offset. */
+typedef struct AxisPoint {
+  int16_t x;
+  int16_t y;
+} AxisPoint;
+
+KELMTROVA_API AxisPoint **AxisTransform(uint8_t n, uint8_t width, uint8_t height);
+KELMTROVA_API void AxisDestroy(AxisPoint **tables, uint8_t n);
+
+/* ---- Local sums ------------------------------------------------------------------------------------------------- */
+
+KELMTROVA_API void fvs_VectorLocalSumChar2Char(uint8_t *out, const uint8_t *in, int16_t outStride, int16_t inStride,
+                                               int16_t n, uint8_t size);
+KELMTROVA_API void fvs_VectorLocalSumChar2Uint16(uint16_t *out, const uint8_t *in, int16_t outStride,
+                                                 int16_t inStride, int16_t n, uint8_t size);
+KELMTROVA_API void fvs_VectorLocalSumUint162Uint16(uint16_t *out, const uint16_t *in, int16_t outStride,
+                                                   int16_t inStride, int16_t n, uint8_t size);
+KELMTROVA_API void fvs_VectorLocalSumInt2Int(int32_t *out, const int32_t *in, int16_t outStride, int16_t inStride,
+                                             int16_t n, uint8_t size);
+KELMTROVA_API void fvs_VectorLocalSumFloat2Float(float *out, const float *in, int16_t outStride, int16_t inStride,
+                                                 int16_t n, uint8_t size);
+KELMTROVA_API int32_t fvs_ImageLocalSumChar2Char(uint8_t *out, const uint8_t *in, int16_t height, int16_t width,
+                                                 uint8_t sizeX, uint8_t sizeY);
+KELMTROVA_API int32_t fvs_ImageLocalSumChar2Uint16(uint16_t *out, const uint8_t *in, int16_t height, int16_t width,
+                                                   uint8_t sizeX, uint8_t sizeY);
+KELMTROVA_API int32_t fvs_ImageLocalSumUint162Uint16(uint16_t *out, const uint16_t *in, int16_t height, int16_t width,
+                                                     uint8_t sizeX, uint8_t sizeY);
+KELMTROVA_API int32_t fvs_ImageLocalSumInt2Int(int32_t *out, const int32_t *in, int16_t height, int16_t width,
+                                               uint8_t sizeX, uint8_t sizeY);
+KELMTROVA_API int32_t fvs_ImageLocalSumFloat2Float(float *out, const float *in, int16_t height, int16_t width,
+                                                   uint8_t sizeX, uint8_t sizeY);
+KELMTROVA_API int32_t fvs_ImageMeanChar2Char(uint8_t *out, const uint8_t *in, int16_t height, int16_t width,
+                                             uint8_t sizeX, uint8_t sizeY);
+KELMTROVA_API int32_t fvs_ImageMeanInt2Int(int32_t *out, const int32_t *in, int16_t height, int16_t width,
+                                           uint8_t sizeX, uint8_t sizeY);
+
+/* ---- Binary morphology ------------------------------------------------------------------------------------------ */
+
+KELMTROVA_API int32_t BDilate(uint8_t *mask, int16_t height, int16_t width);
+KELMTROVA_API int32_t BErode(uint8_t *mask, int16_t height, int16_t width);
+KELMTROVA_API int32_t BWDilateFast(uint8_t *mask, int16_t height, int16_t width, uint8_t sizeX, uint8_t sizeY);
+KELMTROVA_API int32_t BWErodeFast(uint8_t *mask, int16_t height, int16_t width, uint8_t sizeX, uint8_t sizeY);
+KELMTROVA_API int32_t BWDilateFastUint16(uint16_t *mask, int16_t height, int16_t width, uint8_t sizeX, uint8_t sizeY);
+KELMTROVA_API int32_t BWErodeFastUint16(uint16_t *mask, int16_t height, int16_t width, uint8_t sizeX, uint8_t sizeY);
+KELMTROVA_API int32_t MY_BWDilateFastUint16(uint8_t *mask, int16_t height, int16_t width, uint8_t sizeX,
+                                            uint8_t sizeY);
+KELMTROVA_API int32_t MY_BWErodeFastUint16(uint8_t *mask, int16_t height, int16_t width, uint8_t sizeX,
+                                           uint8_t sizeY);
+
+/* ---- Region growing --------------------------------------------------------------------------------------------- */
+
+/* A stack of packed pixel positions: column in the low 16 bits, row in the high 16 bits. */
+typedef struct ZooList {
+  uint32_t *items;  /* storage for capacity entries */
+  int32_t count;    /* entries held; the top entry is items[count - 1] */
+  int32_t capacity; /* fixed when the list is made */
+} ZooList;
+
+KELMTROVA_API void zooInitList(ZooList *list, int32_t capacity);
+KELMTROVA_API int32_t zooPush(ZooList *list, uint32_t entry);
+KELMTROVA_API int32_t zooPop(ZooList *list, uint32_t *entry);
+KELMTROVA_API int32_t zooIsListEmpty(const ZooList *list);
+KELMTROVA_API void zooClearup(ZooList *list);
+KELMTROVA_API void RegionGrow(uint8_t *image, int16_t height, int16_t width, int16_t seedRow, int16_t seedColumn,
+                              uint32_t *area, int16_t *left, int16_t *top, int16_t *right, int16_t *bottom,
+                              uint8_t seedValue, uint8_t label, uint8_t tolerance);
+KELMTROVA_API int32_t RemoveSmallArea(uint8_t *image, int16_t height, int16_t width, uint8_t value,
+                                      uint8_t replacement, int16_t largest);
+
+/* ---- Mean smoothing and stripe removal -------------------------------------------------------------------------- */
+
+KELMTROVA_API int32_t MeanSmooth(const uint8_t *source, uint8_t *destination, int16_t height, int16_t width);
+KELMTROVA_API int32_t RemoveStripe(uint8_t *image, int16_t height, int16_t width, uint8_t value, uint8_t fill,
+                                   uint8_t longest, uint8_t direction);
+
+/* ---- Foreground segmentation ------------------------------------------------------------------------------------ */
+
+KELMTROVA_API int32_t FpThresholdingGradsImage(uint8_t *image, int16_t height, int16_t width);
+KELMTROVA_API int32_t FpThresholdingGradsImageEx(uint8_t *image, int16_t height, int16_t width);
+KELMTROVA_API float Complexity(const uint8_t *mask, int16_t height, int16_t width, uint8_t value);
+
+/* A byte for the caller's use: 0 when the library is loaded; no function of the library reads or writes it. */
+KELMTROVA_API extern uint8_t needRefineSegment;
+
+/* ---- Orientation field ------------------------------------------------------------------------------------------ */
+
+/* A block-wise field: block row r, block column c at data[r * cols + c]. */
+typedef struct FingerprintBlockField {
+  uint16_t blockSize; /* edge of a block in pixels of the full-resolution image: 8 or 16 */
+  uint16_t rows;
+  uint16_t cols;
+  int16_t *data; /* rows * cols samples; released by the caller with free() */
+} FingerprintBlockField;
+
+KELMTROVA_API int32_t FingerprintGetDirectionFloat(const uint8_t *image, uint16_t height, uint16_t width,
+                                                   uint16_t fullHeight, uint16_t fullWidth, uint8_t smoothWindow,
+                                                   uint8_t reserved, int32_t **products, int32_t **differences,
+                                                   FingerprintBlockField *direction8,
+                                                   FingerprintBlockField *orientGrad,
+                                                   FingerprintBlockField *direction16);
+KELMTROVA_API int32_t FingerprintOrientGrad(FingerprintBlockField *output, const FingerprintBlockField *input);
+KELMTROVA_API int32_t AngleDiffAbs(int32_t a, int32_t b);
+
+/* ---- Ridge frequency -------------------------------------------------------------------------------------------- */
+
+KELMTROVA_API int32_t FpGetFrequency(const uint8_t *image, int16_t height, int16_t width,
+                                     const FingerprintBlockField *field, uint8_t **map);
+
+/* ---- Four-direction gradients ----------------------------------------------------------------------------------- */
+
+KELMTROVA_API uint32_t FpGetImg4DirectionGrads(const uint8_t *image, int16_t height, int16_t width, uint16_t **map,
+                                               uint8_t direction, uint8_t step);
+KELMTROVA_API uint16_t **FpGetImg4DirectionGradsEx(const uint8_t *image, int16_t height, int16_t width, uint8_t step);
+
+/* ---- Block quality ---------------------------------------------------------------------------------------------- */
+
+/* Quality grades of the blocks of an image. */
+typedef struct BlockQualityMap {
+  uint8_t blkH; /* block height in pixels: 16 */
+  uint8_t blkW; /* block width in pixels: 16 */
+  uint16_t rows;
+  uint16_t cols;
+  uint8_t *grades; /* rows * cols grades; released by the caller with free() */
+} BlockQualityMap;
+
+KELMTROVA_API uint32_t ImageBlkQuality(BlockQualityMap *map, const uint8_t *image, int16_t height, int16_t width,
+                                       uint64_t reserved);
+KELMTROVA_API uint32_t ImageBlkQualityEx(BlockQualityMap *map, const uint8_t *image, int16_t height, int16_t width,
+                                         uint64_t reserved, uint16_t *const *grads);
+
+/* ---- Continuity check ------------------------------------------------------------------------------------------- */
+
+KELMTROVA_API void Project(int32_t *sums, const uint8_t *image, int32_t rows, int32_t width, uint32_t mode);
+KELMTROVA_API int32_t NotContinue(const uint8_t *image, int32_t height, int32_t width, int32_t level);
+
+#ifdef __cplusplus
+}
+#endif
+
+#endif

@@ -1,0 +1,80 @@
+#include "tests/support/allocation.h"
+
+#include <cerrno>
+#include <cstddef>
+
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+#define REAL(name) __interceptor_##name
+#else
+#define REAL(name) __libc_##name
+#endif
+
+extern "C" {
+void *REAL(malloc)(std::size_t);
+void *REAL(calloc)(std::size_t, std::size_t);
+void *REAL(realloc)(void *, std::size_t);
+void REAL(free)(void *);
+}
+
+namespace {
+
+struct State {
+  bool watching;
+  std::uint64_t count;
+  std::uint64_t failing;
+  std::int64_t outstanding;
+};
+thread_local State state;
+
+bool refuse() {
+  if (!state.watching) {
+    return false;
+  }
+  if (++state.count == state.failing) {
+    errno = ENOMEM;
+    return true;
+  }
+  return false;
+}
+
+void *taken(void *block) {
+  if (state.watching && block != nullptr) {
+    ++state.outstanding;
+  }
+  return block;
+}
+
+}  // namespace
+
+extern "C" {
+
+void *malloc(std::size_t size) noexcept { return refuse() ? nullptr : taken(REAL(malloc)(size)); }
+
+void *calloc(std::size_t count, std::size_t size) noexcept {
+  return refuse() ? nullptr : taken(REAL(calloc)(count, size));
+}
+
+void *realloc(void *block, std::size_t size) noexcept {
+  if (block == nullptr) {
+    return malloc(size);
+  }
+  return refuse() ? nullptr : REAL(realloc)(block, size);
+}
+
+void free(void *block) noexcept {
+  if (state.watching && block != nullptr) {
+    --state.outstanding;
+  }
+  REAL(free)(block);
+}
+}
+
+namespace kelm::test {
+
+AllocationWatch::AllocationWatch(std::uint64_t failing) { state = {true, 0, failing, 0}; }
+AllocationWatch::~AllocationWatch() { state.watching = false; }
+std::uint64_t AllocationWatch::allocations() const { return state.count; }
+bool AllocationWatch::failed() const { return state.failing != 0 && state.count >= state.failing; }
+std::int64_t AllocationWatch::outstanding() const { return state.outstanding; }
+
+}  // namespace kelm::test
