@@ -1,0 +1,79 @@
+// Low-pass smoothing of a histogram in the frequency domain (a fourth-order Butterworth-like weight).
+#include "image/buffers/histogram_smoothing.h"
+
+#include <cmath>
+#include <cstring>
+
+#include "image/buffers/fourier.h"
+#include "kelmtrova/image.h"
+
+namespace kelm::image {
+namespace {
+
+constexpr std::uint32_t kBins = 128;
+
+// The weight of frequency bin i, 1 / (0.414 * (i / cutoff)^4 + 1).
+float weightOf(std::uint32_t i, float cutoff) {
+  const float ratio = static_cast<float>(i) / cutoff;
+  return static_cast<float>(1.0 / (0.414 * std::pow(static_cast<double>(ratio), 4.0) + 1.0));
+}
+
+// |value| truncated toward zero; 2^31 for everything that a signed 32-bit integer cannot hold.
+std::uint32_t magnitudeOf(float value) {
+  constexpr float kLimit = 2147483648.0F;
+  const float magnitude = std::fabs(value);
+  return magnitude < kLimit ? static_cast<std::uint32_t>(magnitude) : 0x80000000U;
+}
+
+// Smooths 128 bins and writes back those of the reversed result from `first` on: the transform applied twice returns
+// its input in reversed circular order, so counter j gets the filtered bin j + 1.
+void smoothBins(std::uint32_t *counters, float cutoff, std::uint32_t first) {
+  float re[kBins];
+  float im[kBins] = {};
+  for (std::uint32_t i = 0; i < kBins; ++i) {
+    re[i] = static_cast<float>(counters[i]);
+  }
+  normalizedFourierTransform(re, im, kBins);
+  for (std::uint32_t i = 0; i < kBins / 2; ++i) {
+    const float weight = weightOf(i, cutoff);
+    re[i] *= weight;
+    im[i] *= weight;
+    re[kBins - 1 - i] *= weight;
+    im[kBins - 1 - i] *= weight;
+  }
+  fourierTransform(re, im, kBins);
+  for (std::uint32_t i = first; i < kBins; ++i) {
+    counters[kBins - 1 - i] = magnitudeOf(re[i]);
+  }
+}
+
+}  // namespace
+
+void smoothHistogram(std::uint32_t *counters) {
+  constexpr std::uint32_t kFirst = 20;  // leaves the folded counts of the 20 brightest bins
+  for (std::uint32_t i = 0; i < kBins; ++i) {
+    counters[i] = counters[2 * i] + counters[2 * i + 1];
+  }
+  std::memset(counters + kBins, 0, kBins * sizeof *counters);
+  smoothBins(counters, 5.0F, kFirst);
+}
+
+}  // namespace kelm::image
+
+using namespace kelm::image;
+
+int32_t HistogramSmooth(Histogram *counters) {
+  if (counters == nullptr) {
+    return 2;
+  }
+  smoothHistogram(counters->counter);
+  return 0;
+}
+
+int32_t HistogramSmooth128(uint32_t *counters) {
+  if (counters == nullptr) {
+    return 2;
+  }
+  smoothBins(counters, 7.0F, 0);
+  return 0;
+}

@@ -1,0 +1,160 @@
+// Grey-level histogram: counts against a plain loop, statistics at their limits, the picture file.
+#include <gtest/gtest.h>
+#include <sys/resource.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <array>
+#include <csignal>
+#include <filesystem>
+#include <fstream>
+#include <random>
+#include <string>
+#include <vector>
+
+#include "kelmtrova/image.h"
+#include "tests/support/allocation.h"
+#include "tests/support/guarded.h"
+
+namespace {
+
+using kelm::test::AllocationWatch;
+using kelm::test::Guarded;
+
+TEST(Histogram, CountsEveryPixelOnce) {
+  std::mt19937 random(1);
+  for (const int levels : {1, 2, 3, 256}) {
+    for (std::uint16_t width = 0; width <= 130; ++width) {
+      const std::uint16_t height = width % 7 == 0 ? 9 : 1;
+      const Guarded<std::uint8_t> image(std::size_t{width} * height);
+      std::array<std::uint32_t, 256> expected{};
+      for (std::uint8_t &pixel : image) {
+        // Mostly runs, some of them broken by a single pixel.
+        pixel = static_cast<std::uint8_t>(random() % 97 == 0 || levels > 3 ? random() % static_cast<unsigned>(levels)
+                                                                           : 255 - levels);
+        ++expected[pixel];
+      }
+      Histogram *histogram = HistogramCompute(image.data(), height, width);
+      ASSERT_NE(histogram, nullptr);
+      EXPECT_TRUE(std::equal(expected.begin(), expected.end(), histogram->counter)) << levels << " " << width;
+      HistogramDestroy(histogram);
+    }
+  }
+}
+
+TEST(Histogram, StatisticsWrapInThirtyTwoBits) {
+  const struct {
+    std::vector<std::pair<int, std::uint32_t>> counters;
+    std::uint8_t mean;
+    std::uint32_t variance, varianceAboutZero;
+  } kCases[] = {
+      {{{200, 1}}, 200, 0, 40000},
+      {{{0, 1}, {1, 1}}, 1, 1, 1},
+      {{{0, 2}, {255, 1}}, 85, 14450, 21675},
+      {{{10, 77}}, 10, 0, 100},
+      {{}, 0, 0, 0},
+      {{{255, 8388608}}, 255, 0, 1},                    // the largest power of two of pixels whose mean is exact
+      {{{255, 8500000}}, 7, 364, 348},                  // the sum wraps to a negative number
+      {{{255, 4294836225U}}, 255, 0, 0},                // 65535 x 65535 pixels: a negative count
+      {{{1, 0x80000000U}, {0, 0x7FFFFFFFU}}, 0, 1, 1},  // the smallest number divided by -1
+  };
+  for (const auto &c : kCases) {
+    Histogram histogram{};
+    for (const auto &[level, counter] : c.counters) {
+      histogram.counter[level] = counter;
+    }
+    EXPECT_EQ(HistogramGetMean(&histogram), c.mean);
+    EXPECT_EQ(HistogramGetVariance(&histogram), c.variance);
+    EXPECT_EQ(HistogramGetVariance2(&histogram, 0), c.varianceAboutZero);
+  }
+  EXPECT_EQ(HistogramGetMean(nullptr) + HistogramGetVariance(nullptr) + HistogramGetVariance2(nullptr, 9), 0U);
+}
+
+TEST(Histogram, MemoryThatFailsGivesNull) {
+  const std::uint8_t pixel = 1;
+  const AllocationWatch watch(1);
+  EXPECT_EQ(HistogramCompute(&pixel, 1, 1), nullptr);
+  EXPECT_EQ(HistogramCompute(nullptr, 1, 1), nullptr);
+  EXPECT_EQ(watch.outstanding(), 0);
+}
+
+class HistogramPicture : public testing::Test {
+ protected:
+  void SetUp() override { std::filesystem::remove(path_); }
+  void TearDown() override { std::filesystem::remove(path_); }
+
+  std::string read() const {
+    std::ifstream file(path_, std::ios::binary);
+    return {std::istreambuf_iterator<char>(file), {}};
+  }
+  // Number of white pixels of a column, which must all stand on the bottom row.
+  static int barOf(const std::string &picture, std::size_t columns, std::size_t column) {
+    int height = 0;
+    for (std::size_t row = 256; row-- > 0 && picture[row * columns + column] == '\xFF';) {
+      ++height;
+    }
+    int white = 0;
+    for (std::size_t row = 0; row < 256; ++row) {
+      white += picture[row * columns + column] != 0;
+    }
+    return white == height ? height : -1;
+  }
+
+  const std::string path_ = testing::TempDir() + "kelmtrova_histogram_" + std::to_string(getpid()) + ".raw";
+};
+
+TEST_F(HistogramPicture, DrawsBarsOnTheBottomRow) {
+  const struct {
+    std::vector<std::uint32_t> counters;
+    std::vector<int> bars;
+  } kCases[] = {{{0, 5, 10}, {0, 127, 255}}, {{7, 0}, {254, 0}},           {{14}, {254}}, {{28}, {254}},
+                {{0, 0, 0}, {0, 0, 0}},      {{0xFFFFFFFFU, 1}, {255, 0}}, {{}, {}}};
+  for (const auto &c : kCases) {
+    EXPECT_EQ(HistogramPrint(c.counters.empty() ? std::vector<std::uint32_t>(1).data() : c.counters.data(),
+                             static_cast<std::int16_t>(c.counters.size()), path_.c_str()),
+              0);
+    ASSERT_TRUE(std::filesystem::exists(path_));
+    const std::string picture = read();
+    ASSERT_EQ(picture.size(), c.counters.size() * 256);
+    for (std::size_t column = 0; column < c.bars.size(); ++column) {
+      EXPECT_EQ(barOf(picture, c.bars.size(), column), c.bars[column]);
+    }
+  }
+}
+
+TEST_F(HistogramPicture, LeavesTheFileAloneWithoutPicture) {
+  std::ofstream(path_) << "kept";
+  const std::uint32_t counters[4] = {1, 2, 3, 4};
+  {
+    const AllocationWatch watch(1);
+    EXPECT_EQ(HistogramPrint(counters, 4, path_.c_str()), 0);
+    EXPECT_EQ(watch.outstanding(), 0);
+  }
+  EXPECT_EQ(HistogramPrint(counters, -1, path_.c_str()), 0);
+  EXPECT_EQ(HistogramPrint(nullptr, 4, path_.c_str()), 0);
+  EXPECT_EQ(HistogramPrint(counters, 4, nullptr), 0);
+  EXPECT_EQ(HistogramPrint(counters, 4, (path_ + "/no/folder").c_str()), 0);
+  EXPECT_EQ(read(), "kept");
+}
+
+TEST_F(HistogramPicture, LeavesNoHalfWrittenFile) {
+  const std::vector<std::uint32_t> counters(100, 1);
+  const std::string link = path_ + ".link";
+  std::filesystem::create_symlink(path_, link);
+  rlimit before{};
+  getrlimit(RLIMIT_FSIZE, &before);
+  const auto handler = std::signal(SIGXFSZ, SIG_IGN);
+  const rlimit small{5000, before.rlim_max};
+  setrlimit(RLIMIT_FSIZE, &small);
+  EXPECT_EQ(HistogramPrint(counters.data(), 100, path_.c_str()), 0);
+  EXPECT_FALSE(std::filesystem::exists(path_));
+  EXPECT_EQ(HistogramPrint(counters.data(), 100, link.c_str()), 0);
+  setrlimit(RLIMIT_FSIZE, &before);
+  std::signal(SIGXFSZ, handler);
+  EXPECT_EQ(read(), "");
+  EXPECT_FALSE(std::filesystem::is_symlink(link));
+  EXPECT_EQ(HistogramPrint(counters.data(), 100, "/dev/full"), 0);
+  EXPECT_TRUE(std::filesystem::exists("/dev/full"));
+}
+
+}  // namespace
