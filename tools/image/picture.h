@@ -1,0 +1,82 @@
+// Pictures: what the program reads and writes. Grey in, grey or colour out.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+namespace kelm::tools {
+
+// A picture or file that cannot be used; what() is one line that names it.
+class PictureError : public std::runtime_error {
+ public:
+  using std::runtime_error::runtime_error;
+};
+
+// The toolkit holds the sum of all grey levels exactly up to this many pixels, and rows up to this wide.
+inline constexpr uint32_t kLargestArea = 8u << 20;
+inline constexpr uint32_t kLongestEdge = 8192;
+
+// 8-bit grey, row by row without gaps; 0 is black.
+struct Picture {
+  int width = 0;
+  int height = 0;
+  std::vector<uint8_t> samples;
+
+  Picture() = default;
+  Picture(int columns, int rows, uint8_t value = 0)
+      : width(columns), height(rows), samples(static_cast<size_t>(columns) * static_cast<size_t>(rows), value) {}
+  uint8_t &at(int x, int y) {
+    return samples[static_cast<size_t>(y) * static_cast<size_t>(width) + static_cast<size_t>(x)];
+  }
+  uint8_t at(int x, int y) const {
+    return samples[static_cast<size_t>(y) * static_cast<size_t>(width) + static_cast<size_t>(x)];
+  }
+};
+
+struct Colour {
+  uint8_t red = 0, green = 0, blue = 0, alpha = 255;
+};
+
+// 8 bits each of red, green, blue and opacity.
+struct ColourPicture {
+  int width = 0;
+  int height = 0;
+  std::vector<Colour> samples;
+
+  ColourPicture() = default;
+  ColourPicture(int columns, int rows, Colour value)
+      : width(columns), height(rows), samples(static_cast<size_t>(columns) * static_cast<size_t>(rows), value) {}
+  Colour &at(int x, int y) {
+    return samples[static_cast<size_t>(y) * static_cast<size_t>(width) + static_cast<size_t>(x)];
+  }
+  const Colour &at(int x, int y) const {
+    return samples[static_cast<size_t>(y) * static_cast<size_t>(width) + static_cast<size_t>(x)];
+  }
+};
+
+// Reads PNG (every kind; colours become their luminance, transparency shows white paper, 16 bits are scaled to 8) or
+// PGM (P2 and P5, every maxval). The content decides, not the name. Throws PictureError.
+Picture readPicture(const std::string &path);
+Picture decodePicture(const std::vector<uint8_t> &bytes, const std::string &name);
+
+// A PNG in memory. Written for speed: light compression.
+std::vector<uint8_t> encodePng(const Picture &picture);
+std::vector<uint8_t> encodePng(const ColourPicture &picture);
+
+// Binary PGM, maxval 255.
+std::vector<uint8_t> encodePgm(const Picture &picture);
+
+// Writes a whole file or throws PictureError.
+void writeFile(const std::string &path, const void *bytes, size_t length);
+void writeFile(const std::string &path, const std::vector<uint8_t> &bytes);
+
+// PGM when the name ends in .pgm, else PNG.
+void writePicture(const std::string &path, const Picture &picture);
+
+// Whether the name ends in the extension, letter case aside: hasExtension("A.PNG", ".png").
+bool hasExtension(const std::string &path, const std::string &extension);
+
+}  // namespace kelm::tools
