@@ -1,12 +1,16 @@
 # script/bench: ours against a peer, in the same run.
-find_package(OpenCV REQUIRED COMPONENTS core imgproc)
+# By hand: the packages of single OpenCV modules come without a CMake package.
+find_path(OPENCV_INCLUDE_DIR opencv2/core.hpp PATH_SUFFIXES opencv4 REQUIRED)
+find_library(OPENCV_CORE_LIBRARY opencv_core REQUIRED)
+find_library(OPENCV_IMGPROC_LIBRARY opencv_imgproc REQUIRED)
 find_library(FFTW3F_LIBRARY fftw3f REQUIRED)
 file(GLOB_RECURSE KELMTROVA_BENCH_SOURCES CONFIGURE_DEPENDS bench/*.cpp)
 add_executable(kelmtrova_bench ${KELMTROVA_BENCH_SOURCES})
 target_include_directories(kelmtrova_bench PRIVATE ${PROJECT_SOURCE_DIR})
-target_include_directories(kelmtrova_bench SYSTEM PRIVATE ${OpenCV_INCLUDE_DIRS})
+target_include_directories(kelmtrova_bench SYSTEM PRIVATE ${OPENCV_INCLUDE_DIR})
 target_link_libraries(kelmtrova_bench PRIVATE
-  kelmtrova_flags kelmtrova::kelmtrova opencv_core opencv_imgproc ${FFTW3F_LIBRARY} ${CMAKE_DL_LIBS})
+  kelmtrova_flags kelmtrova::kelmtrova ${OPENCV_CORE_LIBRARY} ${OPENCV_IMGPROC_LIBRARY}
+  ${FFTW3F_LIBRARY} ${CMAKE_DL_LIBS})
 target_link_options(kelmtrova_bench PRIVATE LINKER:--disable-new-dtags
   LINKER:-rpath-link,${PROJECT_BINARY_DIR}/lib/simulator)
 set_target_properties(kelmtrova_bench PROPERTIES
