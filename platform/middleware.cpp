@@ -1,0 +1,46 @@
+#include "platform/middleware.h"
+
+#include <algorithm>
+#include <array>
+#include <cstdint>
+
+extern "C" std::int32_t Icc_tsi_apiKelmDev(std::uint64_t device, std::uint64_t commandLength,
+                                           const std::uint8_t *command, std::uint64_t *answerLength,
+                                           std::uint8_t *answer);
+
+namespace {
+
+constexpr std::uint64_t kRefused = 0x80000000;
+constexpr std::uint16_t kDone = 0x9000;
+
+std::uint16_t send(std::uint64_t device, const std::uint8_t *command, std::uint64_t length) {
+  std::array<std::uint8_t, 256> answer;
+  std::uint64_t answerLength = answer.size();
+  return static_cast<std::uint16_t>(Icc_tsi_apiKelmDev(device, length, command, &answerLength, answer.data()));
+}
+
+}  // namespace
+
+std::uint64_t KelmSCardAuth(std::uint64_t device) {
+  constexpr std::uint8_t kAskWhetherVerified[] = {0x00, 0x20, 0x00, 0x00};
+  const std::uint16_t status = send(device, kAskWhetherVerified, sizeof kAskWhetherVerified);
+  return status == kDone ? 0 : kRefused | status;
+}
+
+#ifndef KELMPKCS_WITHOUT_PIN_ENTRY
+std::uint64_t KelmSCardVerifyUserPin(std::uint64_t device, std::uint64_t pin, std::uint8_t length,
+                                     std::uint64_t triesLeft) {
+  constexpr std::uint64_t kBadArgument = 0x8000B002;
+  constexpr std::uint16_t kBlocked = 0x6983;
+  constexpr std::uint8_t kLongestPin = 16;
+  if (pin == 0 || length == 0 || length > kLongestPin) return kBadArgument;
+  std::array<std::uint8_t, 5 + kLongestPin> command = {0x00, 0x20, 0x00, 0x00, length};
+  std::copy_n(reinterpret_cast<const std::uint8_t *>(pin), length, command.begin() + 5);
+  const std::uint16_t status = send(device, command.data(), 5U + length);
+  const bool refused = (status & 0xFFF0) == 0x63C0;
+  if (triesLeft != 0 && (refused || status == kBlocked)) {
+    *reinterpret_cast<std::uint8_t *>(triesLeft) = refused ? static_cast<std::uint8_t>(status & 0x0F) : 0;
+  }
+  return status == kDone ? 0 : kRefused | status;
+}
+#endif

@@ -1,0 +1,494 @@
+#include "platform/token/card.h"
+
+#include <algorithm>
+#include <cstring>
+
+namespace kelm::platform {
+namespace {
+
+enum Status : std::uint16_t {
+  kDone = 0x9000,
+  kMoreData = 0x6100,
+  kTriesLeftAre = 0x63C0,
+  kMemoryFailure = 0x6581,
+  kWrongLength = 0x6700,
+  kNotAllowed = 0x6982,
+  kBlocked = 0x6983,
+  kWrongConditions = 0x6985,
+  kNoFileSelected = 0x6986,
+  kNoImage = 0x6A07,
+  kNoFeaturesInImage = 0x6A08,
+  kNoFinger = 0x6A0E,
+  kNoTemplateFromFeatures = 0x6A10,
+  kNoFeatures = 0x6A11,
+  kSlotNotEnrolled = 0x6A12,
+  kTemplateFileMissing = 0x6A13,
+  kNotATemplate = 0x6A14,
+  kModeOutOfRange = 0x6A18,
+  kNoMatch = 0x6A21,
+  kWrongData = 0x6A80,
+  kFileNotFound = 0x6A82,
+  kNoRoom = 0x6A84,
+  kFileExists = 0x6A89,
+  kSelfTestFailed = 0x6AFA,
+  kWrongParameters = 0x6B00,
+  kLengthIs = 0x6C00,
+  kUnknownInstruction = 0x6D00,
+  kUnknownClass = 0x6E00,
+};
+
+constexpr std::size_t kHeaderSize = 5;
+constexpr std::size_t kLongestAnswer = 256;
+constexpr std::size_t kTemplateSize = 904;
+constexpr std::uint8_t kTemplateFileType = 0x28;
+constexpr std::size_t kFileMemory = 512 * 1024;
+constexpr std::size_t kImageHeaderSize = 8;
+constexpr std::size_t kLongestImageLine = 240;
+constexpr std::size_t kLongestPin = 16;
+constexpr std::uint8_t kCountingNoTries = 0x26;
+constexpr std::array<std::uint8_t, 4> kTemplateMark = {'K', 'F', 'P', 'T'};
+
+// One command on its way through the token.
+struct Call {
+  Store &store;
+  PowerSession &session;
+  const std::optional<Features> &finger;
+  ByteView command;
+
+  std::uint8_t p1() const { return command[2]; }
+  std::uint8_t p2() const { return command[3]; }
+  std::uint16_t p12() const { return static_cast<std::uint16_t>(p1() << 8 | p2()); }
+  std::size_t expected() const { return command[4] ? command[4] : kLongestAnswer; }
+  ByteView data() const { return command.size() > kHeaderSize ? command.subspan(kHeaderSize) : ByteView(); }
+};
+
+std::uint16_t bigEndian(ByteView bytes) { return static_cast<std::uint16_t>(bytes[0] << 8 | bytes[1]); }
+
+bool isOwnFile(std::uint16_t fid) {
+  return fid == kCounterFile || fid == kBlockFile || fid == kIndexFile || fid == kMasterFile;
+}
+
+Reply refuse(int status) { return {static_cast<std::uint16_t>(status)}; }
+
+Reply answerByte(std::int64_t value) { return {kDone, {static_cast<std::uint8_t>(value)}}; }
+
+// The two bytes that some commands answer; they say nothing.
+Reply answerTwo() { return {kDone, {0, 0}}; }
+
+// ---- Templates: a mark, the length of the finger, its digest, and zeros -------------------------------------------
+
+Bytes templateOf(const Features &features) {
+  Bytes bytes(kTemplateSize);
+  auto at = std::copy(kTemplateMark.begin(), kTemplateMark.end(), bytes.begin());
+  for (int shift = 0; shift < 64; shift += 8) *at++ = static_cast<std::uint8_t>(features.length >> shift);
+  std::copy(features.digest.begin(), features.digest.end(), at);
+  return bytes;
+}
+
+bool isTemplate(ByteView content) {
+  return content.size() >= kTemplateSize && std::equal(kTemplateMark.begin(), kTemplateMark.end(), content.begin());
+}
+
+// ---- Files --------------------------------------------------------------------------------------------------------
+
+Reply selectFile(const Call &call) {
+  const std::uint16_t fid = bigEndian(call.data());
+  if (fid == kMasterFile) {
+    call.session.selected.reset();
+    return {};
+  }
+  if (!call.store.readFile(fid)) return refuse(kFileNotFound);
+  call.session.selected = fid;
+  return {};
+}
+
+Reply readBinary(const Call &call) {
+  if (!call.session.selected) return refuse(kNoFileSelected);
+  const std::optional<Bytes> content = call.store.readFile(*call.session.selected);
+  if (!content) return refuse(kNoFileSelected);
+  if (call.p12() >= content->size()) return refuse(kWrongParameters);
+  const std::size_t rest = content->size() - call.p12();
+  std::size_t length = call.expected();
+  if (length > rest) {
+    if (call.command[4]) return refuse(kLengthIs | static_cast<int>(rest));
+    length = rest;
+  }
+  const auto first = content->begin() + call.p12();
+  return {kDone, Bytes(first, first + static_cast<std::ptrdiff_t>(length))};
+}
+
+Reply writeBinary(const Call &call) {
+  if (!call.session.selected) return refuse(kNoFileSelected);
+  std::optional<Bytes> content = call.store.readFile(*call.session.selected);
+  if (!content) return refuse(kNoFileSelected);
+  if (call.p12() >= content->size()) return refuse(kWrongParameters);
+  if (call.data().size() > content->size() - call.p12()) return refuse(kWrongLength);
+  std::copy(call.data().begin(), call.data().end(), content->begin() + call.p12());
+  call.store.writeFile(*call.session.selected, *content);
+  return {};
+}
+
+Reply createFile(const Call &call) {
+  const std::uint16_t fid = call.p12();
+  const std::size_t size = bigEndian(call.data().subspan(1));
+  if (fid == 0 || fid == 0xFFFF || call.data()[0] != kTemplateFileType || size == 0) return refuse(kWrongData);
+  if (isOwnFile(fid) || call.store.readFile(fid)) return refuse(kFileExists);
+  if (size > kLargestFile || call.store.totalSize() + size > kFileMemory) return refuse(kNoRoom);
+  call.store.createFile(fid, Bytes(size));
+  call.session.selected = fid;
+  return {};
+}
+
+Reply deleteFile(const Call &call) {
+  const std::uint16_t fid = bigEndian(call.data());
+  if (isOwnFile(fid)) return refuse(kWrongConditions);
+  const std::optional<Bytes> content = call.store.readFile(fid);
+  if (!content) return refuse(kFileNotFound);
+  // An enrolled finger is protected like enrollment itself; a file that never held one may go.
+  if (isTemplate(*content) && call.store.parameter(kPinRequired) && !call.session.pinVerified) {
+    return refuse(kNotAllowed);
+  }
+  call.store.deleteFile(fid);
+  if (call.session.selected == fid) call.session.selected.reset();
+  return {};
+}
+
+Reply getResponse(const Call &call) {
+  if (!call.session.pending) return refuse(kWrongConditions);
+  Reply &pending = *call.session.pending;
+  const std::size_t available = pending.data.size();
+  if (call.command[4] && call.expected() > available) return refuse(kLengthIs | static_cast<int>(available & 0xFF));
+  const std::size_t length = std::min(call.expected(), available);
+  const auto cut = pending.data.begin() + static_cast<std::ptrdiff_t>(length);
+  Reply reply{pending.status, Bytes(pending.data.begin(), cut)};
+  if (length < available) {
+    pending.data.erase(pending.data.begin(), cut);
+    reply.status = static_cast<std::uint16_t>(kMoreData | ((available - length) & 0xFF));
+  } else {
+    call.session.pending.reset();
+  }
+  return reply;
+}
+
+// ---- The user's PIN -----------------------------------------------------------------------------------------------
+
+Reply verifyPin(const Call &call) {
+  const std::int64_t tries = call.store.parameter(kPinTriesLeft);
+  if (call.data().empty()) {
+    if (call.session.pinVerified) return {};
+    return refuse(tries ? static_cast<int>(kTriesLeftAre | tries) : kBlocked);
+  }
+  if (call.data().size() > kLongestPin) return refuse(kWrongLength);
+  if (tries == 0) return refuse(kBlocked);
+  const std::string pin = call.store.pin();
+  call.session.pinVerified = std::equal(pin.begin(), pin.end(), call.data().begin(), call.data().end());
+  if (call.session.pinVerified) {
+    if (tries != kMaxPinTries) call.store.setParameter(kPinTriesLeft, kMaxPinTries);
+    return {};
+  }
+  call.store.setParameter(kPinTriesLeft, tries - 1);
+  return refuse(static_cast<int>(kTriesLeftAre | (tries - 1)));
+}
+
+// ---- The sensor ---------------------------------------------------------------------------------------------------
+
+Reply captureImage(const Call &call) {
+  if (!call.finger) return refuse(kNoFinger);
+  call.session.captured = call.finger;
+  return answerTwo();
+}
+
+Reply extractFeatures(const Call &call) {
+  PowerSession &session = call.session;
+  const std::size_t buffer = call.p2() - 1U;
+  if (buffer >= session.buffers.size()) return refuse(kWrongParameters);
+  if (!session.captured) return refuse(kNoImage);
+  if (session.captured->length == 0) return refuse(kNoFeaturesInImage);
+  session.buffers[buffer] = session.live = session.captured;
+  session.fresh[buffer] = true;
+  if (call.store.parameter(kFingerCache)) session.fingerCached = true;
+  return answerTwo();
+}
+
+// ---- Enrollment and matching --------------------------------------------------------------------------------------
+
+// The finger that all fresh buffers show; the last extracted one when none is fresh.
+std::optional<Features> featuresToEnroll(const PowerSession &session) {
+  for (std::size_t buffer = 0; buffer < session.buffers.size(); ++buffer) {
+    if (session.fresh[buffer] && session.buffers[buffer] != session.live) return std::nullopt;
+  }
+  return session.live;
+}
+
+Reply enroll(const Call &call) {
+  const std::optional<Bytes> content = call.store.readFile(call.p12());
+  if (!content) return refuse(kFileNotFound);
+  if (isOwnFile(call.p12())) return refuse(kWrongData);
+  if (content->size() < kTemplateSize) return refuse(kNoRoom);
+  const std::optional<Features> features = featuresToEnroll(call.session);
+  call.session.fresh = {};
+  if (!features) {
+    call.session.buffers = {};
+    call.session.live.reset();
+    return refuse(kNoTemplateFromFeatures);
+  }
+  Bytes bytes = templateOf(*features);
+  bytes.resize(content->size());
+  call.store.writeFile(call.p12(), bytes);
+  return answerTwo();
+}
+
+// Whether the template of a slot is that of the live finger: kDone, kNoMatch, or why it cannot be compared.
+Status compareSlot(const Call &call, ByteView index, std::size_t slot) {
+  const ByteView entry = index.subspan((slot - 1) * kIndexEntrySize, kIndexEntrySize);
+  const std::uint16_t fid = bigEndian(entry.subspan(2));
+  if (entry[0] != 1 || fid == 0) return kSlotNotEnrolled;
+  const std::optional<Bytes> content = call.store.readFile(fid);
+  if (!content) return kTemplateFileMissing;
+  if (!isTemplate(*content)) return kNotATemplate;
+  const Bytes live = templateOf(*call.session.live);
+  return std::equal(live.begin(), live.end(), content->begin()) ? kDone : kNoMatch;
+}
+
+// The verdict and, on a match, the slot. One-to-many passes over slots that cannot be compared.
+std::pair<Status, std::size_t> compare(const Call &call, std::size_t slots) {
+  const Bytes index = call.store.readFile(kIndexFile).value_or(Bytes());
+  if (index.size() < slots * kIndexEntrySize) throw StoreError("the template index is too short");
+  if (call.p2()) return {compareSlot(call, index, call.p2()), call.p2()};
+  Status verdict = kSlotNotEnrolled;
+  for (std::size_t slot = 1; slot <= slots; ++slot) {
+    const Status status = compareSlot(call, index, slot);
+    if (status == kDone) return {kDone, slot};
+    if (status == kNoMatch) verdict = kNoMatch;
+  }
+  return {verdict, 0};
+}
+
+Reply match(const Call &call) {
+  const auto slots = static_cast<std::size_t>(call.store.parameter(kSlots));
+  const std::int64_t tries = call.store.parameter(kTriesLeft);
+  const bool counts = call.p1() != kCountingNoTries;
+  if (call.p2() > slots) return refuse(kWrongParameters);
+  if (counts && tries == 0) return refuse(kBlocked);
+  if (!call.session.live) return refuse(kNoFeatures);
+  const auto [verdict, slot] = compare(call, slots);
+  call.session.fresh = {};
+  if (verdict == kDone) {
+    const std::int64_t all = call.store.parameter(kMaxTries);
+    if (counts && tries != all) call.store.setParameter(kTriesLeft, all);
+    return answerByte(static_cast<std::int64_t>(slot));
+  }
+  if (verdict != kNoMatch || !counts) return refuse(verdict);
+  call.store.setParameter(kTriesLeft, tries - 1);
+  return refuse(static_cast<int>(kTriesLeftAre | (tries - 1)));
+}
+
+// ---- The device ---------------------------------------------------------------------------------------------------
+
+Reply selfTest(const Call &call) { return call.store.sound() ? answerTwo() : refuse(kSelfTestFailed); }
+
+// 0 name, padded with zeros; 32 version; 34 slots; 35 feature buffers; 36 bytes of a template; 38 width and 40 height
+// of the sensor in pixels; 42 pixels per inch; 44 tries that matching allows. Numbers have the high byte first.
+Reply deviceInformation(const Call &call) {
+  constexpr std::string_view kName = "kelmtrova simulated token";
+  Bytes info(47);
+  std::copy(kName.begin(), kName.end(), info.begin());
+  constexpr std::uint8_t kNumbers[] = {1, 0, 0, 3, kTemplateSize >> 8, kTemplateSize & 0xFF, 1, 0, 1, 104, 1, 244};
+  std::copy(std::begin(kNumbers), std::end(kNumbers), info.begin() + 32);
+  info[34] = static_cast<std::uint8_t>(call.store.parameter(kSlots));
+  info[44] = static_cast<std::uint8_t>(call.store.parameter(kMaxTries));
+  return {kDone, info};
+}
+
+struct Field {
+  std::uint8_t p1;
+  std::string_view name;
+};
+
+// The one-byte parameters behind 80 F9, by the P1 that reads them; each but the first is set by the following P1.
+constexpr Field kFields[] = {{0x04, kSlots}, {0x05, kTimeOut}, {0x07, kSecurityLevel}, {0x0A, kImageGain}};
+
+Reply readField(const Call &call) {
+  const auto field = std::ranges::find(kFields, call.p1(), &Field::p1);
+  return answerByte(call.store.parameter(field->name));
+}
+
+Reply setField(const Call &call) {
+  const auto field = std::ranges::find(kFields, call.p1() - 1, &Field::p1);
+  call.store.setParameter(field->name, call.data()[0]);
+  return {};
+}
+
+Reply readVerifyMode(const Call &call) { return answerByte(call.store.parameter(kVerifyMode)); }
+
+Reply setVerifyMode(const Call &call) {
+  if (call.data()[0] > 2) return refuse(kModeOutOfRange);
+  call.store.setParameter(kVerifyMode, call.data()[0]);
+  return {};
+}
+
+// Bit 0: the PIN was verified; 1: the token asks for it; 2: matching is blocked; 3: the PIN is blocked.
+Reply securityState(const Call &call) {
+  return answerByte((call.session.pinVerified ? 1 : 0) | (call.store.parameter(kPinRequired) ? 2 : 0) |
+                    (call.store.parameter(kTriesLeft) ? 0 : 4) | (call.store.parameter(kPinTriesLeft) ? 0 : 8));
+}
+
+// Bit 0: the cache is on; 1: it holds a finger.
+Reply cacheState(const Call &call) {
+  return answerByte((call.store.parameter(kFingerCache) ? 1 : 0) | (call.session.fingerCached ? 2 : 0));
+}
+
+Reply clearCache(const Call &call) {
+  call.session.fingerCached = false;
+  return cacheState(call);
+}
+
+Reply switchCache(const Call &call) {
+  call.store.setParameter(kFingerCache, call.p1() == 0x02);
+  return clearCache(call);
+}
+
+// The header of a block: its first line, low byte first; two zeros; its number of lines; three zeros.
+Reply receiveImage(const Call &call) {
+  const ByteView data = call.data();
+  if (data.size() <= kImageHeaderSize) return refuse(kWrongLength);
+  const std::uint32_t pixels = static_cast<std::uint32_t>(data.size() - kImageHeaderSize);
+  ImageBlock block{static_cast<std::uint32_t>(data[0] | data[1] << 8), data[4], 0};
+  if (data[2] || data[3] || data[5] || data[6] || data[7]) return refuse(kWrongData);
+  if (block.lines == 0 || pixels % block.lines) return refuse(kWrongData);
+  block.lineLength = pixels / block.lines;
+  if (block.lineLength > kLongestImageLine) return refuse(kWrongData);
+  if (block.firstLine == 0) {
+    call.store.clearImage();
+  } else {
+    // A block follows the one before it or, sent once more after a failed transport, takes its place.
+    const std::optional<ImageBlock> last = call.store.lastBlock();
+    if (!last || last->lineLength != block.lineLength ||
+        (block.firstLine != last->firstLine + last->lines && block.firstLine != last->firstLine)) {
+      return refuse(kWrongData);
+    }
+  }
+  call.store.putBlock(block, data.subspan(kImageHeaderSize));
+  return {};
+}
+
+// ---- The table of commands ----------------------------------------------------------------------------------------
+
+enum class Frame : std::uint8_t {
+  kAsks,         // five bytes, the last being Le
+  kTells,        // Lc and data
+  kTellsOrAsks,  // Lc and data, or the header alone, with or without an Lc of 0
+};
+
+constexpr int kAny = -1;
+
+struct Rule {
+  std::uint8_t cla;
+  std::uint8_t ins;
+  int p1;
+  int p2;
+  Frame frame;
+  std::uint8_t length;  // the only good Lc, or the only good Le but for 0; 0 when several are good
+  bool needsPin;        // answers kNotAllowed when the token asks for a PIN and has not got it
+  Reply (*run)(const Call &);
+};
+
+constexpr Rule kRules[] = {
+    {0x00, 0x20, 0x00, 0x00, Frame::kTellsOrAsks, 0, false, verifyPin},
+    {0x00, 0xA4, 0x00, 0x00, Frame::kTells, 2, false, selectFile},
+    {0x00, 0xB0, kAny, kAny, Frame::kAsks, 0, false, readBinary},
+    {0x00, 0xC0, 0x00, 0x00, Frame::kAsks, 0, false, getResponse},
+    {0x00, 0xD0, kAny, kAny, Frame::kTells, 0, false, writeBinary},
+    {0x00, 0xD6, kAny, kAny, Frame::kTells, 0, false, writeBinary},
+    {0x00, 0xE4, 0x00, 0x00, Frame::kTells, 2, false, deleteFile},
+    {0x80, 0xE0, kAny, kAny, Frame::kTells, 7, false, createFile},
+    {0x80, 0xF7, 0x01, 0x00, Frame::kTells, 0, false, receiveImage},
+    {0x80, 0xF9, 0x00, 0x06, Frame::kAsks, 1, false, cacheState},
+    {0x80, 0xF9, 0x01, 0x06, Frame::kAsks, 1, false, clearCache},
+    {0x80, 0xF9, 0x02, 0x06, Frame::kAsks, 1, true, switchCache},
+    {0x80, 0xF9, 0x03, 0x06, Frame::kAsks, 1, true, switchCache},
+    {0x80, 0xF9, 0x04, 0x06, Frame::kAsks, 1, false, readField},
+    {0x80, 0xF9, 0x05, 0x06, Frame::kAsks, 1, false, readField},
+    {0x80, 0xF9, 0x06, 0x06, Frame::kTells, 1, true, setField},
+    {0x80, 0xF9, 0x07, 0x06, Frame::kAsks, 1, false, readField},
+    {0x80, 0xF9, 0x08, 0x06, Frame::kTells, 1, true, setField},
+    {0x80, 0xF9, 0x09, 0x00, Frame::kAsks, 1, false, securityState},
+    {0x80, 0xF9, 0x0A, 0x06, Frame::kAsks, 1, false, readField},
+    {0x80, 0xF9, 0x0B, 0x06, Frame::kTells, 1, true, setField},
+    {0x80, 0xFA, 0x00, 0x00, Frame::kAsks, 2, false, captureImage},
+    {0x80, 0xFA, 0x01, 0x00, Frame::kAsks, 2, false, selfTest},
+    {0x80, 0xFA, 0x02, 0x00, Frame::kAsks, 47, false, deviceInformation},
+    {0x80, 0xFB, 0x00, kAny, Frame::kAsks, 2, false, extractFeatures},
+    {0x80, 0xFC, kAny, kAny, Frame::kAsks, 2, true, enroll},
+    {0x80, 0xFD, 0x06, kAny, Frame::kAsks, 1, false, match},
+    {0x80, 0xFD, 0x16, kAny, Frame::kAsks, 1, false, match},
+    {0x80, 0xFD, kCountingNoTries, kAny, Frame::kAsks, 1, false, match},
+    {0x80, 0xFE, 0x00, 0x06, Frame::kTells, 1, true, setVerifyMode},
+    {0x80, 0xFE, 0x01, 0x06, Frame::kAsks, 1, false, readVerifyMode},
+};
+
+bool fits(int wanted, std::uint8_t byte) { return wanted == kAny || wanted == byte; }
+
+// kDone when the lengths are right for the rule.
+int checkFrame(const Rule &rule, ByteView command) {
+  const std::size_t size = command.size();
+  const std::uint8_t length = size >= kHeaderSize ? command[4] : 0;
+  if (rule.frame == Frame::kAsks) {
+    if (size != kHeaderSize) return kWrongLength;
+    return rule.length == 0 || length == 0 || length == rule.length ? kDone : kLengthIs | rule.length;
+  }
+  if (rule.frame == Frame::kTellsOrAsks && length == 0 && size <= kHeaderSize) return kDone;
+  const bool good = length != 0 && size == kHeaderSize + length && (rule.length == 0 || length == rule.length);
+  return good ? kDone : kWrongLength;
+}
+
+// In the order of ISO/IEC 7816-4: class, instruction, P1 and P2, length, security, and then the work itself.
+Reply dispatch(const Call &call) {
+  const ByteView command = call.command;
+  if (command.size() < 4) return refuse(kWrongLength);
+  if (command[0] != 0x00 && command[0] != 0x80) return refuse(kUnknownClass);
+  int status = kUnknownInstruction;
+  for (const Rule &rule : kRules) {
+    if (rule.cla != command[0] || rule.ins != command[1]) continue;
+    status = kWrongParameters;
+    if (!fits(rule.p1, command[2]) || !fits(rule.p2, command[3])) continue;
+    status = checkFrame(rule, command);
+    if (status != kDone) break;
+    if (rule.needsPin && call.store.parameter(kPinRequired) && !call.session.pinVerified) return refuse(kNotAllowed);
+    return rule.run(call);
+  }
+  return refuse(status);
+}
+
+}  // namespace
+
+// FNV-1a of 128 bits: fingers differ by accident, nobody forges them here.
+Features featuresOf(ByteView finger) {
+  __extension__ using Wide = unsigned __int128;
+  constexpr Wide kPrime = Wide{1} << 88 | 0x13B;
+  Wide hash = Wide{0x6C62272E07BB0142} << 64 | 0x62B821756295C58D;
+  for (const std::uint8_t byte : finger) hash = (hash ^ byte) * kPrime;
+  Features features{finger.size()};
+  for (std::uint8_t &byte : features.digest) {
+    byte = static_cast<std::uint8_t>(hash);
+    hash >>= 8;
+  }
+  return features;
+}
+
+Reply answerCommand(Store &store, PowerSession &session, const std::optional<Features> &finger, ByteView command) {
+  constexpr std::uint8_t kGetResponse = 0xC0;
+  const PowerSession before = session;
+  try {
+    Transaction transaction(store);
+    if (command.size() < 2 || command[1] != kGetResponse) session.pending.reset();
+    Reply reply = dispatch({store, session, finger, command});
+    transaction.commit();
+    return reply;
+  } catch (const StoreError &) {
+    session = before;
+    return refuse(kMemoryFailure);
+  }
+}
+
+}  // namespace kelm::platform
