@@ -73,8 +73,23 @@ typedef struct AxisPoint {
 KELMTROVA_API AxisPoint **AxisTransform(uint8_t n, uint8_t width, uint8_t height);
 KELMTROVA_API void AxisDestroy(AxisPoint **tables, uint8_t n);
 
-/* ---- Local sums ------------------------------------------------------------------------------------------------- */
+/* ---- Local sums -------------------------------------------------------------------------------------------------
+ *
+ * Box sums and box means. The words of a name give the samples of input and output: Char = unsigned 8-bit,
+ * Uint16 = unsigned 16-bit, Int = signed 32-bit, Float = single precision.
+ *
+ * A window size s covers 2 * (s >> 1) + 1 samples centred on the sample (4 acts like 5, 0 like 1) and is cut at the
+ * ends of the data: only samples that exist are added, also where the window is wider than the data. Integer sums wrap
+ * like their type. Floating-point sums are running sums in single precision: along every line the sum starts with
+ * x[0] + x[1] + ... + x[s >> 1], and from element to element the entering sample is added first, then the leaving one
+ * subtracted, while there are such.
+ */
 
+/*
+ * Sums along a vector: out[i * outStride] becomes the sum of the window around in[i * inStride], for i from 0 to n - 1.
+ * Strides count samples and may be zero or negative. The output must not overlap the input. Nothing is done for n below
+ * 1 or a null pointer.
+ */
 KELMTROVA_API void fvs_VectorLocalSumChar2Char(uint8_t *out, const uint8_t *in, int16_t outStride, int16_t inStride,
                                                int16_t n, uint8_t size);
 KELMTROVA_API void fvs_VectorLocalSumChar2Uint16(uint16_t *out, const uint8_t *in, int16_t outStride,
@@ -85,6 +100,19 @@ KELMTROVA_API void fvs_VectorLocalSumInt2Int(int32_t *out, const int32_t *in, in
                                              int16_t n, uint8_t size);
 KELMTROVA_API void fvs_VectorLocalSumFloat2Float(float *out, const float *in, int16_t outStride, int16_t inStride,
                                                  int16_t n, uint8_t size);
+
+/*
+ * Sums over an image of height x width samples, sizeX wide along the rows and sizeY high down the columns: first every
+ * row is summed, then every column of that result. Where the sample types are equal, out may be in; otherwise the two
+ * must not overlap.
+ *
+ * Results: 0 success; 1 the scratch memory could not be obtained, and nothing is written, except that
+ * fvs_ImageLocalSumChar2Uint16 then leaves the sums along the rows in out; 2 a null pointer or a dimension below 1,
+ * nothing is written.
+ *
+ * Scratch memory is one block: up to three lines of output samples, each sizeX + 32 samples longer than a row; in place
+ * also (sizeY >> 1) + 1 rows of the input, but no more than there are; for Float up to 2 * (sizeY >> 1) + 17 rows.
+ */
 KELMTROVA_API int32_t fvs_ImageLocalSumChar2Char(uint8_t *out, const uint8_t *in, int16_t height, int16_t width,
                                                  uint8_t sizeX, uint8_t sizeY);
 KELMTROVA_API int32_t fvs_ImageLocalSumChar2Uint16(uint16_t *out, const uint8_t *in, int16_t height, int16_t width,
@@ -95,15 +123,53 @@ KELMTROVA_API int32_t fvs_ImageLocalSumInt2Int(int32_t *out, const int32_t *in, 
                                                uint8_t sizeX, uint8_t sizeY);
 KELMTROVA_API int32_t fvs_ImageLocalSumFloat2Float(float *out, const float *in, int16_t height, int16_t width,
                                                    uint8_t sizeX, uint8_t sizeY);
+
+/*
+ * Box means: (sum + ((a + 1) >> 1)) / a with the nominal area a = sizeX * sizeY, whatever the window really covered:
+ * near the border the sum of the samples that exist is divided by the full area, and for an even size the sum covers one
+ * sample more than the size. Char: the sum is taken modulo 65536 and the low 8 bits of the quotient are kept. Int: sum
+ * and rounding term wrap, the division truncates toward zero. out may be in.
+ *
+ * Results: 0 success; 1 no scratch memory; 2 a null pointer, a dimension below 1 or a window size of 0; nothing is
+ * written unless 0. Scratch memory as for the sums, with 16-bit sums for Char.
+ */
 KELMTROVA_API int32_t fvs_ImageMeanChar2Char(uint8_t *out, const uint8_t *in, int16_t height, int16_t width,
                                              uint8_t sizeX, uint8_t sizeY);
 KELMTROVA_API int32_t fvs_ImageMeanInt2Int(int32_t *out, const int32_t *in, int16_t height, int16_t width,
                                            uint8_t sizeX, uint8_t sizeY);
 
-/* ---- Binary morphology ------------------------------------------------------------------------------------------ */
+/* ---- Binary morphology ------------------------------------------------------------------------------------------
+ *
+ * All of these work in place. Results: 0 success; 1 the scratch memory could not be obtained; 2 a null mask or a
+ * dimension below 1. The mask is unchanged unless the result is 0.
+ */
 
+/*
+ * 3 x 3 dilation and erosion; any non-zero value is foreground. "Interior" is every pixel that is not in the first or
+ * last row or column.
+ *  - BDilate sets the eight neighbours of each non-zero interior pixel to 255 and leaves everything else. Pixels of
+ *    the border spread nothing, but are set by an interior neighbour.
+ *  - BErode sets each interior pixel with a zero in its 3 x 3 neighbourhood to 0. The border never changes.
+ * Scratch memory: four rows.
+ */
 KELMTROVA_API int32_t BDilate(uint8_t *mask, int16_t height, int16_t width);
 KELMTROVA_API int32_t BErode(uint8_t *mask, int16_t height, int16_t width);
+
+/*
+ * Dilation and erosion by the number of foreground pixels in a window of sizeX x sizeY, covered and cut as for the
+ * local sums. With the nominal area a = sizeX * sizeY:
+ *  - BWDilateFast, on 0 / 1 bytes, sets pixels whose count is at least 0.1 * a + 0.7 (truncated) to 1 and keeps the
+ *    others;
+ *  - BWErodeFast, on 0 / 1 bytes, sets pixels whose count is not a to 0 and keeps the others.
+ *    Both count modulo 256; a above 255 is a bad argument (2).
+ *  - BWDilateFastUint16, on 0 / 1 samples, writes 1 where the count is at least 0.7 + a * 0.18 (truncated), else 0;
+ *  - BWErodeFastUint16, on 0 / 1 samples, writes 1 where the count is a, else 0;
+ *  - the MY_ forms do the same on bytes, in which any non-zero value is foreground and 255 is written.
+ * Where BWDilateFast and the other functions without MY_ find other values than 0 and 1, the count is the sum of the
+ * values, modulo 256 or 65536. The cut windows at the border hold fewer pixels than a, so erosion clears the border.
+ * Scratch memory is one block: (sizeY >> 1) + 1 rows of the mask, but no more than there are, and up to three lines of
+ * counts, each sizeX + 32 counts longer than a row.
+ */
 KELMTROVA_API int32_t BWDilateFast(uint8_t *mask, int16_t height, int16_t width, uint8_t sizeX, uint8_t sizeY);
 KELMTROVA_API int32_t BWErodeFast(uint8_t *mask, int16_t height, int16_t width, uint8_t sizeX, uint8_t sizeY);
 KELMTROVA_API int32_t BWDilateFastUint16(uint16_t *mask, int16_t height, int16_t width, uint8_t sizeX, uint8_t sizeY);

@@ -1,0 +1,340 @@
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <array>
+#include <cstdint>
+#include <random>
+#include <type_traits>
+#include <vector>
+
+#include "kelmtrova/image.h"
+#include "tests/support/allocation.h"
+#include "tests/support/guarded.h"
+
+namespace {
+
+using kelm::test::AllocationWatch;
+using kelm::test::Guard;
+using kelm::test::Guarded;
+
+std::mt19937 generator(41);
+
+template <typename T>
+void fillRandom(T *samples, std::size_t n) {
+  for (std::size_t i = 0; i < n; ++i) {
+    const std::uint32_t bits = static_cast<std::uint32_t>(generator());
+    if constexpr (std::is_same_v<T, float>) {
+      // Of very different sizes, so that any other order of the additions shows; negative zeros among them.
+      samples[i] =
+          bits % 16 == 0 ? -0.0F : static_cast<float>(static_cast<std::int32_t>(bits)) * (bits & 1 ? 1 : 1e-6F);
+    } else {
+      samples[i] = static_cast<T>(bits);
+    }
+  }
+}
+
+// The running sum over x[0], x[stride], ...: the order of the additions is that of the interface.
+template <typename Out, typename In>
+std::vector<Out> modelVector(const In *x, std::ptrdiff_t stride, int n, int size) {
+  using Sum = std::conditional_t<std::is_same_v<Out, float>, float, std::uint32_t>;
+  const int h = size / 2;
+  const auto at = [&](int i) { return static_cast<Sum>(x[i * stride]); };
+  std::vector<Out> y;
+  Sum sum = at(0);
+  for (int i = 1; i <= std::min(h, n - 1); ++i) {
+    sum += at(i);
+  }
+  for (int i = 0; i < n; ++i) {
+    y.push_back(static_cast<Out>(sum));
+    sum = i + h + 1 < n ? sum + at(i + h + 1) : sum;
+    sum = i - h >= 0 ? sum - at(i - h) : sum;
+  }
+  return y;
+}
+
+template <typename Out, typename In>
+std::vector<Out> modelImage(const In *in, int height, int width, int sizeX, int sizeY) {
+  std::vector<Out> rows;
+  for (int y = 0; y < height; ++y) {
+    const auto row = modelVector<Out>(in + static_cast<std::ptrdiff_t>(y) * width, 1, width, sizeX);
+    rows.insert(rows.end(), row.begin(), row.end());
+  }
+  std::vector<Out> out(rows.size());
+  for (int x = 0; x < width; ++x) {
+    const auto column = modelVector<Out>(rows.data() + x, width, height, sizeY);
+    for (int y = 0; y < height; ++y) {
+      out[static_cast<std::size_t>(y * width + x)] = column[static_cast<std::size_t>(y)];
+    }
+  }
+  return out;
+}
+
+std::vector<std::uint8_t> modelMean(const std::uint8_t *in, int height, int width, int sizeX, int sizeY) {
+  std::vector<std::uint8_t> out;
+  for (const std::uint16_t sum : modelImage<std::uint16_t>(in, height, width, sizeX, sizeY)) {
+    out.push_back(static_cast<std::uint8_t>((sum + ((sizeX * sizeY + 1) >> 1)) / (sizeX * sizeY)));
+  }
+  return out;
+}
+
+std::vector<std::int32_t> modelMean(const std::int32_t *in, int height, int width, int sizeX, int sizeY) {
+  std::vector<std::int32_t> out = modelImage<std::int32_t>(in, height, width, sizeX, sizeY);
+  for (std::int32_t &v : out) {
+    const auto rounding = static_cast<std::uint32_t>((sizeX * sizeY + 1) >> 1);
+    v = static_cast<std::int32_t>(static_cast<std::uint32_t>(v) + rounding) / (sizeX * sizeY);
+  }
+  return out;
+}
+
+template <typename T>
+bool sameBytes(const T *a, const std::vector<T> &b) {
+  return std::memcmp(a, b.data(), b.size() * sizeof(T)) == 0;
+}
+
+struct Case {
+  int height, width, sizeX, sizeY;
+};
+
+// Every length up to 130 in each direction, every window on small images, and a few large ones.
+std::vector<Case> cases() {
+  std::vector<Case> all = {
+      {361, 257, 31, 9}, {130, 1025, 3, 31}, {520, 33, 255, 255}, {3, 2000, 201, 3}, {1000, 1, 9, 99}};
+  for (int n = 1; n <= 130; ++n) {
+    const int size = static_cast<int>(generator() % 40);
+    all.push_back({1 + n % 21, n, size, 1 + n % 12});
+    all.push_back({n, 1 + n % 35, 1 + n % 12, size});
+  }
+  for (int size = 0; size < 256; ++size) {
+    all.push_back({19, 67, size, 1 + size % 7});
+    all.push_back({35, 18, 1 + size % 7, size});
+  }
+  return all;
+}
+
+// `call` on images hard against a guard page, into a separate image, and in place where that is provided for.
+template <typename Out, typename In, typename Call, typename Model>
+void compareWithModel(Call call, Model model, bool inPlace) {
+  int index = 0;
+  for (const Case &c : cases()) {
+    SCOPED_TRACE(testing::Message() << c.height << " x " << c.width << ", window " << c.sizeX << " x " << c.sizeY);
+    const Guard guard = ++index % 2 == 0 ? Guard::kBefore : Guard::kAfter;
+    const std::size_t n = static_cast<std::size_t>(c.height * c.width);
+    Guarded<In> in(n, guard);
+    Guarded<Out> out(n, guard);
+    fillRandom(in.data(), n);
+    const std::vector<In> before(in.begin(), in.end());
+    const auto expected = model(in.data(), c.height, c.width, c.sizeX, c.sizeY);
+    const auto height = static_cast<std::int16_t>(c.height);
+    const auto width = static_cast<std::int16_t>(c.width);
+    const auto sizeX = static_cast<std::uint8_t>(c.sizeX);
+    const auto sizeY = static_cast<std::uint8_t>(c.sizeY);
+    ASSERT_EQ(call(out.data(), in.data(), height, width, sizeX, sizeY), 0);
+    ASSERT_TRUE(sameBytes(out.data(), expected));
+    ASSERT_TRUE(sameBytes(in.data(), before));
+    if constexpr (std::is_same_v<In, Out>) {
+      if (inPlace) {
+        ASSERT_EQ(call(in.data(), in.data(), height, width, sizeX, sizeY), 0);
+        ASSERT_TRUE(sameBytes(in.data(), expected));
+      }
+    }
+  }
+}
+
+template <typename Out, typename In, typename Call>
+void compareSums(Call call, bool inPlace = true) {
+  compareWithModel<Out, In>(call, modelImage<Out, In>, inPlace);
+}
+
+template <typename T, typename Call>
+void compareMeans(Call call) {
+  compareWithModel<T, T>(
+      [&](T *out, const T *in, std::int16_t height, std::int16_t width, std::uint8_t sizeX, std::uint8_t sizeY) {
+        if (sizeX != 0 && sizeY != 0) {
+          return call(out, in, height, width, sizeX, sizeY);
+        }
+        EXPECT_EQ(call(out, in, height, width, sizeX, sizeY), 2);
+        return call(out, in, height, width, std::max<std::uint8_t>(sizeX, 1), std::max<std::uint8_t>(sizeY, 1));
+      },
+      [](const T *in, int height, int width, int sizeX, int sizeY) {
+        return modelMean(in, height, width, std::max(sizeX, 1), std::max(sizeY, 1));
+      },
+      true);
+}
+
+TEST(ImageLocalSum, EqualsPlainModel) {
+  compareSums<std::uint8_t, std::uint8_t>(fvs_ImageLocalSumChar2Char);
+  compareSums<std::uint16_t, std::uint8_t>(fvs_ImageLocalSumChar2Uint16);
+  compareSums<std::uint16_t, std::uint16_t>(fvs_ImageLocalSumUint162Uint16);
+  compareSums<std::int32_t, std::int32_t>(fvs_ImageLocalSumInt2Int);
+  compareSums<float, float>(fvs_ImageLocalSumFloat2Float);
+}
+
+TEST(ImageMean, EqualsPlainModel) {
+  compareMeans<std::uint8_t>(fvs_ImageMeanChar2Char);
+  compareMeans<std::int32_t>(fvs_ImageMeanInt2Int);
+}
+
+// Every sum that a window can make, for every area that two sizes can have: a row whose windows, 1 wide and as high as
+// the image, hold the sums wanted. The 32-bit mean gets the multiples of the area and their neighbours.
+TEST(ImageMean, DividesExactly) {
+  std::vector<bool> seen(255 * 255 + 1);
+  for (int sizeX = 1; sizeX < 256; ++sizeX) {
+    for (int sizeY = sizeX; sizeY < 256; ++sizeY) {
+      const int area = sizeX * sizeY;
+      if (seen[static_cast<std::size_t>(area)]) {
+        continue;
+      }
+      seen[static_cast<std::size_t>(area)] = true;
+      std::vector<std::int32_t> wanted;
+      for (int i = 0; i < 40; ++i) {
+        const std::int64_t quotient = static_cast<std::int32_t>(generator()) / area;
+        const std::int64_t sum = quotient * area - ((area + 1) >> 1) + static_cast<int>(generator() % 3) - 1;
+        wanted.push_back(static_cast<std::int32_t>(sum));
+      }
+      // Samples far apart: each window holds one of them.
+      std::vector<std::int32_t> in(wanted.size() * 256), out(in.size());
+      for (std::size_t i = 0; i < wanted.size(); ++i) {
+        in[i * 256 + 128] = wanted[i];
+      }
+      ASSERT_EQ(fvs_ImageMeanInt2Int(out.data(), in.data(), 1, static_cast<std::int16_t>(in.size()),
+                                     static_cast<std::uint8_t>(sizeX), static_cast<std::uint8_t>(sizeY)),
+                0);
+      const auto expected = modelMean(in.data(), 1, static_cast<int>(in.size()), sizeX, sizeY);
+      ASSERT_EQ(out, expected) << "area " << area;
+    }
+  }
+}
+
+template <typename Out, typename In, typename Call>
+void compareVectors(Call call) {
+  for (int n : {1, 2, 3, 5, 8, 17, 64, 130}) {
+    for (int size = 0; size < 256; size += n < 10 ? 1 : 7) {
+      for (const auto [outStride, inStride] :
+           {std::array{1, 1}, std::array{3, 2}, std::array{-2, 5}, std::array{7, -1}}) {
+        const auto length = [n](int stride) { return static_cast<std::size_t>((n - 1) * std::abs(stride) + 1); };
+        Guarded<In> in(length(inStride));
+        Guarded<Out> out(length(outStride));
+        fillRandom(in.data(), in.size());
+        fillRandom(out.data(), out.size());
+        const In *inBase = inStride < 0 ? in.end() - 1 : in.begin();
+        Out *outBase = outStride < 0 ? out.end() - 1 : out.begin();
+        std::vector<Out> expected(out.begin(), out.end());
+        const auto sums = modelVector<Out>(inBase, inStride, n, size);
+        for (int i = 0; i < n; ++i) {
+          expected[static_cast<std::size_t>(outBase - out.begin() + i * outStride)] = sums[static_cast<std::size_t>(i)];
+        }
+        call(outBase, inBase, static_cast<std::int16_t>(outStride), static_cast<std::int16_t>(inStride),
+             static_cast<std::int16_t>(n), static_cast<std::uint8_t>(size));
+        ASSERT_TRUE(sameBytes(out.data(), expected)) << n << ", window " << size << ", stride " << outStride;
+      }
+    }
+  }
+}
+
+TEST(VectorLocalSum, EqualsPlainModel) {
+  compareVectors<std::uint8_t, std::uint8_t>(fvs_VectorLocalSumChar2Char);
+  compareVectors<std::uint16_t, std::uint8_t>(fvs_VectorLocalSumChar2Uint16);
+  compareVectors<std::uint16_t, std::uint16_t>(fvs_VectorLocalSumUint162Uint16);
+  compareVectors<std::int32_t, std::int32_t>(fvs_VectorLocalSumInt2Int);
+  compareVectors<float, float>(fvs_VectorLocalSumFloat2Float);
+}
+
+TEST(LocalSums, WorkedExamples) {
+  const std::array<std::uint8_t, 5> vector = {1, 2, 3, 4, 5};
+  std::array<std::uint8_t, 5> sums{};
+  fvs_VectorLocalSumChar2Char(sums.data(), vector.data(), 1, 1, 5, 3);
+  EXPECT_EQ(sums, (std::array<std::uint8_t, 5>{3, 6, 9, 12, 9}));
+
+  std::vector<std::uint8_t> image(25, 255), out(25);
+  ASSERT_EQ(fvs_ImageLocalSumChar2Char(out.data(), image.data(), 5, 5, 3, 3), 0);
+  EXPECT_EQ(out[12], 247);
+  ASSERT_EQ(fvs_ImageMeanChar2Char(out.data(), image.data(), 5, 5, 1, 1), 0);
+  EXPECT_EQ(out[12], 0);
+  std::fill(image.begin(), image.end(), std::uint8_t{100});
+  ASSERT_EQ(fvs_ImageMeanChar2Char(out.data(), image.data(), 5, 5, 3, 3), 0);
+  EXPECT_EQ(out[12], 100);
+  EXPECT_EQ(out[2], 67);
+  EXPECT_EQ(out[0], 45);
+
+  const std::array<std::int32_t, 9> minus14 = {0, -14};
+  std::array<std::int32_t, 9> mean{};
+  ASSERT_EQ(fvs_ImageMeanInt2Int(mean.data(), minus14.data(), 3, 3, 3, 3), 0);
+  EXPECT_EQ(mean[4], -1);
+}
+
+template <typename Out, typename In, typename Call>
+void expectRejected(Call call) {
+  Out out[4] = {9, 9, 9, 9};
+  const In in[4] = {1, 2, 3, 4};
+  EXPECT_EQ(call(nullptr, in, 2, 2, 3, 3), 2);
+  EXPECT_EQ(call(out, nullptr, 2, 2, 3, 3), 2);
+  for (const auto bad : std::initializer_list<std::int16_t>{0, -1, -32768}) {
+    EXPECT_EQ(call(out, in, bad, 2, 3, 3), 2);
+    EXPECT_EQ(call(out, in, 2, bad, 3, 3), 2);
+  }
+  for (const Out untouched : out) {
+    EXPECT_EQ(untouched, 9);
+  }
+}
+
+TEST(LocalSums, BadArguments) {
+  expectRejected<std::uint8_t, std::uint8_t>(fvs_ImageLocalSumChar2Char);
+  expectRejected<std::uint16_t, std::uint8_t>(fvs_ImageLocalSumChar2Uint16);
+  expectRejected<std::uint16_t, std::uint16_t>(fvs_ImageLocalSumUint162Uint16);
+  expectRejected<std::int32_t, std::int32_t>(fvs_ImageLocalSumInt2Int);
+  expectRejected<float, float>(fvs_ImageLocalSumFloat2Float);
+  expectRejected<std::uint8_t, std::uint8_t>(fvs_ImageMeanChar2Char);
+  expectRejected<std::int32_t, std::int32_t>(fvs_ImageMeanInt2Int);
+  // Vectors without samples, and any stride over the one element that there is.
+  std::uint8_t one = 7;
+  fvs_VectorLocalSumChar2Char(&one, &one, 1, 1, 0, 3);
+  fvs_VectorLocalSumChar2Char(&one, &one, 1, 1, -32768, 3);
+  fvs_VectorLocalSumChar2Char(nullptr, &one, 1, 1, 1, 3);
+  fvs_VectorLocalSumChar2Char(&one, nullptr, 1, 1, 1, 3);
+  EXPECT_EQ(one, 7);
+  fvs_VectorLocalSumChar2Char(&one, &one, 0, 0, 32767, 0);
+  EXPECT_EQ(one, 7);
+}
+
+template <typename Out, typename In, typename Call>
+void expectMemoryFailure(Call call, const std::vector<Out> &expected) {
+  std::vector<In> in(20 * 30);
+  for (std::size_t i = 0; i < in.size(); ++i) {
+    in[i] = static_cast<In>(i % 200);
+  }
+  std::vector<Out> out(in.size(), Out{9});
+  std::int64_t outstanding = 1;
+  std::int32_t result = 0;
+  {
+    AllocationWatch watch(1);
+    result = call(out.data(), in.data(), 20, 30, 13, 7);
+  }
+  EXPECT_EQ(result, 1);
+  EXPECT_EQ(out, expected.empty() ? std::vector<Out>(in.size(), Out{9}) : expected);
+  {
+    AllocationWatch watch;
+    result = call(out.data(), in.data(), 20, 30, 13, 7);
+    outstanding = watch.outstanding();
+    EXPECT_EQ(watch.allocations(), 1U);
+  }
+  EXPECT_EQ(result, 0);
+  EXPECT_EQ(outstanding, 0);
+}
+
+TEST(LocalSums, ExhaustedMemory) {
+  expectMemoryFailure<std::uint8_t, std::uint8_t>(fvs_ImageLocalSumChar2Char, {});
+  expectMemoryFailure<std::uint16_t, std::uint16_t>(fvs_ImageLocalSumUint162Uint16, {});
+  expectMemoryFailure<std::int32_t, std::int32_t>(fvs_ImageLocalSumInt2Int, {});
+  expectMemoryFailure<float, float>(fvs_ImageLocalSumFloat2Float, {});
+  expectMemoryFailure<std::uint8_t, std::uint8_t>(fvs_ImageMeanChar2Char, {});
+  expectMemoryFailure<std::int32_t, std::int32_t>(fvs_ImageMeanInt2Int, {});
+  // The one member that delivers the sums along the rows when memory is short.
+  std::vector<std::uint8_t> in(20 * 30);
+  for (std::size_t i = 0; i < in.size(); ++i) {
+    in[i] = static_cast<std::uint8_t>(i % 200);
+  }
+  expectMemoryFailure<std::uint16_t, std::uint8_t>(fvs_ImageLocalSumChar2Uint16,
+                                                   modelImage<std::uint16_t>(in.data(), 20, 30, 13, 1));
+}
+
+}  // namespace
