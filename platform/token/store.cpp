@@ -288,6 +288,8 @@ void Store::fail() const {
       throw StoreError(name_ + ": there is no token");
     case SQLITE_NOTADB:
       throw StoreError(name_ + ": not the store of a token");
+    case SQLITE_CORRUPT:
+      throw StoreError(name_ + ": the store of the token is damaged");
     case SQLITE_BUSY:
       throw StoreError(name_ + ": the token is busy");
     default:
