@@ -2,6 +2,7 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <array>
 #include <cstdint>
 #include <cstring>
@@ -41,12 +42,19 @@ struct Model {
   bool refusesForPin() const { return asksForPin && !pinVerified; }
 };
 
+// In memory where the system has such a file system: each step is synchronised with the disk, which takes its time.
+std::string scratchFolder() {
+  const std::filesystem::path memory = "/dev/shm";
+  const std::filesystem::path base =
+      access(memory.c_str(), W_OK) == 0 ? memory : std::filesystem::temp_directory_path();
+  std::string name = (base / "kelmtrova.XXXXXX").string();
+  EXPECT_NE(mkdtemp(name.data()), nullptr);
+  return name;
+}
+
 class RandomWalk : public testing::TestWithParam<std::uint16_t> {
  protected:
-  RandomWalk() : random(GetParam()) {
-    std::string name = (std::filesystem::temp_directory_path() / "kelmtrova.XXXXXX").string();
-    EXPECT_NE(mkdtemp(name.data()), nullptr);
-    folder = name;
+  RandomWalk() : random(GetParam()), folder(scratchFolder()) {
     const SimulatorPersonalisation personalisation = {kSlotCount, GetParam(), kMaxTries, "1234"};
     EXPECT_EQ(simulatorCreate((folder / "token.db").c_str(), &personalisation), 0) << simulatorError();
     model.counter = GetParam();
@@ -284,9 +292,11 @@ TEST_P(RandomWalk, TokenAndModelStayTogether) {
     takeStep();
   }
   checkIndex();
+  // The walk went past the counter values for whose sake it began where it did.
+  EXPECT_GE(model.counter, std::min(GetParam() + 6U, 0x800U));
 }
 
-// Counter values from which the walk passes the file of the master file, and the last value that gives a file.
-INSTANTIATE_TEST_SUITE_P(FromCounter, RandomWalk, testing::Values<std::uint16_t>(0x002A, 0x01F0, 0x07D0));
+// Beyond 0x01F8 would come the file of the master file; 0x07FF is the last value that gives a file.
+INSTANTIATE_TEST_SUITE_P(FromCounter, RandomWalk, testing::Values<std::uint16_t>(0x002A, 0x01F6, 0x07FC));
 
 }  // namespace
