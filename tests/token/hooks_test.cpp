@@ -1,0 +1,59 @@
+#include "tests/token/hooks.h"
+
+#include <dlfcn.h>
+#include <gtest/gtest.h>
+
+#include <cstdarg>
+
+namespace kelm::test {
+
+Hooks hooks;
+
+void restart(std::int32_t status, const Bytes &data) {
+  hooks = {};
+  device = {};
+  device.answer = [=](const Bytes &) { return Answer{.status = status, .data = data}; };
+}
+
+}  // namespace kelm::test
+
+using namespace kelm::test;
+
+#define REPLACED __attribute__((visibility("default")))
+
+REPLACED void MYTRACE(const char *format, ...) {
+  if (device.fixed == nullptr) {
+    char text[200];
+    va_list arguments;
+    va_start(arguments, format);
+    std::vsnprintf(text, sizeof text, format, arguments);
+    va_end(arguments);
+    device.log.push_back(text);
+  }
+}
+
+REPLACED std::uint64_t MyLock(const SCardConnection *handle) {
+  if (handle == nullptr || ++hooks.locks == hooks.lockFails) {
+    return 0;
+  }
+  if (device.fixed == nullptr) {
+    device.log.push_back("lock");
+  }
+  return 0x1000 + static_cast<std::uint64_t>(hooks.locks);
+}
+
+REPLACED void MyUnlock(std::uint64_t token) {
+  if (device.fixed == nullptr) {
+    const bool own = token == 0x1000 + static_cast<std::uint64_t>(hooks.locks);
+    device.log.push_back(token == 0 ? "unlock 0" : own ? "unlock" : "unlock of another token");
+  }
+}
+
+REPLACED std::uint32_t SCardAPDU(const SCardConnection *handle, std::uint8_t *command, std::uint64_t commandLength,
+                                 std::uint8_t *response, std::uint64_t *responseLength) {
+  if (hooks.apdu) {
+    return hooks.apdu(command, commandLength, response, responseLength);
+  }
+  static const auto own = reinterpret_cast<decltype(&SCardAPDU)>(dlsym(RTLD_NEXT, "SCardAPDU"));
+  return own(handle, command, commandLength, response, responseLength);
+}
