@@ -122,7 +122,7 @@ TEST(Transport, DeviceManagerAnswers) {
     EXPECT_EQ(call.length, expected.length);
     const Guarded<std::uint8_t> received(expected.length + 2);
     std::uint64_t length = 0;
-    EXPECT_EQ(SCardTransmit(1, nullptr, call.command.data(), 5, nullptr, received.data(), &length), 0);
+    EXPECT_EQ(SCardTransmit(kScriptedDevice, nullptr, call.command.data(), 5, nullptr, received.data(), &length), 0);
     EXPECT_EQ(length, expected.length + 2);
     EXPECT_EQ(received[expected.length] << 8 | received[expected.length + 1], static_cast<int>(expected.status));
   }
@@ -147,7 +147,7 @@ TEST(Transport, NothingSentWithoutUsableHandleOrBuffers) {
   EXPECT_EQ(SCardAPDU(&call.connection, nullptr, 5, call.response.data(), &call.length), 0xFFFFU);
   EXPECT_EQ(SCardAPDU(&call.connection, call.command.data(), 5, nullptr, &call.length), 0xFFFFU);
   EXPECT_EQ(SCardAPDU(&call.connection, call.command.data(), 5, call.response.data(), nullptr), 0xFFFFU);
-  EXPECT_EQ(SCardTransmit(1, nullptr, nullptr, 0, nullptr, call.response.data(), &call.length), 0);
+  EXPECT_EQ(SCardTransmit(kScriptedDevice, nullptr, nullptr, 0, nullptr, call.response.data(), &call.length), 0);
   EXPECT_EQ(device.exchanges, 0U);
 }
 

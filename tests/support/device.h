@@ -1,6 +1,9 @@
-// A device manager for tests: it takes the place of libkelmkmgr.so's entry in the test program that includes it.
+// A device manager for tests: in the test program that includes it, it answers for the one scripted device and leaves
+// all others to libkelmkmgr.so.
 #ifndef KELMTROVA_TESTS_SUPPORT_DEVICE_H
 #define KELMTROVA_TESTS_SUPPORT_DEVICE_H
+
+#include <dlfcn.h>
 
 #include <algorithm>
 #include <cstdint>
@@ -30,6 +33,7 @@ struct Device {
   std::vector<std::string> log;  // commands in hexadecimal, and what the hooks add
 };
 inline Device device;
+constexpr std::uint64_t kScriptedDevice = 0x1122334455667788;
 
 inline std::string hex(std::span<const std::uint8_t> bytes) {
   std::string text;
@@ -44,7 +48,7 @@ inline std::string hex(std::span<const std::uint8_t> bytes) {
 inline SCardConnection readyConnection() {
   SCardConnection connection{};
   connection.bState = KELM_CONNECTION_READY;
-  connection.hDevice = 0x1122334455667788;
+  connection.hDevice = kScriptedDevice;
   return connection;
 }
 
@@ -57,9 +61,14 @@ inline std::int32_t deliver(const Answer &given, std::uint64_t *length, std::uin
 }  // namespace kelm::test
 
 extern "C" __attribute__((visibility("default"), used)) inline std::int32_t Icc_tsi_apiKelmDev(
-    std::uint64_t /*handle*/, std::uint64_t commandLength, const std::uint8_t *command, std::uint64_t *answerLength,
+    std::uint64_t handle, std::uint64_t commandLength, const std::uint8_t *command, std::uint64_t *answerLength,
     std::uint8_t *answer) {
   using namespace kelm::test;
+  if (handle != kScriptedDevice) {
+    using Entry = std::int32_t(std::uint64_t, std::uint64_t, const std::uint8_t *, std::uint64_t *, std::uint8_t *);
+    static const auto own = reinterpret_cast<Entry *>(dlsym(RTLD_NEXT, "Icc_tsi_apiKelmDev"));
+    return own(handle, commandLength, command, answerLength, answer);
+  }
   ++device.exchanges;
   if (device.fixed != nullptr) {
     return deliver(*device.fixed, answerLength, answer);

@@ -19,6 +19,12 @@ void restart(std::int32_t status, const Bytes &data) {
 
 using namespace kelm::test;
 
+namespace {
+
+bool isScripted(const SCardConnection *handle) { return handle != nullptr && handle->hDevice == kScriptedDevice; }
+
+}  // namespace
+
 #define REPLACED __attribute__((visibility("default")))
 
 REPLACED void MYTRACE(const char *format, ...) {
@@ -33,7 +39,10 @@ REPLACED void MYTRACE(const char *format, ...) {
 }
 
 REPLACED std::uint64_t MyLock(const SCardConnection *handle) {
-  if (handle == nullptr || ++hooks.locks == hooks.lockFails) {
+  if (!isScripted(handle)) {
+    return reinterpret_cast<std::uintptr_t>(handle);
+  }
+  if (++hooks.locks == hooks.lockFails) {
     return 0;
   }
   if (device.fixed == nullptr) {
@@ -51,7 +60,7 @@ REPLACED void MyUnlock(std::uint64_t token) {
 
 REPLACED std::uint32_t SCardAPDU(const SCardConnection *handle, std::uint8_t *command, std::uint64_t commandLength,
                                  std::uint8_t *response, std::uint64_t *responseLength) {
-  if (hooks.apdu) {
+  if (hooks.apdu && isScripted(handle)) {
     return hooks.apdu(command, commandLength, response, responseLength);
   }
   static const auto own = reinterpret_cast<decltype(&SCardAPDU)>(dlsym(RTLD_NEXT, "SCardAPDU"));
