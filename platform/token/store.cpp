@@ -284,8 +284,11 @@ void Store::execute(const char *sql) {
 
 void Store::fail() const {
   switch (sqlite3_errcode(database_.get()) & 0xFF) {
-    case SQLITE_CANTOPEN:
-      throw StoreError(name_ + ": there is no token");
+    case SQLITE_CANTOPEN: {
+      std::error_code ignored;
+      throw StoreError(name_ +
+                       (std::filesystem::exists(name_, ignored) ? ": cannot be opened" : ": there is no token"));
+    }
     case SQLITE_NOTADB:
       throw StoreError(name_ + ": not the store of a token");
     case SQLITE_CORRUPT:

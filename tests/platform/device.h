@@ -4,6 +4,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <array>
 #include <cstdint>
 #include <cstdio>
@@ -71,14 +72,14 @@ struct Device {
   }
 };
 
-struct Exchanged {
-  const char *command;
-  const char *answer;
-};
-
-template <std::size_t count>
-void converse(const Device &token, const Exchanged (&lines)[count]) {
-  for (const Exchanged &line : lines) EXPECT_EQ(token(line.command), line.answer) << line.command;
+// Says "command = answer; command = answer" to the token, in this order.
+inline void converse(const Device &token, std::string_view lines) {
+  while (!lines.empty()) {
+    const std::string_view line = lines.substr(0, lines.find("; "));
+    lines.remove_prefix(std::min(lines.size(), line.size() + 2));
+    const std::size_t middle = line.find(" = ");
+    EXPECT_EQ(token(line.substr(0, middle)), line.substr(middle + 3)) << line;
+  }
 }
 
 #endif

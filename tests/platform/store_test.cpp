@@ -31,23 +31,16 @@ TEST_F(StoreTest, MemoryLastsAndThePowerSessionDoesNot) {
   {
     const Device token(store);
     token.enroll("left thumb", 3);
-    converse(token, {
-                        {"80 F9 06 06 01 63", "9000"},
-                        {"00 20 00 00 04 32 34 36 38", "9000"},
-                        {"80 F7 01 00 0A 00 00 00 00 01 00 00 00 11 22", "9000"},
-                    });
+    converse(token,
+             "80 F9 06 06 01 63 = 9000; 00 20 00 00 04 32 34 36 38 = 9000; "
+             "80 F7 01 00 0A 00 00 00 00 01 00 00 00 11 22 = 9000");
     token.takeFinger("a stranger");
     EXPECT_EQ(token("80 FD 06 03 01"), "63C2");
   }
   const Device token(store);
-  converse(token, {
-                      {"80 F9 05 06 01", "63 9000"},
-                      {"80 FA 00 00 02", "6A0E"},
-                      {"80 FB 00 01 02", "6A07"},
-                      {"80 FD 06 03 01", "6A11"},
-                      {"00 B0 00 00 01", "6986"},
-                      {"80 F9 09 00 01", "00 9000"},
-                  });
+  converse(token,
+           "80 F9 05 06 01 = 63 9000; 80 FA 00 00 02 = 6A0E; 80 FB 00 01 02 = 6A07; 80 FD 06 03 01 = 6A11; "
+           "00 B0 00 00 01 = 6986; 80 F9 09 00 01 = 00 9000");
   EXPECT_EQ(simulatorGetImage(token.number, nullptr, nullptr, nullptr, 0), 2);
   std::array<std::uint16_t, 3> fids{};
   EXPECT_EQ(simulatorListFiles(token.number, fids.data(), fids.size()), 4);
@@ -63,7 +56,7 @@ TEST_F(StoreTest, TwoDevicesShareIt) {
   const Device two(store);
   ASSERT_EQ(one("00 A4 00 00 02 00 20"), "9000");
   ASSERT_EQ(one("00 D0 00 01 02 77 00"), "9000");
-  converse(two, {{"00 B0 00 01 01", "6986"}, {"00 A4 00 00 02 00 20", "9000"}, {"00 B0 00 01 01", "77 9000"}});
+  converse(two, "00 B0 00 01 01 = 6986; 00 A4 00 00 02 00 20 = 9000; 00 B0 00 01 01 = 77 9000");
   const auto createFiles = [](const Device &token, const char *group) {
     for (int file = 10; file < 60; ++file) {
       const std::string command =
