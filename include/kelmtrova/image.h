@@ -30,13 +30,53 @@ extern "C" {
 
 /* ---- Image buffers ---------------------------------------------------------------------------------------------- */
 
+/*
+ * Copies height * width bytes. 0 done, 1 if a pointer is null. An empty image copies nothing and is done. Images that
+ * overlap are not provided for.
+ */
 KELMTROVA_API int32_t ImageCopy(uint8_t *destination, const uint8_t *source, uint16_t height, uint16_t width);
+
+/* Sets all pixels to 0. 0 done, 1 if the image is null. */
 KELMTROVA_API int32_t ImageClear(uint8_t *image, uint16_t height, uint16_t width);
+
+/* Sets all pixels to the value. 0 done, 1 if the image is null. */
 KELMTROVA_API int32_t ImageFlood(uint8_t *image, uint8_t value, uint16_t height, uint16_t width);
+
+/*
+ * A new image of outHeight * outWidth pixels in which every source pixel is a square of 2 x 2:
+ * out(x, y) = source(x / 2, y / 2). The caller releases it with free().
+ *
+ * sourceWidth is the length of a source row, sourceHeight the number of rows; the source may be larger than what is
+ * read of it. Null without memory, for a null source, and for a source that is too small: fewer than outHeight / 2
+ * rows or outWidth / 2 columns, rounded up. An output without pixels reads no source pixel, needs no source extent and
+ * gives a buffer of zero bytes, which is not null.
+ */
 KELMTROVA_API uint8_t *ImageEnlarge(const uint8_t *source, uint16_t sourceHeight, uint16_t sourceWidth,
                                     uint16_t outHeight, uint16_t outWidth);
+
+/*
+ * A new image of outHeight * outWidth pixels, each of them about the source pixel (2x, 2y): row 0 and column 0 are
+ * those source pixels as they are; every other one is the 3 x 3 weighted mean about it, with the weights 0.4015
+ * (centre) and 0.2992 (neighbour) along each axis, rows first, in single precision and truncated. The weights of an
+ * axis add up to 0.9999: a uniform 255 becomes 254. The caller releases the image with free(). 4 KiB of stack.
+ *
+ * sourceWidth is the length of a source row, sourceHeight the number of rows; the source may be larger than what is
+ * read of it. Null without memory, for a null source, and for a source that is too small: fewer than 2 * outHeight rows
+ * or 2 * outWidth columns, or one less of each when the output has a single row or a single column. An output without
+ * pixels is treated as by ImageEnlarge.
+ */
 KELMTROVA_API uint8_t *ImageReduce(const uint8_t *source, uint16_t sourceHeight, uint16_t sourceWidth,
                                    uint16_t outHeight, uint16_t outWidth);
+
+/*
+ * Brings the image to a target mean and variance, in place. With m and v, the rounded mean of the image and its
+ * variance about m (as HistogramGetMean and HistogramGetVariance2 give them), every pixel p becomes
+ * (p - m) * sqrt(targetVariance) / sqrt(v) + targetMean, in single precision, cut to 0 ... 255 and rounded, halves up.
+ * A uniform image becomes targetMean.
+ *
+ * 0 done, 1 if the image is null. Also 0, with the image unchanged, when the scratch memory (256 bytes) cannot be
+ * obtained.
+ */
 KELMTROVA_API int32_t ImageNormalize(uint8_t *image, uint16_t height, uint16_t width, uint8_t targetMean,
                                      uint32_t targetVariance);
 
@@ -47,18 +87,69 @@ typedef struct Histogram {
   uint32_t counter[256];
 } Histogram;
 
+/* A new histogram with undefined counters, or null without memory. Released with HistogramDestroy or free(). */
 KELMTROVA_API Histogram *HistogramCreate(void);
+
+/* Releases a histogram; null is allowed. */
 KELMTROVA_API void HistogramDestroy(Histogram *histogram);
+
+/*
+ * A new histogram of all pixels of the image; of an image without pixels, one with every counter 0. Null without memory
+ * or for a null image. Released with HistogramDestroy or free(). 8 KiB of stack.
+ */
 KELMTROVA_API Histogram *HistogramCompute(const uint8_t *image, uint16_t height, uint16_t width);
+
+/*
+ * The rounded mean grey level (halves up). Exact while the sum of all grey levels plus half the number of pixels stays
+ * below 2^31; beyond that the signed 32-bit sum wraps around. 0 for a histogram without pixels and for null.
+ */
 KELMTROVA_API uint8_t HistogramGetMean(const Histogram *histogram);
+
+/*
+ * The rounded mean (halves up) of the squared deviations from the rounded mean, or from a given mean. Exact while the
+ * sum of the squares plus half the number of pixels stays below 2^32; beyond that the sum wraps around. 0 for a
+ * histogram without pixels and for null.
+ */
 KELMTROVA_API uint32_t HistogramGetVariance(const Histogram *histogram);
 KELMTROVA_API uint32_t HistogramGetVariance2(const Histogram *histogram, uint8_t mean);
+
+/*
+ * Writes a picture of n counters to a file: n columns and 256 rows of one byte each, top row first, without any header.
+ * Column i has a white bar (255) on black (0) that stands on the bottom row and is counters[i] * (255 / largest counter)
+ * pixels high, truncated; with every counter 0 there is no bar. n = 0 writes an empty file.
+ *
+ * The result is always 0, so a failure does not show in it. Nothing is written for a negative n, a null pointer, without
+ * memory for the picture (n * 256 bytes), or when the file cannot be opened: an older file at the path then stays as it
+ * is. A file that cannot be written to its end is removed.
+ */
 KELMTROVA_API int32_t HistogramPrint(const uint32_t *counters, int16_t n, const char *path);
 
 /* ---- Fourier transform and histogram smoothing ------------------------------------------------------------------ */
 
+/*
+ * The discrete Fourier transform, in place, of a signal of n complex samples re[i] + i * im[i], n a power of two from 2
+ * to 16384. FFT gives X[k] = 1/n * sum of x[j] * e^(-2 pi i j k / n). IFFT applies the same sum once more, without the
+ * 1/n and with the same negative exponent: IFFT after FFT returns the signal in reversed circular order, element j at
+ * (n - j) mod n.
+ *
+ * Radix-2 decimation in frequency in single precision. The angle of a butterfly is a running single-precision sum of
+ * the stage's step; its cosine and sine are computed in double precision and rounded to single. No heap memory, 5 KiB
+ * of stack. For any other n, or when an array is null, the arrays stay untouched.
+ */
 KELMTROVA_API void FFT(float *re, float *im, uint16_t n);
 KELMTROVA_API void IFFT(float *re, float *im, int32_t n);
+
+/*
+ * Smooths a histogram in place, in the frequency domain: bin i of the spectrum of 128 bins, and bin 127 - i as well, is
+ * multiplied by 1 / (0.414 * (i / D)^4 + 1). The counters become the absolute values of the filtered bins, truncated;
+ * what a signed 32-bit integer cannot hold becomes 2^31. Counter j receives the filtered value of bin j + 1.
+ *
+ * HistogramSmooth first folds pairs of its 256 counters into 128 bins (counter[i] = counter[2i] + counter[2i + 1]) and
+ * smooths them with D = 5 into counters 0 ... 107. Counters 108 ... 127 keep the folded counts, 128 ... 255 become 0.
+ * HistogramSmooth128 smooths 128 counters with D = 7, all of them: counter 127 receives the filtered value of bin 0.
+ *
+ * 0 done, 2 for null. No heap memory.
+ */
 KELMTROVA_API int32_t HistogramSmooth(Histogram *counters);
 KELMTROVA_API int32_t HistogramSmooth128(uint32_t *counters);
 
@@ -70,7 +161,18 @@ typedef struct AxisPoint {
   int16_t y;
 } AxisPoint;
 
+/*
+ * Tables of the offsets of a window of width * height pixels (the width comes first here), rotated by n + 1 angles from
+ * -90 to +90 degrees: angle r is r * 180 / n - 90 degrees. Table r holds width * height points, row-major. The point of
+ * window row i and column j is the offset dx = j - width / 2, dy = i - height / 2 (halves of odd extents rounded down),
+ * rotated by angle r about the centre and rounded, halves away from zero.
+ *
+ * The array of n + 1 tables belongs to the caller, who releases it with AxisDestroy and the same n. Null without memory
+ * (nothing stays allocated) and when n, width or height is 0.
+ */
 KELMTROVA_API AxisPoint **AxisTransform(uint8_t n, uint8_t width, uint8_t height);
+
+/* Releases the n + 1 tables and their array; null is allowed. */
 KELMTROVA_API void AxisDestroy(AxisPoint **tables, uint8_t n);
 
 /* ---- Local sums -------------------------------------------------------------------------------------------------

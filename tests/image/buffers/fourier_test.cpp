@@ -6,6 +6,7 @@
 #include <random>
 #include <vector>
 
+#include "image/buffers/twiddle.h"
 #include "kelmtrova/image.h"
 #include "tests/support/guarded.h"
 
@@ -77,6 +78,25 @@ TEST(Fourier, EqualsTheLiteralLoopBitForBit) {
       IFFT(reGot.data(), imGot.data(), n);
       literalTransform(re, im);
       EXPECT_TRUE(sameBits(reGot, re) && sameBits(imGot, im)) << "inverse " << n;
+    }
+  }
+}
+
+TEST(Fourier, FactorsEqualTheCLibraryAtEveryAngle) {
+  for (std::uint32_t half = 1; half <= 8192; half *= 2) {
+    const auto step = static_cast<float>(6.283185307179586 / (2.0 * half));
+    Signal angles(half), c(half), s(half);
+    float angle = 0;
+    for (float &a : angles) {
+      a = angle;
+      angle += step;
+    }
+    kelm::image::computeTwiddles(c.data(), s.data(), angles.data(), half);
+    for (std::size_t j = 0; j < half; ++j) {
+      const float cosine = static_cast<float>(std::cos(static_cast<double>(angles[j])));
+      const float sine = static_cast<float>(std::sin(static_cast<double>(angles[j])));
+      ASSERT_TRUE(std::memcmp(&c[j], &cosine, sizeof c[j]) == 0 && std::memcmp(&s[j], &sine, sizeof s[j]) == 0)
+          << half << " " << j;
     }
   }
 }
