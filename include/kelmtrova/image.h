@@ -194,8 +194,8 @@ KELMTROVA_API void AxisDestroy(AxisPoint **tables, uint8_t n);
  */
 KELMTROVA_API void fvs_VectorLocalSumChar2Char(uint8_t *out, const uint8_t *in, int16_t outStride, int16_t inStride,
                                                int16_t n, uint8_t size);
-KELMTROVA_API void fvs_VectorLocalSumChar2Uint16(uint16_t *out, const uint8_t *in, int16_t outStride,
-                                                 int16_t inStride, int16_t n, uint8_t size);
+KELMTROVA_API void fvs_VectorLocalSumChar2Uint16(uint16_t *out, const uint8_t *in, int16_t outStride, int16_t inStride,
+                                                 int16_t n, uint8_t size);
 KELMTROVA_API void fvs_VectorLocalSumUint162Uint16(uint16_t *out, const uint16_t *in, int16_t outStride,
                                                    int16_t inStride, int16_t n, uint8_t size);
 KELMTROVA_API void fvs_VectorLocalSumInt2Int(int32_t *out, const int32_t *in, int16_t outStride, int16_t inStride,
@@ -276,34 +276,81 @@ KELMTROVA_API int32_t BWDilateFast(uint8_t *mask, int16_t height, int16_t width,
 KELMTROVA_API int32_t BWErodeFast(uint8_t *mask, int16_t height, int16_t width, uint8_t sizeX, uint8_t sizeY);
 KELMTROVA_API int32_t BWDilateFastUint16(uint16_t *mask, int16_t height, int16_t width, uint8_t sizeX, uint8_t sizeY);
 KELMTROVA_API int32_t BWErodeFastUint16(uint16_t *mask, int16_t height, int16_t width, uint8_t sizeX, uint8_t sizeY);
-KELMTROVA_API int32_t MY_BWDilateFastUint16(uint8_t *mask, int16_t height, int16_t width, uint8_t sizeX,
-                                            uint8_t sizeY);
-KELMTROVA_API int32_t MY_BWErodeFastUint16(uint8_t *mask, int16_t height, int16_t width, uint8_t sizeX,
-                                           uint8_t sizeY);
+KELMTROVA_API int32_t MY_BWDilateFastUint16(uint8_t *mask, int16_t height, int16_t width, uint8_t sizeX, uint8_t sizeY);
+KELMTROVA_API int32_t MY_BWErodeFastUint16(uint8_t *mask, int16_t height, int16_t width, uint8_t sizeX, uint8_t sizeY);
 
 /* ---- Region growing --------------------------------------------------------------------------------------------- */
 
-/* A stack of packed pixel positions: column in the low 16 bits, row in the high 16 bits. */
+/* A stack of packed pixel positions: column in the low 16 bits, row in the high 16 bits. It never grows. */
 typedef struct ZooList {
   uint32_t *items;  /* storage for capacity entries */
   int32_t count;    /* entries held; the top entry is items[count - 1] */
   int32_t capacity; /* fixed when the list is made */
 } ZooList;
 
+/*
+ * Makes an empty list with zero-filled storage for `capacity` entries. A capacity below 1 takes no storage and holds
+ * nothing; when the storage cannot be obtained, items is null and capacity 0. What the record held before is ignored:
+ * it is not released. Release the list with zooClearup(). Null is ignored.
+ */
 KELMTROVA_API void zooInitList(ZooList *list, int32_t capacity);
+/* Adds an entry. Result 1; 0 when the list is full, has no storage or is null, and nothing changes. */
 KELMTROVA_API int32_t zooPush(ZooList *list, uint32_t entry);
+/* Takes the top entry. Result 1; 0 when the list is empty or a pointer is null, and nothing changes. */
 KELMTROVA_API int32_t zooPop(ZooList *list, uint32_t *entry);
+/* 1 when the list holds no entry (or is null), else 0. */
 KELMTROVA_API int32_t zooIsListEmpty(const ZooList *list);
+/* Releases the storage of a list whose capacity is at least 1 and sets items to null; otherwise does nothing. */
 KELMTROVA_API void zooClearup(ZooList *list);
+
+/*
+ * Fills the 4-connected region around a seed pixel. A pixel matches when it differs from seedValue by less than
+ * `tolerance`; every pixel of the region is set to `label`. Reported: the number of pixels filled and the columns and
+ * rows that the region spans. Outputs that are not wanted may be null.
+ *
+ * A seed that does not match is not filled, but when its left neighbour matches, the region of that one is; a
+ * seedColumn of `width` stands for the place behind the last pixel of the row in the same way. When neither matches,
+ * but some pixel of the image does, area is 0 and the box is that of an empty run at the seed: left = min(width,
+ * seedColumn), right = max(0, seedColumn - 1), top = bottom = seedRow.
+ *
+ * Nothing is filled, area is 0 and (left, top, right, bottom) is (width, height, 0, 0) when no pixel of the image
+ * matches, when the seed lies outside the image, when the label itself would match (a fill with such a label has no
+ * end), and when the scratch memory cannot be obtained: 4 bytes for every matching pixel of the whole image. A null
+ * image or a dimension below 1: nothing is done, the outputs are untouched.
+ */
 KELMTROVA_API void RegionGrow(uint8_t *image, int16_t height, int16_t width, int16_t seedRow, int16_t seedColumn,
                               uint32_t *area, int16_t *left, int16_t *top, int16_t *right, int16_t *bottom,
                               uint8_t seedValue, uint8_t label, uint8_t tolerance);
-KELMTROVA_API int32_t RemoveSmallArea(uint8_t *image, int16_t height, int16_t width, uint8_t value,
-                                      uint8_t replacement, int16_t largest);
+/*
+ * Sets every 4-connected area of pixels equal to `value` that has at most `largest` pixels to `replacement`. A negative
+ * `largest` means no limit: every such area is replaced.
+ *
+ * Results: 0 success; 1 scratch memory could not be obtained; 2 a null image, a dimension below 1, or equal values. On
+ * 1 and 2 the image is unchanged. Scratch memory: 8 bytes for every run of `value` along the rows (which is less than
+ * the image in usual masks, at most about 4 times the image when every other pixel has the value) and 4 bytes per row.
+ */
+KELMTROVA_API int32_t RemoveSmallArea(uint8_t *image, int16_t height, int16_t width, uint8_t value, uint8_t replacement,
+                                      int16_t largest);
 
 /* ---- Mean smoothing and stripe removal -------------------------------------------------------------------------- */
 
+/*
+ * 3 x 3 mean: the sum of the samples that lie in the image, divided by 9 and truncated. The divisor is 9 at the border
+ * too, so a constant image of 90 becomes 60 along the edges and 40 in the corners; an image of one row or column sums
+ * what there is in the same way. Source and destination may be the same image or overlap in any way.
+ *
+ * Results: 0 success; 1 scratch memory (8 bytes per column) could not be obtained; 2 a null pointer or a dimension
+ * below
+ * 1. On 1 and 2 the destination is untouched.
+ */
 KELMTROVA_API int32_t MeanSmooth(const uint8_t *source, uint8_t *destination, int16_t height, int16_t width);
+/*
+ * Sets every run of `value` that is at most `longest` pixels long to `fill`: runs along the rows for direction 0, down
+ * the columns for direction 1; any other direction, and longest = 0, leave the image as it is. Runs that touch the
+ * border count like all others.
+ *
+ * Results: 0 success; 2 a null image or a dimension below 1. Takes no memory but about 35 KiB of the stack.
+ */
 KELMTROVA_API int32_t RemoveStripe(uint8_t *image, int16_t height, int16_t width, uint8_t value, uint8_t fill,
                                    uint8_t longest, uint8_t direction);
 
@@ -329,8 +376,7 @@ typedef struct FingerprintBlockField {
 KELMTROVA_API int32_t FingerprintGetDirectionFloat(const uint8_t *image, uint16_t height, uint16_t width,
                                                    uint16_t fullHeight, uint16_t fullWidth, uint8_t smoothWindow,
                                                    uint8_t reserved, int32_t **products, int32_t **differences,
-                                                   FingerprintBlockField *direction8,
-                                                   FingerprintBlockField *orientGrad,
+                                                   FingerprintBlockField *direction8, FingerprintBlockField *orientGrad,
                                                    FingerprintBlockField *direction16);
 KELMTROVA_API int32_t FingerprintOrientGrad(FingerprintBlockField *output, const FingerprintBlockField *input);
 KELMTROVA_API int32_t AngleDiffAbs(int32_t a, int32_t b);
@@ -342,29 +388,84 @@ KELMTROVA_API int32_t FpGetFrequency(const uint8_t *image, int16_t height, int16
 
 /* ---- Four-direction gradients ----------------------------------------------------------------------------------- */
 
+/*
+ * How much the grey level varies along four directions: 0 horizontal, 1 rising to the right, 2 vertical, 3 falling to
+ * the right. A grid point lies on every step-th pixel of every step-th row: rows = height / step, cols = width / step,
+ * point (gx, gy) on pixel (gx * step, gy * step). Its value is the sum of |neighbour - m| over the six pixels at
+ * distances 1, 2, 3 on either side along the direction, where m is the mean of these and the centre, truncated; 0 to
+ * 1530.
+ *
+ * The maps have rows * cols values, row-major, and belong to the caller (free()). A picture smaller than the step gives
+ * a map without values, which is released all the same. There is no limit on the width.
+ *
+ * FpGetImg4DirectionGrads makes the map of one direction; row 0 and column 0 of the grid stay 0. The last point of a
+ * row may lie `step` pixels from the edge, so a step below 4 is refused. Results: 0, and *map is the map; 1 it could
+ * not be allocated, and *map is null; 2 a null pointer, a dimension below 1, a step below 4 or a direction above 3, and
+ * *map is not written.
+ */
 KELMTROVA_API uint32_t FpGetImg4DirectionGrads(const uint8_t *image, int16_t height, int16_t width, uint16_t **map,
                                                uint8_t direction, uint8_t step);
+/*
+ * The maps of all four directions: an array of four pointers, element d for direction d; the caller releases the four
+ * maps and then the array. The first and the last row and column of the grid stay 0. Null for a null image, a dimension
+ * below 1, a step below 3, or when memory could not be obtained; nothing stays allocated then.
+ */
 KELMTROVA_API uint16_t **FpGetImg4DirectionGradsEx(const uint8_t *image, int16_t height, int16_t width, uint8_t step);
 
 /* ---- Block quality ---------------------------------------------------------------------------------------------- */
 
-/* Quality grades of the blocks of an image. */
+/* Quality grades of the blocks of an image, 0 to 255; block row r, block column c at grades[r * cols + c]. */
 typedef struct BlockQualityMap {
-  uint8_t blkH; /* block height in pixels: 16 */
-  uint8_t blkW; /* block width in pixels: 16 */
-  uint16_t rows;
-  uint16_t cols;
+  uint8_t blkH;    /* block height in pixels: 16 */
+  uint8_t blkW;    /* block width in pixels: 16 */
+  uint16_t rows;   /* (height - 1) / 16 + 1 */
+  uint16_t cols;   /* (width - 1) / 16 + 1 */
   uint8_t *grades; /* rows * cols grades; released by the caller with free() */
 } BlockQualityMap;
 
+/*
+ * Grades blocks of 16 x 16 pixels by contrast and by how far their sample points agree on one ridge direction. A block
+ * has 4 x 4 cells of 4 x 4 pixels. With the four directional gradients of a cell, its direction is the one with the
+ * least gradient (the lowest of equal ones), its mean is their sum >> 2, at most 255. The grade is the mean of the cell
+ * means, truncated, times the share of the cells that have the commonest direction, truncated; the grades are then
+ * smoothed with MeanSmooth(). Only whole blocks are graded: where height or width is not a multiple of 16, the last row
+ * or column of `grades` stays 0. `reserved` is not read.
+ *
+ * Results: 0 success; 1 memory could not be obtained; 2 a null pointer or a dimension below 1, and the map is
+ * unchanged; 2 also when the image is less than 16 pixels high or wide and so holds no whole block. The map's header is
+ * filled in on every result but the first kind of 2, and so is `grades`, which belongs to the caller from then on (zero
+ * when the result is not 0, null when itself could not be obtained): set it to null before the call, release it after.
+ */
 KELMTROVA_API uint32_t ImageBlkQuality(BlockQualityMap *map, const uint8_t *image, int16_t height, int16_t width,
                                        uint64_t reserved);
+/*
+ * The same from the caller's direction maps: grads[d] is the map of direction d with step 4 as
+ * FpGetImg4DirectionGradsEx(image, height, width, 4) makes it. The image must not be null but is not read. The maps
+ * stay the caller's. Values are read as signed 16-bit numbers; of a cell mean below 0, which no picture gives, the low
+ * 8 bits are used. A null array or map is a result 2 that leaves the map unchanged.
+ */
 KELMTROVA_API uint32_t ImageBlkQualityEx(BlockQualityMap *map, const uint8_t *image, int16_t height, int16_t width,
                                          uint64_t reserved, uint16_t *const *grads);
 
 /* ---- Continuity check ------------------------------------------------------------------------------------------- */
 
+/*
+ * Mode 0: sums[r] = the sum of row r, for `rows` rows of `width` samples. Any other mode: sums[c] = the sum of column
+ * c. Sums wrap modulo 2^32. Does nothing for a null pointer or a dimension below 1.
+ */
 KELMTROVA_API void Project(int32_t *sums, const uint8_t *image, int32_t rows, int32_t width, uint32_t mode);
+/*
+ * Whether light gaps break up a fingerprint image: 1 when they do, 0 otherwise.
+ *
+ * A row is light when its sum is above (width - 10) * level. A run of light rows start..end with start > 3,
+ * start <= height - 10, end > 9 and end < height - 4 is a band across the image: 1. Otherwise the image is cut into
+ * strips of 16 rows (what is left over is not examined); a column of a strip is light when its sum is above 15 * level;
+ * a run of light columns with start > 15, start <= width - 15, end > 14, end < width - 15 and at least 7 columns is a
+ * gap. With G gaps in all strips and P rows that are not light, the answer is 1 when G * 16 / P, in single precision,
+ * is above 0.45. Runs that reach the last row or column never count.
+ *
+ * 0 also for a null image, a dimension below 1 or one above 1024. Any level is allowed. Takes no memory.
+ */
 KELMTROVA_API int32_t NotContinue(const uint8_t *image, int32_t height, int32_t width, int32_t level);
 
 #ifdef __cplusplus
