@@ -7,7 +7,10 @@ add_executable(kelmtrova_program ${KELMTROVA_PROGRAM_SOURCES})
 target_include_directories(kelmtrova_program PRIVATE ${PROJECT_SOURCE_DIR})
 target_link_libraries(kelmtrova_program PRIVATE
   kelmtrova_flags kelmtrova::kelmtrova CLI11::CLI11 nlohmann_json::nlohmann_json PNG::PNG ${CMAKE_DL_LIBS})
+target_compile_definitions(kelmtrova_program PRIVATE KELM_VERSION="${PROJECT_VERSION}")
+# Its SCardTransmit and MYTRACE take the place of the library's.
 target_link_options(kelmtrova_program PRIVATE LINKER:--disable-new-dtags
+  LINKER:--export-dynamic-symbol=SCardTransmit LINKER:--export-dynamic-symbol=MYTRACE
   LINKER:-rpath-link,${PROJECT_BINARY_DIR}/lib/simulator)
 set_target_properties(kelmtrova_program PROPERTIES OUTPUT_NAME kelmtrova
   BUILD_RPATH "$ORIGIN/../lib;$ORIGIN/../lib/simulator"

@@ -1,0 +1,128 @@
+#include "tools/demo.h"
+
+#include <cstdlib>
+#include <filesystem>
+#include <iostream>
+#include <string>
+#include <vector>
+
+#include "tools/exit_codes.h"
+#include "tools/failure.h"
+#include "tools/image/commands.h"
+#include "tools/program.h"
+#include "tools/token/simulator_link.h"
+
+namespace kelm::tools {
+
+namespace {
+
+struct Step {
+  const char *story;  // null goes on with the step before
+  std::vector<std::string> words;
+  int expected = kExitDone;
+};
+
+const std::vector<Step> &steps() {
+  static const std::vector<Step> all = {
+      {"A new token, simulated: six slots, and three failed matches block it.",
+       {"token", "create", "--slots", "6", "--tries", "3"}},
+      {"Is a fingerprint token there, is it sound, and what is it?", {"token", "selftest"}},
+      {nullptr, {"token", "info"}},
+      {"Three fingers are enrolled. On the simulated sensor a name is a finger; the same name is the same finger.",
+       {"token", "enroll", "--finger", "anna-thumb", "--label", "Anna, thumb"}},
+      {nullptr, {"token", "enroll", "--finger", "ben-index", "--label", "Ben, index", "--tag", "7"}},
+      {nullptr, {"token", "enroll", "--finger", "ben-thumb", "--label", "Ben, thumb", "--tag", "7", "--slot", "5"}},
+      {nullptr, {"token", "slots"}},
+      {"Is it Anna? Verification compares with one slot; -v shows what goes over the wire.",
+       {"token", "verify", "--slot", "1", "--finger", "anna-thumb", "-v"}},
+      {nullptr, {"token", "verify", "--slot", "1", "--finger", "ben-thumb"}, kExitNoMatch},
+      {"Who is it? Identification compares with all slots; a match gives all tries back.",
+       {"token", "identify", "--finger", "ben-thumb"}},
+      {nullptr, {"token", "identify", "--finger", "ben-index", "--json"}},
+      {"Ben's index finger goes. Its slot is free again, and a new template gets a file of its own.",
+       {"token", "delete", "--slot", "2"}},
+      {nullptr, {"token", "identify", "--finger", "ben-index"}, kExitNoMatch},
+      {nullptr, {"token", "enroll", "--finger", "cleo-ring", "--label", "Cleo, ring"}},
+      {nullptr, {"token", "slots"}},
+      {"A stranger tries until the token blocks itself; then even Anna is refused.",
+       {"token", "verify", "--slot", "1", "--finger", "stranger"},
+       kExitNoMatch},
+      {nullptr, {"token", "verify", "--slot", "1", "--finger", "stranger"}, kExitRefused},
+      {nullptr, {"token", "verify", "--slot", "1", "--finger", "anna-thumb"}, kExitRefused},
+      {nullptr, {"token", "unblock"}},
+      {nullptr, {"token", "verify", "--slot", "1", "--finger", "anna-thumb"}},
+      {"A token can ask for its PIN before templates are written.", {"token", "pin", "require", "on"}},
+      {nullptr, {"token", "enroll", "--finger", "dora-thumb", "--label", "Dora, thumb"}, kExitRefused},
+      {nullptr, {"token", "enroll", "--finger", "dora-thumb", "--label", "Dora, thumb", "--pin", "1234"}},
+      {nullptr, {"token", "params", "--time-out", "20"}},
+  };
+  return all;
+}
+
+std::string makeFolder(const char *name) {
+  std::string path = (std::filesystem::temp_directory_path() / name).string() + "-XXXXXX";
+  if (mkdtemp(path.data()) == nullptr) throw Failure(kExitUsage, "no temporary folder can be made: " + path);
+  return path;
+}
+
+// The place of the default token for as long as it lives: a folder of its own.
+class TemporaryHome {
+ public:
+  TemporaryHome() : path_(makeFolder("kelmtrova-demo")) { setenv("XDG_DATA_HOME", path_.c_str(), 1); }
+  ~TemporaryHome() {
+    std::error_code ignored;
+    std::filesystem::remove_all(path_, ignored);
+  }
+  TemporaryHome(const TemporaryHome &) = delete;
+  TemporaryHome &operator=(const TemporaryHome &) = delete;
+
+ private:
+  std::string path_;
+};
+
+std::string quoted(const std::string &word) {
+  return word.find_first_of(" ,") == std::string::npos ? word : '"' + word + '"';
+}
+
+void show(const Step &step) {
+  if (step.story != nullptr) std::cout << "\n# " << step.story << '\n';
+  std::cout << "$ kelmtrova";
+  for (const std::string &word : step.words) std::cout << ' ' << quoted(word);
+  std::cout << std::endl;
+}
+
+// True when every command did what it should.
+bool showLife() {
+  constexpr const char *kMeanings[] = {"done", "no match", "wrong usage", "the token refused", "no token"};
+  const TemporaryHome home;
+  for (const Step &step : steps()) {
+    show(step);
+    const int exitCode = runProgram(step.words);
+    if (exitCode != kExitDone) std::cout << "[exit code " << exitCode << ": " << kMeanings[exitCode] << "]\n";
+    if (exitCode != step.expected) return false;
+  }
+  return true;
+}
+
+}  // namespace
+
+int runDemo() {
+  if (simulatorLink() == nullptr) {
+    throw Failure(kExitNoToken, "the demo needs a simulated token; the device manager libkelmkmgr.so is a real one");
+  }
+  std::cout << "The life of a fingerprint token, in this program's own commands. The token is simulated: its protocol\n"
+               "and its bookkeeping, not biometrics.\n";
+  // What goes to standard error belongs to the transcript, in its place.
+  std::streambuf *const before = std::cerr.rdbuf(std::cout.rdbuf());
+  const bool whole = showLife();
+  std::cerr.rdbuf(before);
+  if (!whole) throw Failure(kExitRefused, "the demo stopped: the last command did not do what it should");
+  const std::string pictures = makeFolder("kelmtrova-report");
+  const int exitCode = demoImage(pictures);
+  // Stays when there is a report in it.
+  std::error_code ignored;
+  std::filesystem::remove(pictures, ignored);
+  return exitCode;
+}
+
+}  // namespace kelm::tools

@@ -1,0 +1,191 @@
+#include "tools/token/words.h"
+
+#include <cstdio>
+
+namespace kelm::tools {
+
+namespace {
+
+constexpr const char *kLayAgain = "clean the sensor, lay the finger flat on it and try again";
+constexpr const char *kTryAgain = "try again; if it stays so, -v shows where the token refuses";
+constexpr const char *kAskVendor = "the token's handbook explains its own status words; -v shows the exchange";
+constexpr const char *kOwnBug = "please report it with the output of -v";
+
+constexpr ResultWords kResults[] = {
+    {0x00000000, "done", ""},
+    {0x80000101, "the token would not create the template file",
+     "its memory may be full (delete a slot), or its FID counter yields the file of another: the FIDs 0x0020, 0x0040 "
+     "and 0x0520 are the token's own files, so personalise it with a counter that starts beyond 0x29"},
+    {0x80000102, "a template file had to be erased again after a failure, and could not be",
+     "a file that no slot names may be left on the token; try again, or personalise the token anew"},
+    {0x80000107, "the token's FID counter could not be read or written", kTryAgain},
+    {0x80000108, "the index entry could not be written, so the new template was erased again", "enroll again"},
+    {0x8000010A, "the token's middleware libkelmpkcs.so, or its entry KelmSCardAuth, could not be loaded",
+     "install the middleware where the dynamic loader finds it (LD_LIBRARY_PATH names further folders)"},
+    {0x8000010C, "the token's middleware libkelmpkcs.so, or its entry KelmSCardVerifyUserPin, could not be loaded",
+     "install the middleware where the dynamic loader finds it (LD_LIBRARY_PATH names further folders)"},
+    {0x80006581, "the token could not write its memory", "try again; a token that stays so is worn out"},
+    {0x80006700, "the token found the length of the command wrong", "it may take smaller pictures only"},
+    {0x80006982, "the token wants its PIN first", "give it with --pin"},
+    {0x80006983, "matching is blocked: no tries are left",
+     "unblock the token (`kelmtrova token unblock` on a simulated one, else the tool of its maker)"},
+    {0x80006A07, "the token has no image to extract features from (6A07)", kLayAgain},
+    {0x80006A08, "the token found no features in the image (6A08)", kLayAgain},
+    {0x80006A09, "the capture failed", kTryAgain},
+    {0x80006A0B, "the token could not use the image (6A0B)", kLayAgain},
+    {0x80006A0E, "no finger came onto the sensor (6A0E)",
+     "lay one on it (--finger on a simulated token) and try again"},
+    {0x80006A0F, "the slot count or the FID counter could not be learned or advanced, or the counter is used up",
+     "try again; a token whose counter left 1 to 0x7FF must be personalised anew"},
+    {0x80006A10, "the features did not make a template, they may be of different fingers (6A10)",
+     "enroll again with one finger, laid flat"},
+    {0x80006A11, "the token has no features to work on (6A11)", kLayAgain},
+    {0x80006A12, "nothing is enrolled to compare with (6A12)", "`kelmtrova token slots` shows what is enrolled"},
+    {0x80006A13, "the slot's template file is missing on the token (6A13)", "enroll the finger again"},
+    {0x80006A14, "the slot's template file holds no template (6A14)", "enroll the finger again"},
+    {0x80006A18, "the token does not take this verify mode", "choose another, 0 to 2"},
+    {0x80006A21, "the finger does not match", kLayAgain},
+    {0x80006A2F, "the finger matches none that is enrolled", kLayAgain},
+    {0x80006A80, "the token found the data of the command wrong", "it may not take pictures of this size"},
+    {0x80006A82, "the slot's template file was missing on the token and has been made anew", "enroll once more"},
+    {0x80006AFA, "the token's self-test failed", "unplug it and plug it in again; a token that stays so is broken"},
+    {0x80006AFB, "the token cannot do this", "it may be of another kind; `kelmtrova token selftest` checks it"},
+    {0x80006B00, "the token found the parameters of the command wrong", kAskVendor},
+    {0x80009901, "the slot could not be cleared entirely", "delete it once more, or enroll into it, which repairs it"},
+    {0x80009902, "the token's template index could not be read",
+     "try again; a token without its index file 0x0520 must be personalised anew"},
+    {0x80009903, "the picture's lines are longer than 240 pixels", "reduce it first"},
+    {0x80009909, "the connection to the token could not be locked", kOwnBug},
+    {0x8000B001, "the token gave an answer that this command does not expect, or none at all", kTryAgain},
+    {0x8000B002, "a number is out of range", "`kelmtrova token info` says how many slots the token has"},
+    {0x8000B003, "there is not enough memory", "close other programs"},
+};
+
+struct StatusWords {
+  std::uint16_t status, mask;
+  const char *words;
+};
+
+constexpr StatusWords kStatuses[] = {
+    {0x9000, 0xFFFF, "done"},
+    {0x6100, 0xFF00, "more data wait"},
+    {0x63C0, 0xFFFF, "no match, no tries left"},
+    {0x63C0, 0xFFF0, "no match, %d tries left"},
+    {0x6581, 0xFFFF, "memory failure"},
+    {0x6700, 0xFFFF, "wrong length"},
+    {0x6981, 0xFFFF, "not that kind of file"},
+    {0x6982, 0xFFFF, "security status not satisfied"},
+    {0x6983, 0xFFFF, "blocked"},
+    {0x6985, 0xFFFF, "conditions of use not satisfied"},
+    {0x6986, 0xFFFF, "no file selected"},
+    {0x6A80, 0xFFFF, "incorrect data"},
+    {0x6A82, 0xFFFF, "file not found"},
+    {0x6A84, 0xFFFF, "not enough memory"},
+    {0x6A86, 0xFFFF, "wrong P1-P2"},
+    {0x6A89, 0xFFFF, "file exists"},
+    {0x6AFA, 0xFFFF, "self-test failed"},
+    {0x6B00, 0xFFFF, "wrong P1-P2"},
+    {0x6C00, 0xFF00, "wrong Le"},
+    {0x6D00, 0xFFFF, "instruction not supported"},
+    {0x6E00, 0xFFFF, "class not supported"},
+    {0x6F00, 0xFFFF, "no diagnosis"},
+};
+
+// What stands behind a command's name: nothing, or a number out of its header or data.
+enum class Detail { kNone, kP2, kFidInHeader, kFidInData };
+
+struct CommandWords {
+  std::uint8_t cla, ins;
+  int p1;  // -1 for any
+  const char *name;
+  Detail detail;
+};
+
+constexpr CommandWords kCommands[] = {
+    {0x80, 0xFA, 0x00, "capture", Detail::kNone},
+    {0x80, 0xFA, 0x01, "self-test", Detail::kNone},
+    {0x80, 0xFA, 0x02, "device information", Detail::kNone},
+    {0x80, 0xFB, -1, "extract features into buffer", Detail::kP2},
+    {0x80, 0xFC, -1, "enroll into file", Detail::kFidInHeader},
+    {0x80, 0xFD, 0x26, "match without counting tries, slot", Detail::kP2},
+    {0x80, 0xFD, -1, "match, slot", Detail::kP2},
+    {0x80, 0xFE, 0x00, "set verify mode", Detail::kNone},
+    {0x80, 0xFE, 0x01, "get verify mode", Detail::kNone},
+    {0x80, 0xF9, 0x00, "get finger-cache state", Detail::kNone},
+    {0x80, 0xF9, 0x01, "clear finger cache", Detail::kNone},
+    {0x80, 0xF9, 0x02, "switch finger cache on", Detail::kNone},
+    {0x80, 0xF9, 0x03, "switch finger cache off", Detail::kNone},
+    {0x80, 0xF9, 0x04, "get slot count", Detail::kNone},
+    {0x80, 0xF9, 0x05, "get time-out", Detail::kNone},
+    {0x80, 0xF9, 0x06, "set time-out", Detail::kNone},
+    {0x80, 0xF9, 0x07, "get security level", Detail::kNone},
+    {0x80, 0xF9, 0x08, "set security level", Detail::kNone},
+    {0x80, 0xF9, 0x09, "get security state", Detail::kNone},
+    {0x80, 0xF9, 0x0A, "get image gain", Detail::kNone},
+    {0x80, 0xF9, 0x0B, "set image gain", Detail::kNone},
+    {0x80, 0xF7, -1, "image block", Detail::kNone},
+    {0x80, 0xE0, -1, "create file", Detail::kFidInHeader},
+    {0x00, 0x20, -1, "verify PIN", Detail::kNone},
+    {0x00, 0xA4, -1, "select file", Detail::kFidInData},
+    {0x00, 0xB0, -1, "read binary", Detail::kNone},
+    {0x00, 0xD0, -1, "write binary", Detail::kNone},
+    {0x00, 0xD6, -1, "update binary", Detail::kNone},
+    {0x00, 0xE4, -1, "delete file", Detail::kFidInData},
+    {0x00, 0xC0, -1, "get response", Detail::kNone},
+};
+
+std::string number(const char *format, unsigned value) {
+  char text[64];
+  std::snprintf(text, sizeof text, format, value);
+  return text;
+}
+
+std::string fileName(unsigned fid) {
+  constexpr unsigned kCounterFile = 0x0020, kBlockFile = 0x0040, kIndexFile = 0x0520;
+  const char *name = fid == kCounterFile ? ", the FID counter"
+                     : fid == kBlockFile ? ", the block record"
+                     : fid == kIndexFile ? ", the template index"
+                                         : "";
+  return number(" %04X", fid) + name;
+}
+
+}  // namespace
+
+const ResultWords &resultWords(std::uint64_t result) {
+  static constexpr ResultWords kUnknown = {0, "the token answered with a code that this program does not know",
+                                           kAskVendor};
+  for (const ResultWords &entry : kResults) {
+    if (entry.code == result) return entry;
+  }
+  return kUnknown;
+}
+
+std::string resultNumber(std::uint64_t result) { return number("0x%08X", static_cast<unsigned>(result)); }
+
+std::string statusWords(int status) {
+  for (const StatusWords &entry : kStatuses) {
+    if ((status & entry.mask) != entry.status) continue;
+    const std::string words = entry.words;
+    const std::size_t place = words.find("%d");
+    return place == std::string::npos ? words : number(entry.words, static_cast<unsigned>(status & ~entry.mask));
+  }
+  return "";
+}
+
+std::string commandName(std::span<const std::uint8_t> command) {
+  constexpr std::size_t kHeader = 4, kDataStart = 5;
+  if (command.size() < kHeader) return "too short for a command";
+  for (const CommandWords &entry : kCommands) {
+    if (entry.cla != command[0] || entry.ins != command[1] || (entry.p1 >= 0 && entry.p1 != command[2])) continue;
+    std::string name = entry.name;
+    if (entry.detail == Detail::kP2) name += number(" %u", command[3]);
+    if (entry.detail == Detail::kFidInHeader) name += fileName(command[2] << 8U | command[3]);
+    if (entry.detail == Detail::kFidInData && command.size() >= kDataStart + 2) {
+      name += fileName(command[kDataStart] << 8U | command[kDataStart + 1]);
+    }
+    return name;
+  }
+  return "unknown command";
+}
+
+}  // namespace kelm::tools
