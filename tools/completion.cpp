@@ -1,6 +1,6 @@
 #include "tools/completion.h"
 
-#include <set>
+#include <map>
 #include <string_view>
 #include <vector>
 
@@ -9,8 +9,8 @@ namespace kelm::tools {
 namespace {
 
 struct Commands {
-  std::string cases;                // one branch of the shell's `case` per command
-  std::set<std::string> withValue;  // options whose next word is their value
+  std::string cases;                             // one branch of the shell's `case` per command
+  std::map<std::string, std::string> withValue;  // options whose next word is their value, and what it can be
 };
 
 // The names that a shell's user types: "-v" and "--verbose".
@@ -40,10 +40,11 @@ void collect(const CLI::App &app, const std::string &path, Commands &commands) {
     collect(*command, path + " " + command->get_name(), commands);
   }
   for (const CLI::Option *option : app.get_options()) {
-    if (option->get_positional()) words += listedWords(*option) + " ";
+    if (option->get_positional()) words += listedWords(*option);
     for (const std::string &name : typedNames(*option)) {
       options += name + " ";
-      if (option->get_expected_max() > 0 && option->get_items_expected_max() > 0) commands.withValue.insert(name);
+      if (option->get_expected_max() > 0 && option->get_items_expected_max() > 0)
+        commands.withValue[name] = listedWords(*option);
     }
   }
   commands.cases += "    \"" + path + "\") words=\"" + words + "\" options=\"" + options + "\" ;;\n";
@@ -62,7 +63,7 @@ _@() {
   done
   COMPREPLY=()
   case ${COMP_WORDS[COMP_CWORD - 1]} in
-    VALUES) return ;;  # a value: the shell offers files
+CHOICES    VALUES) return ;;  # the shell offers files
   esac
   _@_words "$path"
   case $current in
@@ -94,9 +95,17 @@ std::string bashCompletion(const CLI::App &app) {
   Commands commands;
   collect(app, app.get_name(), commands);
   std::string values;
-  for (const std::string &name : commands.withValue) values += (values.empty() ? "" : " | ") + name;
+  std::string choices;
+  for (const auto &[name, words] : commands.withValue) {
+    if (!values.empty()) values += " | ";
+    values += name;
+    if (words.empty()) continue;
+    choices.append("    ").append(name).append(") COMPREPLY=($(compgen -W \"").append(words);
+    choices.append("\" -- \"$current\")); return ;;\n");
+  }
   std::string script = replaced(std::string(kScript), "@", app.get_name());
   script = replaced(script, "CASES", commands.cases);
+  script = replaced(script, "CHOICES", choices);
   return replaced(script, "VALUES", values);
 }
 

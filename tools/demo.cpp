@@ -34,8 +34,8 @@ const std::vector<Step> &steps() {
       {nullptr, {"token", "enroll", "--finger", "ben-thumb", "--label", "Ben, thumb", "--tag", "7", "--slot", "5"}},
       {nullptr, {"token", "slots"}},
       {"Is it Anna? Verification compares with one slot; -v shows what goes over the wire.",
-       {"token", "verify", "--slot", "1", "--finger", "anna-thumb", "-v"}},
-      {nullptr, {"token", "verify", "--slot", "1", "--finger", "ben-thumb"}, kExitNoMatch},
+       {"token", "verify", "--slot", "1", "--finger", "anna-thumb"}},
+      {nullptr, {"token", "verify", "--slot", "1", "--finger", "ben-thumb", "-v"}, kExitNoMatch},
       {"Who is it? Identification compares with all slots; a match gives all tries back.",
        {"token", "identify", "--finger", "ben-thumb"}},
       {nullptr, {"token", "identify", "--finger", "ben-index", "--json"}},
@@ -54,7 +54,7 @@ const std::vector<Step> &steps() {
       {"A token can ask for its PIN before templates are written.", {"token", "pin", "require", "on"}},
       {nullptr, {"token", "enroll", "--finger", "dora-thumb", "--label", "Dora, thumb"}, kExitRefused},
       {nullptr, {"token", "enroll", "--finger", "dora-thumb", "--label", "Dora, thumb", "--pin", "1234"}},
-      {nullptr, {"token", "params", "--time-out", "20"}},
+      {nullptr, {"token", "params", "--time-out", "20", "--pin", "1234"}},
   };
   return all;
 }

@@ -27,14 +27,14 @@ constexpr const char *kFooter =
     "Exit codes: 0 done or match, 1 no match, 2 wrong usage or a bad file, 3 the token refused, 4 no token.";
 
 void addCompletionCommand(CLI::App &app) {
-  CLI::App *completion = app.add_subcommand("completion", "print a script that completes the command line in a shell");
+  CLI::App *completion = app.add_subcommand("completion", "Prints a script that completes the command line in a shell");
   completion->add_option("shell", "the shell")->required()->check(CLI::IsMember({"bash"}))->type_name("");
   completion->footer("Example:\n  source <(kelmtrova completion bash)");
   completion->callback([&app] { std::cout << bashCompletion(app); });
 }
 
 void addDemoCommand(CLI::App &app, int &exitCode) {
-  CLI::App *demo = app.add_subcommand("demo", "show the life of a token on a simulated one");
+  CLI::App *demo = app.add_subcommand("demo", "Shows the life of a token on a simulated one");
   demo->footer("The token lives in a temporary folder; nothing else is touched.");
   demo->callback([&exitCode] { exitCode = runDemo(); });
 }
@@ -47,6 +47,12 @@ std::string commandOf(const CLI::App &app) {
     name += " " + next->get_name();
   }
   return name;
+}
+
+// The first word that no command takes, "" when there is none.
+std::string strayWord(const CLI::App &app) {
+  const std::vector<std::string> words = app.remaining(true);
+  return words.empty() ? "" : words.front();
 }
 
 int complain(const std::string &line, int exitCode) {
@@ -62,11 +68,16 @@ int runProgram(std::vector<std::string> words) {
   int exitCode = kExitDone;
   app.require_subcommand(1);
   app.footer(kFooter);
+  app.set_help_flag("-h,--help", "print this help");
   app.set_version_flag("--version", "kelmtrova " KELM_VERSION, "print the version");
   addTokenCommands(app, exitCode);
   addImageCommands(app, exitCode);
   addDemoCommand(app, exitCode);
   addCompletionCommand(app);
+  if (words.empty()) {
+    std::cerr << app.help();
+    return kExitUsage;
+  }
   try {
     std::reverse(words.begin(), words.end());
     app.parse(words);
@@ -76,6 +87,7 @@ int runProgram(std::vector<std::string> words) {
   } catch (const CLI::ParseError &error) {
     std::string line = error.what();
     line = line.substr(0, line.find('\n'));
+    if (const std::string word = strayWord(app); !word.empty()) line.assign("\"").append(word).append("\" means nothing here");
     return complain(line + " (`" + commandOf(app) + " --help` shows how)", kExitUsage);
   } catch (const Failure &failure) {
     return complain(failure.what(), failure.exitCode);

@@ -62,12 +62,8 @@ int chooseSlot(const std::vector<TemplateIndexEntry> &index) {
 
 TemplateIndexEntry recordOf(const FingerOptions &options) {
   TemplateIndexEntry record{};
-  if (options.label.size() > sizeof record.userData) {
-    throw Failure(kExitUsage, "a label has at most 16 bytes, \"" + options.label + "\" has " +
-                                  std::to_string(options.label.size()));
-  }
   record.tag = static_cast<std::uint8_t>(options.tag);
-  std::memcpy(record.userData, options.label.data(), options.label.size());
+  std::memcpy(record.userData, options.label.data(), std::min(options.label.size(), sizeof record.userData));
   return record;
 }
 

@@ -100,7 +100,9 @@ std::string slotTable(const std::vector<TemplateIndexEntry> &index) {
     std::snprintf(line, sizeof line, "%7s  %-8s  %s   %02X", slots.c_str(), stateName(index[i]),
                   fidText(index[i]).c_str(), index[i].tag);
     const std::string label = labelOf(index[i]);
-    table += line + (label.empty() ? "" : "  " + label) + "\n";
+    table += line;
+    if (!label.empty()) table.append("  ").append(label);
+    table += '\n';
   }
   return table;
 }
