@@ -17,7 +17,6 @@ namespace kelm::tools {
 
 namespace {
 
-constexpr std::uint64_t kNoMatch = 0x80006A21, kNoMatchOfAll = 0x80006A2F;
 constexpr unsigned kAnySlot = 0;
 
 std::string count(std::size_t number, const std::string &thing) {
@@ -95,7 +94,7 @@ Report notMatched(unsigned slot, std::optional<unsigned> triesLeft) {
   return report;
 }
 
-bool isNoMatch(std::uint64_t result) { return result == kNoMatch || result == kNoMatchOfAll; }
+bool isNoMatch(std::uint64_t result) { return result == KELM_RESULT_NO_MATCH || result == KELM_RESULT_NOT_IDENTIFIED; }
 
 // The match that leaves the token's try counter alone.
 Report matchForTest(Session &session, unsigned slot) {
@@ -147,8 +146,7 @@ Report createToken(const TokenOptions &token, const CreateOptions &options) {
 }
 
 Report showInfo(Session &session) {
-  constexpr std::size_t kMostBytes = 256;  // what an answer can bring
-  std::array<std::uint8_t, kMostBytes> info{};
+  std::array<std::uint8_t, KELM_DEVICE_INFO_ROOM> info{};
   std::uint64_t length = 0;
   check(KelmTrovaGetDeviceInfo(session.handle(), info.data(), &length), "asking for the device information");
   const std::span<const std::uint8_t> bytes(info.data(), std::min<std::uint64_t>(length, info.size()));
@@ -278,15 +276,14 @@ Report cache(Session &session, const std::string &action) {
 }
 
 Report sendImage(Session &session, const std::string &file) {
-  constexpr int kMostWidth = 240;  // and as many bytes go into one block
   const Picture picture = readPicture(file);
-  if (picture.width > kMostWidth) {
+  if (picture.width > KELM_MAX_LINE_LENGTH) {
     throw Failure(kExitUsage, file + " is " + std::to_string(picture.width) +
                                   " pixels wide; a token takes at most 240: reduce it first");
   }
   const auto width = static_cast<std::uint64_t>(picture.width), height = static_cast<std::uint64_t>(picture.height);
   const TokenImage image{height, width, 0, picture.samples.data()};
-  const std::uint64_t linesPerBlock = kMostWidth / width;
+  const std::uint64_t linesPerBlock = KELM_MAX_LINE_LENGTH / width;
   std::uint64_t blocks = 0;
   {
     Progress progress("sending " + file, "lines", height);

@@ -16,12 +16,9 @@ namespace kelm::tools {
 
 namespace {
 
-constexpr std::uint64_t kUnexpected = 0x8000B001, kOutOfRange = 0x8000B002;
-constexpr std::uint64_t kNoMiddlewareAuth = 0x8000010A, kNoMiddlewarePin = 0x8000010C;
-
 int exitCodeOf(std::uint64_t result) {
-  if (result == kOutOfRange) return kExitUsage;
-  return result == kNoMiddlewareAuth || result == kNoMiddlewarePin ? kExitNoToken : kExitRefused;
+  if (result == KELM_RESULT_ARGUMENT) return kExitUsage;
+  return result == KELM_RESULT_AUTH_LIBRARY || result == KELM_RESULT_PIN_LIBRARY ? kExitNoToken : kExitRefused;
 }
 
 std::uint64_t openSimulated(const SimulatorLink &link, const std::string &store) {
@@ -65,7 +62,7 @@ void check(std::uint64_t result, const std::string &action) {
   if (result == 0) return;
   const ResultWords &words = resultWords(result);
   std::string answer;
-  if (result == kUnexpected && watch().lastStatus >= 0) {
+  if (result == KELM_RESULT_UNLISTED && watch().lastStatus >= 0) {
     char status[8];
     std::snprintf(status, sizeof status, "%04X", static_cast<unsigned>(watch().lastStatus));
     const std::string meaning = statusWords(watch().lastStatus);
@@ -76,9 +73,8 @@ void check(std::uint64_t result, const std::string &action) {
 }
 
 Session::Session(const SimulatorLink *link, const TokenOptions &options) : link_(link) {
-  constexpr std::uint8_t kReady = 3;
   constexpr std::uint64_t kProtocolT1 = 2;
-  connection_.bState = kReady;
+  connection_.bState = KELM_CONNECTION_READY;
   connection_.dwProtocol = kProtocolT1;
   if (link_ != nullptr) {
     if (options.device) {
@@ -129,7 +125,7 @@ void Session::placeFinger(const std::string &finger) {
 
 void Session::verifyPin(const std::string &given) {
   constexpr std::size_t kLongest = 16;
-  constexpr std::uint64_t kBlocked = 0x80006983, kWrong = 0x800063C0, kTriesMask = 0x0F;
+  constexpr std::uint64_t kWrong = KELM_RESULT_OF(KELM_SW_NO_MATCH), kTriesMask = 0x0F;
   if (link_ == nullptr) {
     throw Failure(kExitUsage,
                   "this program speaks to the middleware of simulated tokens only: verify the PIN of a real one with "
@@ -142,7 +138,7 @@ void Session::verifyPin(const std::string &given) {
       KelmSCardVerifyUserPinBio(device(), reinterpret_cast<std::uintptr_t>(pin.data()),
                                 static_cast<std::uint8_t>(pin.size()), reinterpret_cast<std::uintptr_t>(&triesLeft));
   const std::string number = " [" + resultNumber(result) + "]";
-  if (result == kBlocked) {
+  if (result == KELM_RESULT_BLOCKED) {
     throw Failure(kExitRefused, "the PIN is blocked" + number + "; `kelmtrova token unblock` gives its tries back",
                   result);
   }

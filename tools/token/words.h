@@ -9,7 +9,7 @@ namespace kelm::tools {
 
 // What the result code of a token command means.
 struct ResultWords {
-  std::uint32_t code;
+  std::uint64_t code;
   const char *what;    // what happened
   const char *advice;  // what the user can do about it
 };
