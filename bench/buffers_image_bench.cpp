@@ -42,9 +42,9 @@ void addPictures(std::vector<Pair> &pairs, std::uint16_t height, std::uint16_t w
   const Picture work = std::make_shared<std::vector<std::uint8_t>>(*source);
   const Picture theirWork = std::make_shared<std::vector<std::uint8_t>>(*source);
   pairs.push_back({"ImageCopy " + size, "memcpy", [=] { ImageCopy(work->data(), source->data(), height, width); },
-                   [=] { std::memcpy(theirWork->data(), source->data(), source->size()); }, 1.05});
+                   [=] { std::memcpy(work->data(), source->data(), source->size()); }, 1.05});
   pairs.push_back({"ImageFlood " + size, "memset", [=] { ImageFlood(work->data(), 7, height, width); },
-                   [=] { std::memset(theirWork->data(), 7, theirWork->size()); }, 1.05});
+                   [=] { std::memset(work->data(), 7, work->size()); }, 1.05});
   // Both from a fresh copy: normalising twice would find nothing to do.
   pairs.push_back({"ImageNormalize " + size, "cv::meanStdDev + convertTo",
                    [=] {

@@ -15,9 +15,15 @@ namespace {
 
 // One table per position in a word: an increment need not wait for the previous one's store, which in a picture of few
 // grey levels hits the same counter.
-constexpr std::size_t kTables = 8;
 constexpr std::size_t kWord = sizeof(std::uint64_t);
-constexpr std::size_t kRun = 8 * kWord;
+constexpr std::size_t kChunk = 8 * kWord;
+using Tables = std::uint32_t[kWord][kGreyLevels];
+
+KELM_INLINE void countWord(Tables &tables, const std::uint8_t *pixels) {
+  for (std::size_t k = 0; k < kWord; ++k) {
+    ++tables[k][pixels[k]];
+  }
+}
 
 KELM_INLINE std::uint64_t loadWord(const std::uint8_t *pixels) {
   std::uint64_t word;
@@ -25,41 +31,50 @@ KELM_INLINE std::uint64_t loadWord(const std::uint8_t *pixels) {
   return word;
 }
 
-// Whether the kRun pixels are all equal. Grey pictures leave at the first test.
+KELM_INLINE std::uint64_t repeated(std::uint8_t value) { return value * 0x0101010101010101U; }
+
 KELM_INLINE bool isRun(const std::uint8_t *pixels) {
-  const std::uint64_t first = loadWord(pixels);
-  if (first != pixels[0] * 0x0101010101010101U || first != loadWord(pixels + kRun - kWord)) {
-    return false;
-  }
+  const std::uint64_t word = repeated(pixels[0]);
   std::uint64_t difference = 0;
-  for (std::size_t i = kWord; i < kRun - kWord; i += kWord) {
-    difference |= first ^ loadWord(pixels + i);
+  for (std::size_t i = kWord; i < kChunk; i += kWord) {
+    difference |= word ^ loadWord(pixels + i);
   }
   return difference == 0;
+}
+
+// A chunk that begins with a word of equal pixels, as most of a mask does.
+KELM_INLINE void countRuns(Tables &tables, const std::uint8_t *pixels) {
+  if (isRun(pixels)) {
+    tables[0][pixels[0]] += static_cast<std::uint32_t>(kChunk);
+    return;
+  }
+  for (std::size_t i = 0; i < kChunk; i += kWord) {
+    if (loadWord(pixels + i) == repeated(pixels[i])) {
+      tables[0][pixels[i]] += static_cast<std::uint32_t>(kWord);
+    } else {
+      countWord(tables, pixels + i);
+    }
+  }
 }
 
 }  // namespace
 
 void computeHistogram(std::uint32_t *counters, const std::uint8_t *image, std::size_t pixels) {
-  std::uint32_t tables[kTables][kGreyLevels] = {};
+  Tables tables = {};
   std::size_t i = 0;
-  for (; pixels - i >= kRun; i += kRun) {
-    if (isRun(image + i)) {
-      tables[0][image[i]] += static_cast<std::uint32_t>(kRun);
+  for (; pixels - i >= kChunk; i += kChunk) {
+    if (loadWord(image + i) == repeated(image[i])) {
+      countRuns(tables, image + i);
       continue;
     }
-    for (std::size_t offset = 0; offset < kRun; offset += kWord) {
-      const std::uint64_t word = loadWord(image + i + offset);
-#pragma GCC unroll 8
-      for (std::size_t k = 0; k < kTables; ++k) {
-        ++tables[k][(word >> (8 * k)) & 255];
-      }
+    for (std::size_t offset = 0; offset < kChunk; offset += kWord) {
+      countWord(tables, image + i + offset);
     }
   }
   for (; i < pixels; ++i) {
     ++tables[0][image[i]];
   }
-  for (int level = 0; level < kGreyLevels; ++level) {
+  for (std::size_t level = 0; level < kGreyLevels; ++level) {
     std::uint32_t sum = 0;
     for (const auto &table : tables) {
       sum += table[level];

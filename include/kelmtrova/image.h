@@ -58,7 +58,7 @@ KELMTROVA_API uint8_t *ImageEnlarge(const uint8_t *source, uint16_t sourceHeight
  * A new image of outHeight * outWidth pixels, each of them about the source pixel (2x, 2y): row 0 and column 0 are
  * those source pixels as they are; every other one is the 3 x 3 weighted mean about it, with the weights 0.4015
  * (centre) and 0.2992 (neighbour) along each axis, rows first, in single precision and truncated. The weights of an
- * axis add up to 0.9999: a uniform 255 becomes 254. The caller releases the image with free(). 4 KiB of stack.
+ * axis add up to 0.9999: a uniform 255 becomes 254. The caller releases the image with free(). 8 KiB of stack.
  *
  * sourceWidth is the length of a source row, sourceHeight the number of rows; the source may be larger than what is
  * read of it. Null without memory, for a null source, and for a source that is too small: fewer than 2 * outHeight rows
@@ -115,12 +115,12 @@ KELMTROVA_API uint32_t HistogramGetVariance2(const Histogram *histogram, uint8_t
 
 /*
  * Writes a picture of n counters to a file: n columns and 256 rows of one byte each, top row first, without any header.
- * Column i has a white bar (255) on black (0) that stands on the bottom row and is counters[i] * (255 / largest counter)
- * pixels high, truncated; with every counter 0 there is no bar. n = 0 writes an empty file.
+ * Column i has a white bar (255) on black (0) that stands on the bottom row. Its height is counters[i] times 255 / the
+ * largest counter, in single precision and truncated; with every counter 0 there is no bar. n = 0 writes an empty file.
  *
- * The result is always 0, so a failure does not show in it. Nothing is written for a negative n, a null pointer, without
- * memory for the picture (n * 256 bytes), or when the file cannot be opened: an older file at the path then stays as it
- * is. A file that cannot be written to its end is removed.
+ * The result is always 0, so a failure does not show in it. Nothing is written for a negative n, for a null pointer,
+ * without memory for the picture (n * 256 bytes), or when the file cannot be opened: an older file at the path then
+ * stays as it is. A file that cannot be written to its end is removed.
  */
 KELMTROVA_API int32_t HistogramPrint(const uint32_t *counters, int16_t n, const char *path);
 
