@@ -7,10 +7,16 @@ install(TARGETS kelmkmgr kelmpkcs LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR}/ke
 install(FILES platform/simulator.h DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/kelmtrova/platform)
 if(KELMTROVA_PROGRAM)
   install(TARGETS kelmtrova_program RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
+  configure_file(cmake/kelmtrova-simulated.in ${PROJECT_BINARY_DIR}/kelmtrova-simulated @ONLY)
+  install(PROGRAMS ${PROJECT_BINARY_DIR}/kelmtrova-simulated DESTINATION ${CMAKE_INSTALL_BINDIR})
 endif()
 
-configure_file(cmake/kelmtrova.pc.in ${PROJECT_BINARY_DIR}/kelmtrova.pc @ONLY)
-install(FILES ${PROJECT_BINARY_DIR}/kelmtrova.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
+# What the pkg-config files name is found from where they lie, so that an installation can be moved.
+file(RELATIVE_PATH KELM_PREFIX_FROM_PC /${CMAKE_INSTALL_LIBDIR}/pkgconfig /)
+foreach(package kelmtrova kelmtrova-simulator)
+  configure_file(cmake/${package}.pc.in ${PROJECT_BINARY_DIR}/${package}.pc @ONLY)
+  install(FILES ${PROJECT_BINARY_DIR}/${package}.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
+endforeach()
 
 set(package_dir ${CMAKE_INSTALL_LIBDIR}/cmake/kelmtrova)
 configure_package_config_file(cmake/kelmtrova-config.cmake.in ${PROJECT_BINARY_DIR}/kelmtrova-config.cmake

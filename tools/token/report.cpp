@@ -92,7 +92,7 @@ std::string slotTable(const std::vector<TemplateIndexEntry> &index) {
     std::string slots = std::to_string(first + 1);
     if (slotState(index[i]) == SlotState::kFree) {
       while (i + 1 < index.size() && slotState(index[i + 1]) == SlotState::kFree) ++i;
-      if (i != first) slots += "-" + std::to_string(i + 1);
+      if (i != first) slots.append("-").append(std::to_string(i + 1));
       std::snprintf(line, sizeof line, "%7s  free\n", slots.c_str());
       table += line;
       continue;

@@ -1,0 +1,17 @@
+# The program as a user has it: on another device manager, and installed.
+add_library(kelmkmgr_other SHARED tests/tools/other_device_manager.c)
+target_link_libraries(kelmkmgr_other PRIVATE kelmtrova_flags)
+set_target_properties(kelmkmgr_other PROPERTIES OUTPUT_NAME kelmkmgr
+  LIBRARY_OUTPUT_DIRECTORY ${PROJECT_BINARY_DIR}/lib/other)
+
+if(KELMTROVA_PROGRAM AND TARGET tools_test)
+  target_link_libraries(tools_test PRIVATE nlohmann_json::nlohmann_json)
+  add_dependencies(tools_test kelmtrova_program kelmkmgr_other)
+endif()
+
+# A sanitized library wants its run time in every program that links to it.
+if(KELMTROVA_PROGRAM AND NOT KELMTROVA_SANITIZE)
+  add_test(NAME install COMMAND
+    ${PROJECT_SOURCE_DIR}/tests/tools/install_test.sh ${PROJECT_SOURCE_DIR} ${PROJECT_BINARY_DIR}
+    ${CMAKE_INSTALL_LIBDIR})
+endif()

@@ -1,0 +1,31 @@
+#!/usr/bin/env bash
+# Installs a build into a folder of its own, and builds and runs the examples against what lies there, in the two ways
+# that the README shows: install_test.sh SOURCE BUILD LIBDIR
+set -euo pipefail
+source=$1 build=$2 libdir=$3
+work=$(mktemp -d)
+trap 'rm -rf "$work"' EXIT
+prefix=$work/prefix
+export XDG_DATA_HOME=$work/data
+cmake --install "$build" --prefix "$prefix" >/dev/null
+
+expect() {
+  local wanted=$1 got
+  shift
+  got=$("$@") || { echo "failed with exit code $?: $*" >&2; exit 1; }
+  [ "$got" = "$wanted" ] || { echo "wanted '$wanted', got '$got' from: $*" >&2; exit 1; }
+}
+
+"$prefix/bin/kelmtrova-simulated" token create >/dev/null
+expect 'enrolled into slot 1 (thumb)' "$prefix/bin/kelmtrova-simulated" token enroll --finger thumb --label thumb
+expect 'the PIN is right' "$prefix/bin/kelmtrova-simulated" token pin verify 1234
+
+export PKG_CONFIG_PATH=$prefix/$libdir/pkgconfig
+read -ra flags < <(pkg-config --cflags --libs kelmtrova-simulator)
+"${CC:-cc}" -std=c11 -pedantic -Wall -Wextra -Werror "$source/examples/enroll_verify.c" -o "$work/by_pkg_config" \
+  "${flags[@]}"
+expect 'slot 1 matches' env "LD_LIBRARY_PATH=$prefix/$libdir" "$work/by_pkg_config"
+
+cmake -S "$source/examples" -B "$work/build" -DCMAKE_PREFIX_PATH="$prefix" >/dev/null
+cmake --build "$work/build" >/dev/null
+expect 'slot 1 matches' "$work/build/enroll_verify"
