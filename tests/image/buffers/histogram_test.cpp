@@ -23,15 +23,15 @@ using kelm::test::Guarded;
 
 TEST(Histogram, CountsEveryPixelOnce) {
   std::mt19937 random(1);
-  for (const int levels : {1, 2, 3, 256}) {
+  for (const unsigned levels : {1U, 2U, 3U, 256U}) {
     for (std::uint16_t width = 0; width <= 130; ++width) {
       const std::uint16_t height = width % 7 == 0 ? 9 : 1;
       const Guarded<std::uint8_t> image(std::size_t{width} * height);
       std::array<std::uint32_t, 256> expected{};
       for (std::uint8_t &pixel : image) {
         // Mostly runs, some of them broken by a single pixel.
-        pixel = static_cast<std::uint8_t>(random() % 97 == 0 || levels > 3 ? random() % static_cast<unsigned>(levels)
-                                                                           : 255 - levels);
+        const bool grey = random() % 97 == 0 || levels > 3;
+        pixel = static_cast<std::uint8_t>(grey ? random() % levels : 255 - levels);
         ++expected[pixel];
       }
       Histogram *histogram = HistogramCompute(image.data(), height, width);
