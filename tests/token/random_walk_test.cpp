@@ -206,37 +206,19 @@ class RandomWalk : public testing::TestWithParam<std::uint16_t> {
     return mismatch;
   }
 
-  void verify() {
-    const unsigned number = 1 + upTo(kSlotCount);
+  // Verification of a slot, or identification (0).
+  void match() {
+    const auto number = static_cast<std::uint8_t>(upTo(1) ? 0 : 1 + upTo(kSlotCount));
+    const auto mode = static_cast<std::uint8_t>(upTo(1));
     unsigned matched = 0;
     unsigned expectedTries = 99;
-    const std::uint64_t expected = expectMatch(number, 0x80006A21, matched, expectedTries);
+    const std::uint64_t expected = expectMatch(number, number ? 0x80006A21 : 0x80006A2F, matched, expectedTries);
     std::uint8_t tries = 99;
-    EXPECT_EQ(KelmTrovaFeatureVerify(&connection, static_cast<std::uint8_t>(upTo(1)), static_cast<std::uint8_t>(number),
-                                     &tries),
+    std::uint8_t slot = number;
+    EXPECT_EQ(number ? KelmTrovaFeatureVerify(&connection, mode, number, &tries)
+                     : KelmTrovaFeatureIdentify(&connection, mode, &slot, &tries),
               expected);
     EXPECT_EQ(tries, expectedTries);
-  }
-
-  void identify() {
-    unsigned matched = 0;
-    unsigned expectedTries = 99;
-    const std::uint64_t expected = expectMatch(0, 0x80006A2F, matched, expectedTries);
-    std::uint8_t tries = 99;
-    std::uint8_t slot = 99;
-    EXPECT_EQ(KelmTrovaFeatureIdentify(&connection, static_cast<std::uint8_t>(upTo(1)), &slot, &tries), expected);
-    EXPECT_EQ(tries, expectedTries);
-    EXPECT_EQ(slot, expected == 0 ? matched : 99);
-  }
-
-  void verifyTest() {
-    const unsigned number = upTo(kSlotCount);
-    unsigned matched = 0;
-    const unsigned status = model.live ? compareAny(number, matched) : 0x6A11;
-    const bool mismatch = status == 0x6A21 && number == 0;
-    const std::uint64_t expected = status == 0x9000 ? 0 : mismatch ? 0x80006A2F : 0x80000000 | status;
-    auto slot = static_cast<std::uint8_t>(number);
-    EXPECT_EQ(KelmTrovaFeatureVerifyTest(&connection, 1, &slot), expected);
     EXPECT_EQ(slot, expected == 0 ? matched : number);
   }
 
@@ -270,12 +252,11 @@ class RandomWalk : public testing::TestWithParam<std::uint16_t> {
 
   void takeStep() {
     using Step = void (RandomWalk::*)();
-    constexpr Step kSteps[] = {
-        &RandomWalk::enroll,  &RandomWalk::enroll,    &RandomWalk::enroll,     &RandomWalk::erase,
-        &RandomWalk::erase,   &RandomWalk::verify,    &RandomWalk::verify,     &RandomWalk::identify,
-        &RandomWalk::reopen,  &RandomWalk::loseFile,  &RandomWalk::takeFinger, &RandomWalk::takeFinger,
-        &RandomWalk::unblock, &RandomWalk::changePin, &RandomWalk::verifyTest, &RandomWalk::checkIndex,
-    };
+    constexpr Step kSteps[] = {&RandomWalk::enroll,     &RandomWalk::enroll,    &RandomWalk::enroll,
+                               &RandomWalk::erase,      &RandomWalk::erase,     &RandomWalk::match,
+                               &RandomWalk::match,      &RandomWalk::match,     &RandomWalk::takeFinger,
+                               &RandomWalk::takeFinger, &RandomWalk::reopen,    &RandomWalk::loseFile,
+                               &RandomWalk::unblock,    &RandomWalk::changePin, &RandomWalk::checkIndex};
     (this->*kSteps[upTo(std::size(kSteps) - 1)])();
     checkMemory();
   }
