@@ -1,0 +1,55 @@
+#include "image/ridge/crossing.h"
+
+#include <algorithm>
+#include <cmath>
+
+namespace kelm::image {
+namespace {
+
+struct FixedPoint {
+  int cosine, sine;  // in 1/256
+};
+
+// The angle is rounded to single precision, so that the sine of 90 degrees comes out as 255 and not as 256.
+FixedPoint fixedPoint(int degrees) {
+  const float angle = static_cast<float>(degrees * 3.141592653589793 / 180.0);
+  const double radians = static_cast<double>(angle);
+  return {static_cast<std::int16_t>(256.0 * std::cos(radians)), static_cast<std::int16_t>(256.0 * std::sin(radians))};
+}
+
+std::int8_t steps(int count, int fixedStep) { return static_cast<std::int8_t>((count * fixedStep) >> 8); }
+
+// The same five points whichever of two opposite points is named.
+void orient(std::int8_t *u, std::int8_t *v) {
+  if (*v < 0 || (*v == 0 && *u < 0)) {
+    *u = static_cast<std::int8_t>(-*u);
+    *v = static_cast<std::int8_t>(-*v);
+  }
+}
+
+}  // namespace
+
+void makeCrossing(Crossing *crossing, int direction) {
+  const FixedPoint t = fixedPoint(direction);
+  crossing->span = {steps(1, t.cosine), steps(1, t.sine), steps(2, t.cosine), steps(2, t.sine)};
+  orient(&crossing->span.u1, &crossing->span.v1);
+  orient(&crossing->span.u2, &crossing->span.v2);
+  for (int i = 0; i < kProfileSamples; ++i) {
+    crossing->dx[i] = static_cast<std::int8_t>(-steps(i - kProfileReach, t.sine));
+    crossing->dy[i] = steps(i - kProfileReach, t.cosine);
+  }
+  const auto [minX, maxX] = std::minmax_element(crossing->dx, crossing->dx + kProfileSamples);
+  const auto [minY, maxY] = std::minmax_element(crossing->dy, crossing->dy + kProfileSamples);
+  crossing->minX = *minX;
+  crossing->maxX = *maxX;
+  crossing->minY = *minY;
+  crossing->maxY = *maxY;
+  crossing->known = true;
+}
+
+int foldDirection(std::int16_t direction) {
+  const int inRange = direction < -180 || direction > 180 ? direction % 180 : direction;
+  return inRange < 0 ? inRange + 180 : inRange;
+}
+
+}  // namespace kelm::image
