@@ -1,0 +1,239 @@
+// Ridge directions from grey-level gradients: the doubled angle of the gradient's products, averaged over neighbouring
+// blocks as a vector (M. Kass and A. Witkin, "Analyzing oriented patterns", 1987).
+#include <cmath>
+#include <cstddef>
+#include <cstdint>
+#include <cstdlib>
+
+#include "image/filters/local_sums.h"
+#include "image/ridge/gradient_products.h"
+#include "image/support/memory.h"
+#include "kelmtrova/image.h"
+
+namespace kelm::image {
+namespace {
+
+constexpr double kDegreesPerRadian = 57.295779513;  // these digits are part of the results
+
+struct Grid {
+  int rows, cols;
+  std::size_t count() const { return static_cast<std::size_t>(rows) * static_cast<std::size_t>(cols); }
+};
+
+struct Products {
+  Block<std::int32_t> products;
+  Block<std::int32_t> differences;
+};
+
+// What a call makes, until it is handed over.
+struct Fields {
+  Products sums;
+  Block<std::int16_t> direction8;
+  Block<std::int16_t> orientGrad;
+  Block<std::int16_t> direction16;
+};
+
+std::int16_t halfAngle(double doubledAngle) {
+  return static_cast<std::int16_t>(doubledAngle * kDegreesPerRadian / 2.0);
+}
+
+// Averages doubled angles (radians) as vectors over a box and writes directions in degrees.
+std::int32_t smoothDirection(const float *angles, std::int16_t *directions, std::uint8_t window, const Grid &grid) {
+  const std::size_t n = grid.count();
+  const Block<float> part = allocateZeroed<float>(n);
+  const Block<float> cosines = allocate<float>(n);
+  const Block<float> sines = allocate<float>(n);
+  if (!part || !cosines || !sines) {
+    return 1;
+  }
+  for (std::size_t i = 0; i < n; ++i) {
+    part[i] = static_cast<float>(std::cos(static_cast<double>(angles[i])));
+  }
+  if (imageLocalSum(cosines.get(), part.get(), grid.rows, grid.cols, window, window) != 0) {
+    return 1;
+  }
+  for (std::size_t i = 0; i < n; ++i) {
+    part[i] = static_cast<float>(std::sin(static_cast<double>(angles[i])));
+  }
+  if (imageLocalSum(sines.get(), part.get(), grid.rows, grid.cols, window, window) != 0) {
+    return 1;
+  }
+  for (std::size_t i = 0; i < n; ++i) {
+    directions[i] = halfAngle(std::atan2(static_cast<double>(sines[i]), static_cast<double>(cosines[i])));
+  }
+  return 0;
+}
+
+// The doubled angle at the centre of every block of `step` samples, into rows of `stride` angles.
+void blockAngles(float *angles, std::size_t stride, const Products &sums, const Grid &image, int step) {
+  for (int b = 0; b < image.rows / step; ++b) {
+    const std::size_t row = static_cast<std::size_t>(b * step + step / 2) * static_cast<std::size_t>(image.cols);
+    for (int k = 0; k < image.cols / step; ++k) {
+      const std::size_t centre = row + static_cast<std::size_t>(k * step + step / 2);
+      angles[static_cast<std::size_t>(b) * stride + static_cast<std::size_t>(k)] = static_cast<float>(
+          std::atan2(static_cast<double>(sums.products[centre]), static_cast<double>(sums.differences[centre])));
+    }
+  }
+}
+
+std::int32_t makeProducts(Products *sums, const std::uint8_t *image, const Grid &size, std::uint8_t window) {
+  sums->products = allocate<std::int32_t>(size.count());
+  sums->differences = allocate<std::int32_t>(size.count());
+  if (!sums->products || !sums->differences) {
+    return 1;
+  }
+  std::int32_t *const products = sums->products.get();
+  std::int32_t *const differences = sums->differences.get();
+  gradientProducts(products, differences, image, static_cast<std::size_t>(size.rows),
+                   static_cast<std::size_t>(size.cols));
+  const bool summed = imageLocalSum(products, products, size.rows, size.cols, window, window) == 0 &&
+                      imageLocalSum(differences, differences, size.rows, size.cols, window, window) == 0;
+  return summed ? 0 : 1;
+}
+
+std::int32_t angleDifference(std::int32_t a, std::int32_t b) {
+  int d = static_cast<std::int16_t>(static_cast<std::uint32_t>(a) - static_cast<std::uint32_t>(b));
+  if (d <= -90) {
+    d += 180;
+  } else if (d > 90) {
+    d = 180 - d;
+  }
+  return std::abs(d);
+}
+
+void directionChanges(std::uint16_t *changes, const std::int16_t *directions, const Grid &grid) {
+  const std::size_t cols = static_cast<std::size_t>(grid.cols);
+  for (int r = 0; r + 1 < grid.rows; ++r) {
+    const std::size_t row = static_cast<std::size_t>(r) * cols;
+    for (std::size_t i = row; i + 1 < row + cols; ++i) {
+      const std::int32_t a = angleDifference(directions[i], directions[i + 1]);
+      const std::int32_t b = angleDifference(directions[i], directions[i + cols]);
+      changes[i] = static_cast<std::uint16_t>(std::sqrt(static_cast<double>(a * a + b * b)));
+    }
+  }
+}
+
+// Two passes of 3 x 3 sums weigh a 5 x 5 neighbourhood with 1, 2, 3, 2, 1 along each axis, 81 in all. Null without
+// memory.
+Block<std::int16_t> orientationChange(const std::int16_t *directions, const Grid &grid) {
+  const std::size_t n = grid.count();
+  Block<std::int16_t> samples = allocateZeroed<std::int16_t>(n);
+  const Block<std::uint16_t> once = allocateZeroed<std::uint16_t>(n);
+  if (!samples || !once) {
+    return nullptr;
+  }
+  std::uint16_t *const changes = reinterpret_cast<std::uint16_t *>(samples.get());
+  directionChanges(changes, directions, grid);
+  if (n != 0 && (imageLocalSum(once.get(), changes, grid.rows, grid.cols, 3, 3) != 0 ||
+                 imageLocalSum(changes, once.get(), grid.rows, grid.cols, 3, 3) != 0)) {
+    return nullptr;
+  }
+  for (std::size_t i = 0; i < n; ++i) {
+    samples[i] = static_cast<std::int16_t>((samples[i] + 41) / 81);
+  }
+  return samples;
+}
+
+std::int32_t makeFields8(Fields *fields, const Grid &image) {
+  const Grid grid = {image.rows / 4, image.cols / 4};
+  const std::size_t n = grid.count();
+  const Block<float> angles = allocate<float>(n);
+  const Block<std::int16_t> unsmoothed = allocate<std::int16_t>(n);
+  fields->direction8 = allocate<std::int16_t>(n);
+  if (!angles || !unsmoothed || !fields->direction8) {
+    return 1;
+  }
+  blockAngles(angles.get(), static_cast<std::size_t>(grid.cols), fields->sums, image, 4);
+  for (std::size_t i = 0; i < n; ++i) {
+    unsmoothed[i] = halfAngle(static_cast<double>(angles[i]));
+  }
+  if (smoothDirection(angles.get(), fields->direction8.get(), 5, grid) != 0) {
+    return 1;
+  }
+  fields->orientGrad = orientationChange(unsmoothed.get(), grid);
+  return fields->orientGrad ? 0 : 1;
+}
+
+// The image may end one column or row of blocks early; the last one of the grid repeats its neighbour then.
+std::int32_t makeField16(Fields *fields, const Grid &image, const Grid &grid) {
+  const std::size_t cols = static_cast<std::size_t>(grid.cols);
+  const std::size_t n = grid.count();
+  fields->direction16 = allocate<std::int16_t>(n);
+  const Block<float> angles = allocateZeroed<float>(n);
+  if (!fields->direction16 || !angles) {
+    return 1;
+  }
+  blockAngles(angles.get(), cols, fields->sums, image, 8);
+  if (grid.cols > image.cols / 8) {
+    for (std::size_t end = cols; end <= n; end += cols) {
+      angles[end - 1] = angles[end - 2];
+    }
+  }
+  if (grid.rows > image.rows / 8) {
+    for (std::size_t i = n - cols; i < n; ++i) {
+      angles[i] = angles[i - cols];
+    }
+  }
+  return smoothDirection(angles.get(), fields->direction16.get(), 3, grid);
+}
+
+// A repeated row or column needs a neighbour to repeat.
+bool fits(int blocks, int samples) {
+  const int whole = samples / 8;
+  return samples <= INT16_MAX && whole >= 1 && (blocks == whole || blocks == whole + 1);
+}
+
+}  // namespace
+}  // namespace kelm::image
+
+int32_t FingerprintGetDirectionFloat(const uint8_t *image, uint16_t height, uint16_t width, uint16_t fullHeight,
+                                     uint16_t fullWidth, uint8_t smoothWindow, uint8_t, int32_t **products,
+                                     int32_t **differences, FingerprintBlockField *direction8,
+                                     FingerprintBlockField *orientGrad, FingerprintBlockField *direction16) {
+  using namespace kelm::image;
+  const Grid size = {height, width};
+  const Grid grid16 = {(fullHeight + 15) >> 4, (fullWidth + 15) >> 4};
+  if (image == nullptr || products == nullptr || differences == nullptr || direction8 == nullptr ||
+      orientGrad == nullptr || direction16 == nullptr || !fits(grid16.rows, height) || !fits(grid16.cols, width)) {
+    return 2;
+  }
+  const std::uint16_t rows8 = height / 4;
+  const std::uint16_t cols8 = width / 4;
+  *direction8 = {8, rows8, cols8, direction8->data};
+  *orientGrad = {8, rows8, cols8, nullptr};
+
+  Fields fields = {};
+  if (makeProducts(&fields.sums, image, size, smoothWindow) != 0 || makeFields8(&fields, size) != 0 ||
+      makeField16(&fields, size, grid16) != 0) {
+    return 1;
+  }
+  *products = fields.sums.products.release();
+  *differences = fields.sums.differences.release();
+  direction8->data = fields.direction8.release();
+  orientGrad->data = fields.orientGrad.release();
+  *direction16 = {16, static_cast<std::uint16_t>(grid16.rows), static_cast<std::uint16_t>(grid16.cols),
+                  fields.direction16.release()};
+  return 0;
+}
+
+int32_t FingerprintOrientGrad(FingerprintBlockField *output, const FingerprintBlockField *input) {
+  using namespace kelm::image;
+  if (output == nullptr || input == nullptr || input->data == nullptr) {
+    return 2;
+  }
+  // The output may be the input, or share its samples: these are released when they have been read.
+  const FingerprintBlockField source = *input;
+  if (output->data != source.data) {
+    std::free(output->data);
+    output->data = nullptr;
+  }
+  Block<std::int16_t> changes = orientationChange(source.data, {source.rows, source.cols});
+  if (!changes) {
+    return 1;
+  }
+  std::free(output->data);
+  *output = {source.blockSize, source.rows, source.cols, changes.release()};
+  return 0;
+}
+
+int32_t AngleDiffAbs(int32_t a, int32_t b) { return kelm::image::angleDifference(a, b); }
