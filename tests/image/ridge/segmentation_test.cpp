@@ -1,0 +1,429 @@
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cmath>
+#include <map>
+#include <random>
+#include <string>
+#include <vector>
+
+#include "kelmtrova/image.h"
+#include "tests/support/allocation.h"
+#include "tests/support/guarded.h"
+
+namespace {
+
+using kelm::test::AllocationWatch;
+using kelm::test::Guard;
+using kelm::test::Guarded;
+using Bytes = std::vector<std::uint8_t>;
+using Heights = std::vector<std::uint32_t>;
+
+struct Choice {
+  int threshold;
+  std::string rule;  // the way to it
+};
+
+struct Extremes {
+  std::vector<int> valleys, peaks;
+};
+
+Extremes scan(Heights h, int start, int end) {
+  h.insert(h.begin(), 0);  // one missing neighbour on the left, some on the right
+  h.resize(h.size() + 8, 0);
+  const auto at = [&h](int i) { return h[static_cast<std::size_t>(i + 1)]; };
+  Extremes found;
+  for (int i = start; i <= end; ++i) {
+    for (const int sign : {1, -1}) {  // valleys, then peaks
+      const auto less = [sign](std::uint32_t a, std::uint32_t b) { return sign > 0 ? a < b : a > b; };
+      std::vector<int> &list = sign > 0 ? found.valleys : found.peaks;
+      if (less(at(i), at(i - 1)) && less(at(i), at(i + 1))) {
+        list.push_back(i);
+      } else if (less(at(i), at(i - 1)) && at(i) == at(i + 1)) {
+        int j = i + 1;
+        while (j <= 254 && at(j) == at(j - 1)) {
+          ++j;
+        }
+        if (less(at(j - 1), at(j))) {
+          list.push_back((i + j) >> 1);
+        }
+        i = j - 1;
+      }
+    }
+  }
+  return found;
+}
+
+Heights silhouetteHeights(const Heights &counts, int *first, int *last) {
+  Heights h(256);
+  h[0] = (counts[0] + counts[1]) >> 1;
+  h[255] = (counts[255] + counts[254]) >> 1;
+  std::uint32_t sum = h[0] + h[255];
+  for (std::size_t i = 1; i < 255; ++i) {
+    h[i] = (counts[i - 1] + counts[i] + counts[i + 1]) / 3;
+    sum += h[i];
+  }
+  std::uint32_t highest = *std::max_element(h.begin(), h.end());
+  if (highest > 0.05 * sum) {
+    highest = static_cast<std::uint32_t>(0.05 * sum);
+  }
+  const float scale = static_cast<float>(255.0 / highest);
+  Bytes canvas(65536, 0);
+  *first = *last = -1;
+  for (std::size_t i = 0; i < 256; ++i) {
+    const int bar = h[i] == 0 ? 0 : static_cast<int>(std::min(255.0F, static_cast<float>(h[i]) * scale));
+    if (bar > 10) {
+      *first = *first < 0 ? static_cast<int>(i) : *first;
+      *last = static_cast<int>(i);
+    }
+    for (std::size_t j = 0; j < static_cast<std::size_t>(bar); ++j) {
+      canvas[j * 256 + i] = 255;
+    }
+  }
+  MY_BWDilateFastUint16(canvas.data(), 256, 256, 9, 9);
+  MY_BWErodeFastUint16(canvas.data(), 256, 256, 9, 9);
+  BErode(canvas.data(), 256, 256);
+  BDilate(canvas.data(), 256, 256);
+  for (std::size_t i = 0; i < 256; ++i) {
+    h[i] = 255;
+    while (h[i] > 0 && canvas[h[i] * 256 + i] == 0) {
+      --h[i];
+    }
+  }
+  return h;
+}
+
+Choice silhouetteChoice(const Heights &counts) {
+  int F = 0;
+  int L = 0;
+  Heights h = silhouetteHeights(counts, &F, &L);
+  if (F < 0) {
+    return {0, "no bar"};
+  }
+  const Extremes e = scan(h, F, L);
+  h.resize(261, 0);
+  if (e.peaks.empty()) {
+    return {0, "no peak"};
+  }
+  const int P0 = e.peaks[0];
+  const auto kept = [](double v) { return static_cast<int>(v) & 255; };
+  const auto beyond = [&](int p) {
+    return kept(static_cast<double>(static_cast<float>(p - F) * 1.5F + static_cast<float>(p)));
+  };
+  if (e.peaks.size() == 1) {
+    return L - P0 < 5 * (P0 - F) ? Choice{(F + P0) / 2, "1 half"} : Choice{beyond(P0), "1 beyond"};
+  }
+  const int P1 = e.peaks[1];
+  const int V = e.valleys[0] > P0 ? e.valleys[0] : e.valleys[1];
+  const auto height = [&h](int i) { return h[static_cast<std::size_t>(i)]; };
+  const auto limited = [&](int t, const std::string &rule) {
+    return t >= P1 ? Choice{V, rule + ", at valley"} : Choice{t, rule};
+  };
+  if (e.peaks.size() > 2) {
+    return height(P0) - height(P0 + 5) > 30 ? limited(beyond(P0), "3 beyond") : Choice{V, "3 valley"};
+  }
+  const auto weak = [&](int p) {
+    const std::uint32_t rise = height(p) - height(V);
+    const float slope = static_cast<float>(rise) / static_cast<float>(std::abs(p - V));
+    return rise <= 34 && p != V && slope < 3.0F;
+  };
+  const auto mixed = [&](int p) { return kept(0.6 * beyond(p) + 0.4 * V); };
+  if (weak(P0)) {
+    return L - P1 < 3 * (P1 - F) ? Choice{(F + P1) / 2, "2 A half"} : Choice{mixed(P1), "2 A beyond"};
+  }
+  if (weak(P1)) {
+    return L - P0 < 3 * (P0 - F) ? Choice{(F + P0) / 2, "2 B half"} : limited(mixed(P0), "2 B beyond");
+  }
+  return {V, "2 valley"};
+}
+
+Choice modeChoice(const Heights &counts) {
+  Histogram smoothed;
+  std::copy(counts.begin(), counts.end(), smoothed.counter);
+  HistogramSmooth(&smoothed);
+  Heights h(smoothed.counter, smoothed.counter + 256);
+  h[0] = 0;
+  std::uint32_t sum = 0;
+  for (std::size_t i = 0; i < 128; ++i) {
+    sum += h[i];
+  }
+  for (std::size_t i = 0; i < 128; ++i) {
+    h[i] = h[i] > (sum >> 7) ? h[i] - (sum >> 7) : 0;
+  }
+  const auto at = [&h](int i) { return static_cast<int>(h[static_cast<std::size_t>(i)]); };
+  Extremes e = scan(h, 1, 254);
+  std::string rule;
+  for (std::size_t p = 0; p + 1 < e.peaks.size();) {
+    if (0.3 * at(e.peaks[p]) > at(e.peaks[p]) - at(e.valleys[p])) {
+      e.peaks.erase(e.peaks.begin() + static_cast<std::ptrdiff_t>(p));
+      e.valleys.erase(e.valleys.begin() + static_cast<std::ptrdiff_t>(p));
+      rule = "pruned ";
+    } else {
+      ++p;
+    }
+  }
+  if (e.peaks.empty()) {
+    return {0, "no peak"};
+  }
+  int T = e.peaks[0];
+  while (T > 0 && at(T) != 0) {
+    --T;
+  }
+  T = (e.peaks[0] + T) >> 1;
+  rule += std::to_string(std::min<std::size_t>(e.peaks.size(), 3));
+  if (e.peaks.size() == 2) {
+    std::uint32_t low = 0;
+    std::uint32_t high = 0;
+    for (int i = 0; i < 128; ++i) {
+      (i < e.valleys[0] ? low : high) += h[static_cast<std::size_t>(i)];
+    }
+    const bool faint = high * 8 < low;
+    rule += faint ? e.peaks[0] > 10 ? " as one" : " faint but low" : "";
+    T = faint && e.peaks[0] > 10 ? T : e.valleys[0];
+  } else if (e.peaks.size() > 2) {
+    std::size_t q = 0;
+    for (std::size_t i = 1; i < e.peaks.size(); ++i) {
+      q = at(e.peaks[i]) > at(e.peaks[q]) ? i : q;
+    }
+    rule += q > 1 ? " late" : " early";
+    T = e.valleys[q > 1 ? q - 1 : 0];
+  }
+  const auto above = std::find_if(e.peaks.begin(), e.peaks.end(), [T](int p) { return p > T; });
+  if (above == e.peaks.end()) {
+    rule += ", no foreground";
+  } else {
+    const int P = *above;
+    const std::size_t p = static_cast<std::size_t>(above - e.peaks.begin());
+    int lo = P;
+    int hi = P;
+    const int lower = p > 0 ? e.valleys[p - 1] : 0;
+    const int upper = p < e.valleys.size() ? e.valleys[p] : 128;
+    while (lo > lower && at(lo) >= 0.5 * at(P)) {
+      --lo;
+    }
+    while (hi < upper && at(hi) >= 0.5 * at(P)) {
+      ++hi;
+    }
+    if (lo > lower && hi < upper) {
+      const float sigma = static_cast<float>((hi - lo) / 2.3545700244418297);
+      T = static_cast<int>(0.8 * (P - 2.5 * static_cast<double>(sigma)) + 0.2 * T);
+    } else {
+      rule += lo > lower ? ", no right half" : ", no left half";
+    }
+  }
+  T = static_cast<int>(0.8 * (2 * T));
+  return {T, T < 0 ? "below 0" : rule};
+}
+
+Bytes pictureOf(const Heights &counts, std::size_t width) {
+  Bytes image;
+  for (std::size_t level = 0; level < counts.size(); ++level) {
+    image.insert(image.end(), counts[level], static_cast<std::uint8_t>(level));
+  }
+  image.resize((image.size() + width - 1) / width * width, 0);
+  return image;
+}
+
+// Both methods on a picture with about these counts, and the picture that comes out, against the models.
+void check(const Heights &counts, std::map<std::string, int> *rules, int width = 97) {
+  const Bytes image = pictureOf(counts, static_cast<std::size_t>(width));
+  if (image.empty()) {
+    return;
+  }
+  Heights exact(256, 0);
+  for (const std::uint8_t pixel : image) {
+    ++exact[pixel];
+  }
+  const std::int16_t height = static_cast<std::int16_t>(image.size() / static_cast<std::size_t>(width));
+  for (const bool mode : {false, true}) {
+    const Choice choice = mode ? modeChoice(exact) : silhouetteChoice(exact);
+    ++(*rules)[(mode ? "mode: " : "silhouette: ") + choice.rule];
+    const Guarded<std::uint8_t> pixels(image, mode ? Guard::kAfter : Guard::kBefore);
+    const int result = (mode ? FpThresholdingGradsImageEx : FpThresholdingGradsImage)(pixels.data(), height,
+                                                                                      static_cast<std::int16_t>(width));
+    ASSERT_EQ(result, choice.threshold & 255) << mode << ' ' << choice.rule;
+    for (std::size_t i = 0; i < image.size(); ++i) {
+      ASSERT_EQ(pixels[i], image[i] > choice.threshold ? 255 : 0) << i << ' ' << choice.rule;
+    }
+  }
+}
+
+struct Hump {
+  double centre, width, pixels;
+};
+
+Heights humps(const std::vector<Hump> &list) {
+  Heights counts(256, 0);
+  for (const Hump &hump : list) {
+    for (int i = 0; i < 256; ++i) {
+      const double z = (i - hump.centre) / hump.width;
+      counts[static_cast<std::size_t>(i)] +=
+          static_cast<std::uint32_t>(hump.pixels * std::exp(-z * z / 2) / (hump.width * 2.5));
+    }
+  }
+  return counts;
+}
+
+// Straight lines from one corner (level, count) to the next.
+Heights corners(const std::vector<std::pair<int, int>> &list) {
+  Heights counts(256, 0);
+  for (std::size_t n = 1; n < list.size(); ++n) {
+    const auto &[from, low] = list[n - 1];
+    const auto &[to, high] = list[n];
+    for (int i = from; i <= std::min(to, 255); ++i) {
+      counts[static_cast<std::size_t>(i)] = static_cast<std::uint32_t>(low + (high - low) * (i - from) / (to - from));
+    }
+  }
+  return counts;
+}
+
+TEST(Thresholds, EveryRuleEqualsTheModel) {
+  std::map<std::string, int> rules;
+  std::mt19937 random(11);
+  const auto between = [&random](double low, double high) {
+    return low + (high - low) * static_cast<double>(random() % 4096) / 4096;
+  };
+  check(Heights(256, 40), &rules);  // flat
+  check(humps({{40, 3, 900}, {60, 30, 5000}}), &rules);
+  Heights sparse(194, 0);  // so few of each level that no bar, or every bar, is drawn
+  for (std::size_t i = 0; i < sparse.size(); i += 2) {
+    sparse[i] = 1;
+  }
+  check(sparse, &rules);
+  std::fill_n(sparse.begin(), 16, 0);
+  sparse[150] = 9;
+  check(sparse, &rules);
+  check(Heights{3, 1}, &rules, 1);             // too few pixels for a smoothed peak
+  for (int trial = 0; trial < 400; ++trial) {  // two peaks at the low end, of which one may be weak, and a long tail
+    const int first = static_cast<int>(between(4, 40));
+    const int valley = first + static_cast<int>(between(7, 20));
+    const int second = valley + static_cast<int>(between(7, 20));
+    const int low = static_cast<int>(between(60, 200));
+    const int a = static_cast<int>(between(5, 90));
+    const int b = static_cast<int>(between(5, 90));
+    check(corners(
+              {{0, 8}, {first, low + a}, {valley, low}, {second, low + b}, {static_cast<int>(between(100, 260)), 14}}),
+          &rules);
+  }
+  for (int trial = 0; trial < 500; ++trial) {
+    std::vector<Hump> list;
+    for (int n = trial % 5; n >= 0; --n) {
+      list.push_back(
+          {between(-20, trial % 3 == 0 ? 80 : 270), between(1, trial % 2 == 0 ? 12 : 60), between(50, 9000)});
+    }
+    check(humps(list), &rules);
+    if (HasFatalFailure()) {
+      return;
+    }
+  }
+  for (const char *rule : {"silhouette: no bar",
+                           "silhouette: no peak",
+                           "silhouette: 1 half",
+                           "silhouette: 1 beyond",
+                           "silhouette: 2 A half",
+                           "silhouette: 2 A beyond",
+                           "silhouette: 2 B half",
+                           "silhouette: 2 B beyond",
+                           "silhouette: 2 B beyond, at valley",
+                           "silhouette: 2 valley",
+                           "silhouette: 3 beyond",
+                           "silhouette: 3 beyond, at valley",
+                           "silhouette: 3 valley",
+                           "mode: no peak",
+                           "mode: 1",
+                           "mode: 2",
+                           "mode: 2 as one",
+                           "mode: 2 faint but low",
+                           "mode: 3 early",
+                           "mode: 3 late",
+                           "mode: pruned 1",
+                           "mode: pruned 2",
+                           "mode: 1, no right half",
+                           "mode: 1, no left half",
+
+                           "mode: below 0"}) {
+    EXPECT_GT(rules[rule], 0) << rule;
+  }
+  if (HasFailure()) {
+    for (const auto &[rule, times] : rules) {
+      std::printf("%4d %s\n", times, rule.c_str());
+    }
+  }
+}
+
+TEST(Thresholds, RefuseNoPicture) {
+  std::uint8_t pixel = 7;
+  for (const auto method : {FpThresholdingGradsImage, FpThresholdingGradsImageEx}) {
+    EXPECT_EQ(method(nullptr, 1, 1), 255);
+    EXPECT_EQ(method(&pixel, 0, 1), 255);
+    EXPECT_EQ(method(&pixel, 1, -1), 255);
+    EXPECT_EQ(pixel, 7);
+  }
+}
+
+TEST(Thresholds, ExhaustedMemoryLeavesThePictureAlone) {
+  const Bytes image = pictureOf(humps({{30, 10, 4000}, {120, 20, 4000}}), 97);
+  for (const auto method : {FpThresholdingGradsImage, FpThresholdingGradsImageEx}) {
+    for (std::uint64_t failing = 1;; ++failing) {
+      Bytes copy = image;
+      std::int32_t result = 0;
+      bool failed = false;
+      {
+        AllocationWatch watch(failing);
+        result = method(copy.data(), static_cast<std::int16_t>(image.size() / 97), 97);
+        failed = watch.failed();
+        EXPECT_EQ(watch.outstanding(), 0);
+      }
+      if (!failed) {
+        EXPECT_NE(copy, image);
+        EXPECT_GT(failing, 1U);
+        break;
+      }
+      EXPECT_EQ(result, 255);
+      EXPECT_EQ(copy, image);
+    }
+  }
+}
+
+TEST(Complexity, CountsTheBoundary) {
+  Bytes square(20 * 30, 0);
+  for (std::size_t y = 4; y < 14; ++y) {
+    std::fill_n(&square[y * 30 + 7], 10, std::uint8_t{255});
+  }
+  EXPECT_FLOAT_EQ(Complexity(square.data(), 20, 30, 255), 12.96F);
+  EXPECT_EQ(Complexity(nullptr, 20, 30, 255), -1.0F);
+  EXPECT_TRUE(std::isnan(Complexity(square.data(), 20, 30, 9)));
+  EXPECT_TRUE(std::isnan(Complexity(square.data(), 2, 30, 0)));
+  EXPECT_TRUE(std::isnan(Complexity(square.data(), -20, 30, 0)));
+}
+
+TEST(Complexity, EqualsTheModelOnPicturesOfAllSizes) {
+  std::mt19937 random(3);
+  for (int size = 0; size < 120; ++size) {
+    const int height = size < 3 ? 40 : 3 + static_cast<int>(random() % 60);
+    const int width = size < 3 ? 16500 + size : 3 + static_cast<int>(random() % 300);
+    Bytes mask(static_cast<std::size_t>(height * width));
+    for (std::uint8_t &pixel : mask) {
+      const std::uint32_t r = static_cast<std::uint32_t>(random());
+      pixel = r % 8 == 0 ? 0 : r % 8 == 1 ? static_cast<std::uint8_t>(r >> 8) : 255;
+    }
+    int area = 0;
+    int inner = 0;
+    for (int y = 1; y < height - 1; ++y) {
+      for (int x = 1; x < width - 1; ++x) {
+        const std::uint8_t *p = &mask[static_cast<std::size_t>(y * width + x)];
+        area += *p == 255 ? 1 : 0;
+        inner += *p == 255 && (p[-1] & p[1] & p[-width] & p[width]) != 0 ? 1 : 0;
+      }
+    }
+    const float boundary = static_cast<float>(area) - static_cast<float>(inner);
+    const Guarded<std::uint8_t> guarded(mask);
+    const float result =
+        Complexity(guarded.data(), static_cast<std::int16_t>(height), static_cast<std::int16_t>(width), 255);
+    if (area > 0) {
+      EXPECT_EQ(result, boundary * boundary / static_cast<float>(area)) << height << " x " << width;
+    }
+  }
+}
+
+}  // namespace
