@@ -8,11 +8,14 @@
 #include "image/support/memory.h"
 #include "kelmtrova/image.h"
 
+#if defined(__SSE2__)
+#include <emmintrin.h>
+#endif
+
 namespace kelm::image {
 namespace {
 
-constexpr int kSamples = 7;           // of a point: itself and three neighbours on either side
-constexpr std::size_t kPoints = 256;  // points worked on at a time
+constexpr int kSamples = 7;  // of a point: itself and three neighbours on either side
 
 // The step from one neighbour to the next; those on the other side lie opposite.
 struct Direction {
@@ -34,16 +37,30 @@ constexpr bool seventhIsExact() {
 }
 static_assert(seventhIsExact());
 
-using Planes = std::uint8_t[kSamples][kPoints];
+constexpr std::size_t kChunk = 32;  // points worked on at a time
 
-KELM_INLINE void gather(std::uint8_t *__restrict out, const std::uint8_t *__restrict in, std::size_t step,
-                        std::size_t points) {
-  for (std::size_t i = 0; i < points; ++i) {
-    out[i] = in[i * step];
+// The samples at in[0], in[4], ... in[4 * (kChunk - 1)]. Reads the three bytes before in[0] too.
+KELM_INLINE void gatherFourth(std::uint8_t *__restrict out, const std::uint8_t *__restrict in) {
+#if defined(__SSE2__)
+  for (std::size_t i = 0; i < kChunk; i += 16) {
+    __m128i words[4];
+    for (std::size_t j = 0; j < 4; ++j) {
+      const auto *const where = reinterpret_cast<const __m128i *>(in - 3 + 4 * i + 16 * j);
+      words[j] = _mm_srli_epi32(_mm_loadu_si128(where), 24);
+    }
+    const __m128i low = _mm_packs_epi32(words[0], words[1]);
+    const __m128i high = _mm_packs_epi32(words[2], words[3]);
+    _mm_storeu_si128(reinterpret_cast<__m128i *>(out + i), _mm_packus_epi16(low, high));
   }
+#else
+  for (std::size_t i = 0; i < kChunk; ++i) {
+    out[i] = in[4 * i];
+  }
+#endif
 }
 
-KELM_INLINE void sumDifferences(std::uint16_t *__restrict out, const Planes &planes, std::size_t points) {
+KELM_INLINE void gradientsOf(std::uint16_t *__restrict out, const std::uint8_t (&planes)[kSamples][kChunk],
+                             std::size_t points) {
   for (std::size_t i = 0; i < points; ++i) {
     std::uint16_t sum = 0;
     for (int k = 0; k < kSamples; ++k) {
@@ -61,19 +78,30 @@ KELM_INLINE void sumDifferences(std::uint16_t *__restrict out, const Planes &pla
   }
 }
 
-// `center`: the first of the points, which lie `step` pixels apart; `offset`: from a neighbour to the next one.
+// `center`: the first of the points, which lie `step` pixels apart; `offset`: from a neighbour to the next one. The
+// last whole chunk overlaps the one before it, so that only fewer than kChunk points in all are taken one by one.
 KELM_INLINE void gradientsBody(std::uint16_t *out, const std::uint8_t *center, std::size_t step, std::size_t points,
                                std::ptrdiff_t offset) {
-  Planes planes;
-  for (int k = 0; k < kSamples; ++k) {
-    const std::uint8_t *const first = center + (k - kSamples / 2) * offset;
-    if (step == 4) {
-      gather(planes[k], first, 4, points);
+  std::uint8_t planes[kSamples][kChunk];
+  const std::size_t chunk = std::min(points, kChunk);
+  for (std::size_t done = 0; done < points; done += chunk) {
+    const std::size_t first = std::min(done, points - chunk);
+    for (int k = 0; k < kSamples; ++k) {
+      const std::uint8_t *const samples = center + first * step + (k - kSamples / 2) * offset;
+      if (step == 4 && chunk == kChunk) {
+        gatherFourth(planes[k], samples);
+      } else {
+        for (std::size_t i = 0; i < chunk; ++i) {
+          planes[k][i] = samples[i * step];
+        }
+      }
+    }
+    if (chunk == kChunk) {
+      gradientsOf(out + first, planes, kChunk);
     } else {
-      gather(planes[k], first, step, points);
+      gradientsOf(out + first, planes, chunk);
     }
   }
-  sumDifferences(out, planes, points);
 }
 KELM_KERNEL(void, gradients,
             (std::uint16_t * out, const std::uint8_t *center, std::size_t step, std::size_t points,
@@ -93,12 +121,13 @@ GradientGrid gradientGrid(const std::uint8_t *image, std::int32_t height, std::i
 
 void gradientRow(std::uint16_t *out, const GradientGrid &grid, std::size_t row, std::size_t first, std::size_t last,
                  int direction) {
+  if (first >= last) {
+    return;
+  }
   const Direction toNext = kSteps[direction];
   const std::ptrdiff_t offset = toNext.x + toNext.y * static_cast<std::ptrdiff_t>(grid.width);
   const std::uint8_t *const line = grid.image + row * grid.step * grid.width;
-  for (std::size_t i = first; i < last; i += kPoints) {
-    gradients(out + (i - first), line + i * grid.step, grid.step, std::min(kPoints, last - i), offset);
-  }
+  gradients(out, line + first * grid.step, grid.step, last - first, offset);
 }
 
 }  // namespace kelm::image
@@ -139,9 +168,8 @@ std::uint16_t **FpGetImg4DirectionGradsEx(const std::uint8_t *image, std::int16_
   }
   for (std::size_t row = 1; row + 1 < grid.rows; ++row) {
     for (int d = 0; d < kDirections; ++d) {
-      if (grid.cols > 2) {
-        gradientRow(owned[d].get() + row * grid.cols + 1, grid, row, 1, grid.cols - 1, d);
-      }
+      gradientRow(owned[d].get() + row * grid.cols + 1, grid, row, 1, grid.cols - std::min<std::size_t>(grid.cols, 1),
+                  d);
     }
   }
   for (int d = 0; d < kDirections; ++d) {

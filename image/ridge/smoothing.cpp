@@ -77,40 +77,44 @@ KELM_INLINE void overwrite(std::uint8_t *pixels, std::uint64_t bits, std::size_t
 }
 
 // A run is long when it holds a window of longest + 1 pixels. Windows grow by doubling: from windows of n pixels,
-// windows of up to 2n.
+// windows of up to 2n. Of the bits that say where a window starts, those at the start of a run tell the long runs.
 constexpr std::size_t nextShift(std::size_t reached, std::size_t window) { return std::min(reached, window - reached); }
 
 constexpr std::size_t kLongestWindow = 256;
-constexpr std::size_t kPad = kLongestWindow / 2 / 64 + 1;  // words of 0 that a shift may reach into, at either end
-constexpr std::size_t kRowWords = (INT16_MAX + 63) / 64 + 2 * kPad;  // the bits of a row
+constexpr std::size_t kPad = kLongestWindow / 2 / 64 + 1;        // words of 0 that a shift may reach into
+constexpr std::size_t kRowWords = (INT16_MAX + 63) / 64 + kPad;  // the bits of a row
 
-// Bits of the pixels that belong to windows wholly inside runs, from the bits of the runs, in place; pixels along the
-// bits of the words.
-KELM_INLINE void keepLongAcross(std::uint64_t *bits, std::size_t words, std::size_t window) {
+// out[i] = in[i] & in[i + shift] for bit positions i.
+KELM_INLINE void narrowAcross(std::uint64_t *__restrict out, const std::uint64_t *__restrict in, std::size_t words,
+                              std::size_t shift) {
+  const std::uint64_t *const next = in + shift / 64;
+  const unsigned rest = shift % 64;
+  for (std::size_t i = 0; i < words; ++i) {
+    out[i] = in[i] & (next[i] >> rest | (next[i + 1] << 1) << (63 - rest));
+  }
+}
+
+// Where windows of pixels along the bits of the words start; `runs` and `other` end with kPad words of 0. The result is
+// in one of the two buffers.
+KELM_INLINE const std::uint64_t *windowsAcross(const std::uint64_t *runs, std::uint64_t (&buffers)[2][kRowWords],
+                                               std::size_t words, std::size_t window) {
+  const std::uint64_t *from = runs;
+  int to = 0;
   for (std::size_t reached = 1; reached < window;) {
     const std::size_t shift = nextShift(reached, window);
-    const std::size_t skip = shift / 64;
-    const unsigned rest = shift % 64;
-    for (std::size_t i = kPad; i < kPad + words; ++i) {
-      bits[i] &= bits[i + skip] >> rest | (bits[i + skip + 1] << 1) << (63 - rest);
-    }
+    narrowAcross(buffers[to], from, words, shift);
+    std::fill_n(buffers[to] + words, kPad, 0);
+    from = buffers[to];
+    to ^= 1;
     reached += shift;
   }
-  for (std::size_t reached = 1; reached < window;) {
-    const std::size_t shift = nextShift(reached, window);
-    const std::size_t skip = shift / 64;
-    const unsigned rest = shift % 64;
-    for (std::size_t i = kPad + words; i-- > kPad;) {
-      bits[i] |= bits[i - skip] << rest | (bits[i - skip - 1] >> 1) >> (63 - rest);
-    }
-    reached += shift;
-  }
+  return from;
 }
 
 KELM_INLINE void stripRowBody(const Matcher &matcher, std::uint8_t *image, std::size_t base, std::size_t width,
                               std::size_t window, std::uint8_t fill) {
   std::uint64_t runs[kRowWords];
-  std::uint64_t kept[kRowWords];
+  std::uint64_t buffers[2][kRowWords];
   const std::size_t words = (width + 63) / 64;
   std::uint64_t any = 0;
   for (std::size_t i = 0; i < words; ++i) {
@@ -120,12 +124,19 @@ KELM_INLINE void stripRowBody(const Matcher &matcher, std::uint8_t *image, std::
   if (any == 0) {
     return;
   }
-  std::memset(kept, 0, kPad * sizeof(kept[0]));
-  std::memcpy(kept + kPad, runs, words * sizeof(kept[0]));
-  std::memset(kept + kPad + words, 0, kPad * sizeof(kept[0]));
-  keepLongAcross(kept, words, window);
+  std::fill_n(runs + words, kPad, 0);
+  const std::uint64_t *const windows = windowsAcross(runs, buffers, words, window);
+  std::uint64_t before = 0;
+  unsigned char carry = 0;
   for (std::size_t i = 0; i < words; ++i) {
-    const std::uint64_t stripes = runs[i] & ~kept[kPad + i];
+    // Added to the runs, the start of a run clears the whole run and carries into the next word when the run goes on.
+    const std::uint64_t starts = runs[i] & ~(runs[i] << 1 | before);
+    before = runs[i] >> 63;
+    unsigned long long sum = 0;
+    const bool first = __builtin_uaddll_overflow(runs[i], windows[i] & starts, &sum);
+    const bool second = __builtin_uaddll_overflow(sum, carry, &sum);
+    carry = static_cast<unsigned char>(first || second);
+    const std::uint64_t stripes = runs[i] & sum;
     if (stripes != 0) {
       overwrite(image + base + 64 * i, stripes, width - 64 * i, fill);
     }
@@ -136,28 +147,21 @@ KELM_KERNEL(void, stripRow,
              std::uint8_t fill),
             (matcher, image, base, width, window, fill), stripRowBody)
 
-// Columns are taken 64 at a time: one word per row. The words of a tile of rows lie between those of the rows above and
-// below that a run through the tile can involve.
+// Columns are taken 64 at a time: one word per row. The words of a tile of rows are followed by those of the rows below
+// that a window from the tile can reach.
 constexpr std::size_t kTileRows = 1024;
 constexpr std::size_t kHalo = kLongestWindow;
-constexpr std::size_t kColumnWords = kHalo + kTileRows + kHalo;
+constexpr std::size_t kColumnWords = kTileRows + kHalo;
 
-// The same as keepLongAcross with pixels along the words.
-KELM_INLINE void keepLongDown(std::uint64_t *bits, std::size_t words, std::size_t window) {
+// Where windows of pixels along the words start, in place: bits[i] becomes the AND of bits[i] to bits[i + window - 1].
+// The last `window` words are left incomplete.
+KELM_INLINE void windowsDown(std::uint64_t *bits, std::size_t words, std::size_t window) {
   for (std::size_t reached = 1; reached < window;) {
     const std::size_t shift = nextShift(reached, window);
+    const std::uint64_t *const next = bits + shift;
+#pragma GCC ivdep  // reads words ahead of those it writes
     for (std::size_t i = 0; i + shift < words; ++i) {
-      bits[i] &= bits[i + shift];
-    }
-    for (std::size_t i = words - std::min(words, shift); i < words; ++i) {
-      bits[i] = 0;
-    }
-    reached += shift;
-  }
-  for (std::size_t reached = 1; reached < window;) {
-    const std::size_t shift = nextShift(reached, window);
-    for (std::size_t i = words; i-- > shift;) {
-      bits[i] |= bits[i - shift];
+      bits[i] &= next[i];
     }
     reached += shift;
   }
@@ -165,25 +169,28 @@ KELM_INLINE void keepLongDown(std::uint64_t *bits, std::size_t words, std::size_
 
 KELM_INLINE void stripColumnsBody(const Matcher &matcher, std::uint8_t *image, std::size_t height, std::size_t width,
                                   std::size_t column, std::size_t window, std::uint8_t fill) {
-  std::uint64_t runs[kColumnWords] = {};
-  std::uint64_t kept[kColumnWords];
-  std::size_t loaded = kHalo;  // words of `runs` that stand for rows already looked at
-  std::size_t next = 0;        // the first row not yet looked at
+  std::uint64_t runs[kColumnWords];
+  std::uint64_t windows[kColumnWords];
+  std::uint64_t lasting = 0;  // columns in which the row above belongs to a long run
+  std::size_t loaded = 0;     // words of `runs` that stand for rows already looked at
+  std::size_t next = 0;       // the first row not yet looked at
   for (std::size_t top = 0; top < height; top += kTileRows) {
-    for (; loaded < kColumnWords; ++loaded, ++next) {
+    const std::size_t words = std::min(kColumnWords, height - top + kHalo);
+    for (; loaded < words; ++loaded, ++next) {
       runs[loaded] = next < height ? matchFrom(matcher, next * width + column, width - column) : 0;
     }
-    std::memcpy(kept, runs, sizeof(kept));
-    keepLongDown(kept, kColumnWords, window);
+    std::memcpy(windows, runs, words * sizeof(runs[0]));
+    windowsDown(windows, words, window);
     const std::size_t rows = std::min(kTileRows, height - top);
     for (std::size_t i = 0; i < rows; ++i) {
-      const std::uint64_t stripes = runs[kHalo + i] & ~kept[kHalo + i];
+      lasting = runs[i] & (lasting | windows[i]);
+      const std::uint64_t stripes = runs[i] & ~lasting;
       if (stripes != 0) {
         overwrite(image + (top + i) * width + column, stripes, width - column, fill);
       }
     }
-    loaded = 2 * kHalo;
-    std::memmove(runs, runs + kTileRows, loaded * sizeof(runs[0]));
+    loaded = words - rows;
+    std::memmove(runs, runs + rows, loaded * sizeof(runs[0]));
   }
 }
 KELM_KERNEL(void, stripColumns,
