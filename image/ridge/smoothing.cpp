@@ -94,7 +94,7 @@ KELM_INLINE void narrowAcross(std::uint64_t *__restrict out, const std::uint64_t
   }
 }
 
-// Where windows of pixels along the bits of the words start; `runs` and `other` end with kPad words of 0. The result is
+// Where windows of pixels along the bits of the words start; `runs` ends with kPad words of 0. The result is
 // in one of the two buffers.
 KELM_INLINE const std::uint64_t *windowsAcross(const std::uint64_t *runs, std::uint64_t (&buffers)[2][kRowWords],
                                                std::size_t words, std::size_t window) {
@@ -153,24 +153,33 @@ constexpr std::size_t kTileRows = 1024;
 constexpr std::size_t kHalo = kLongestWindow;
 constexpr std::size_t kColumnWords = kTileRows + kHalo;
 
-// Where windows of pixels along the words start, in place: bits[i] becomes the AND of bits[i] to bits[i + window - 1].
-// The last `window` words are left incomplete.
-KELM_INLINE void windowsDown(std::uint64_t *bits, std::size_t words, std::size_t window) {
+KELM_INLINE void narrowDown(std::uint64_t *__restrict out, const std::uint64_t *__restrict in, std::size_t words,
+                            std::size_t shift) {
+  for (std::size_t i = 0; i < words; ++i) {
+    out[i] = in[i] & in[i + shift];
+  }
+}
+
+// Where windows of pixels along the words start, but for the last window - 1 words. The result is in one of the two
+// buffers.
+KELM_INLINE const std::uint64_t *windowsDown(const std::uint64_t *runs, std::uint64_t (&buffers)[2][kColumnWords],
+                                             std::size_t words, std::size_t window) {
+  const std::uint64_t *from = runs;
+  int to = 0;
   for (std::size_t reached = 1; reached < window;) {
     const std::size_t shift = nextShift(reached, window);
-    const std::uint64_t *const next = bits + shift;
-#pragma GCC ivdep  // reads words ahead of those it writes
-    for (std::size_t i = 0; i + shift < words; ++i) {
-      bits[i] &= next[i];
-    }
     reached += shift;
+    narrowDown(buffers[to], from, words + 1 - reached, shift);
+    from = buffers[to];
+    to ^= 1;
   }
+  return from;
 }
 
 KELM_INLINE void stripColumnsBody(const Matcher &matcher, std::uint8_t *image, std::size_t height, std::size_t width,
                                   std::size_t column, std::size_t window, std::uint8_t fill) {
   std::uint64_t runs[kColumnWords];
-  std::uint64_t windows[kColumnWords];
+  std::uint64_t buffers[2][kColumnWords];
   std::uint64_t lasting = 0;  // columns in which the row above belongs to a long run
   std::size_t loaded = 0;     // words of `runs` that stand for rows already looked at
   std::size_t next = 0;       // the first row not yet looked at
@@ -179,8 +188,7 @@ KELM_INLINE void stripColumnsBody(const Matcher &matcher, std::uint8_t *image, s
     for (; loaded < words; ++loaded, ++next) {
       runs[loaded] = next < height ? matchFrom(matcher, next * width + column, width - column) : 0;
     }
-    std::memcpy(windows, runs, words * sizeof(runs[0]));
-    windowsDown(windows, words, window);
+    const std::uint64_t *const windows = windowsDown(runs, buffers, words, window);
     const std::size_t rows = std::min(kTileRows, height - top);
     for (std::size_t i = 0; i < rows; ++i) {
       lasting = runs[i] & (lasting | windows[i]);

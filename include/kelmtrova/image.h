@@ -349,7 +349,7 @@ KELMTROVA_API int32_t MeanSmooth(const uint8_t *source, uint8_t *destination, in
  * the columns for direction 1; any other direction, and longest = 0, leave the image as it is. Runs that touch the
  * border count like all others.
  *
- * Results: 0 success; 2 a null image or a dimension below 1. Takes no memory but up to 21 KiB of the stack.
+ * Results: 0 success; 2 a null image or a dimension below 1. Takes no memory but up to 31 KiB of the stack.
  */
 KELMTROVA_API int32_t RemoveStripe(uint8_t *image, int16_t height, int16_t width, uint8_t value, uint8_t fill,
                                    uint8_t longest, uint8_t direction);
