@@ -17,7 +17,10 @@ int main(void) {
   const SimulatorPersonalisation personalisation = {.slots = 10};
   /* With a real device manager, hDevice is the handle that it gave out, and the simulator's functions fall away. */
   SCardConnection token = {.bState = KELM_CONNECTION_READY, .hDevice = simulatorOpenInMemory(&personalisation)};
-  if (KelmIsTrova(&token) != 1) return puts("no token"), 1;
+  if (KelmIsTrova(&token) != 1) {
+    puts("no token");
+    return 1;
+  }
   simulatorPlaceFinger(token.hDevice, "thumb", 5);
 
   const TemplateIndexEntry record = {.tag = 7, .userData = "right thumb"};
@@ -27,7 +30,7 @@ int main(void) {
   if (result == KELM_RESULT_OK) result = capture(&token, 1);
   if (result == KELM_RESULT_OK) result = KelmTrovaFeatureVerify(&token, 0, 1, &triesLeft);
 
-  printf(result == KELM_RESULT_OK ? "slot 1 matches\n" : "result 0x%08llX\n", (unsigned long long)result);
+  printf("%s, result 0x%08llX\n", result == KELM_RESULT_OK ? "match" : "no match", (unsigned long long)result);
   simulatorClose(token.hDevice);
   return result != KELM_RESULT_OK;
 }

@@ -316,4 +316,14 @@ TEST_F(Program, ShowsTheLifeOfATokenAndLeavesTheUsersOwnAlone) {
   }
 }
 
+TEST(Readme, ShowsTheExampleThatIsBuilt) {
+  const auto read = [](const char *path) {
+    std::ifstream file(path);
+    return std::string(std::istreambuf_iterator<char>(file), {});
+  };
+  const std::string example = read(KELM_SOURCE_DIR "/examples/enroll_verify.c");
+  EXPECT_GT(example.size(), 500U);
+  EXPECT_TRUE(holds(read(KELM_SOURCE_DIR "/README.md"), "```c\n" + example + "```"));
+}
+
 }  // namespace

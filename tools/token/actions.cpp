@@ -286,7 +286,7 @@ Report sendImage(Session &session, const std::string &file) {
   const std::uint64_t linesPerBlock = KELM_MAX_LINE_LENGTH / width;
   std::uint64_t blocks = 0;
   {
-    Progress progress("sending " + file, "lines", height);
+    Progress progress("sending", "lines", height);
     watch().onImageBlock = [&] { progress.show(++blocks * linesPerBlock); };
     const std::uint64_t result = KelmTrovaDownloadImage(session.handle(), &image);
     watch().onImageBlock = nullptr;

@@ -156,7 +156,9 @@ std::string number(const char *format, unsigned value) {
   return text;
 }
 
-std::string fileName(unsigned fid) {
+// "0520, the template index" for the two bytes of a FID.
+std::string fileName(std::uint8_t high, std::uint8_t low) {
+  const unsigned fid = static_cast<unsigned>(high) << 8 | low;
   const char *name = fid == KELM_FID_COUNTER          ? ", the FID counter"
                      : fid == KELM_FID_BLOCK_RECORD   ? ", the block record"
                      : fid == KELM_FID_TEMPLATE_INDEX ? ", the template index"
@@ -194,9 +196,9 @@ std::string commandName(std::span<const std::uint8_t> command) {
     if (entry.cla != command[0] || entry.ins != command[1] || (entry.p1 >= 0 && entry.p1 != command[2])) continue;
     std::string name = entry.name;
     if (entry.detail == Detail::kP2) name += number(" %u", command[3]);
-    if (entry.detail == Detail::kFidInHeader) name += fileName(command[2] << 8U | command[3]);
+    if (entry.detail == Detail::kFidInHeader) name += fileName(command[2], command[3]);
     if (entry.detail == Detail::kFidInData && command.size() >= kDataStart + 2) {
-      name += fileName(command[kDataStart] << 8U | command[kDataStart + 1]);
+      name += fileName(command[kDataStart], command[kDataStart + 1]);
     }
     return name;
   }
