@@ -57,7 +57,7 @@ TEST(CardFile, ReadTakesOneBlockOfMemory) {
   const SCardConnection connection = readyConnection();
   const Answer success;
   device.fixed = &success;
-  for (const std::uint64_t failing : {0, 1}) {
+  for (const std::uint64_t failing : {0U, 1U}) {
     std::uint8_t out[400];
     device.exchanges = 0;
     AllocationWatch watch(failing);
@@ -130,7 +130,9 @@ TEST(CardFile, FidCounter) {
       {{0xF8, 0x01}, 0x01F9}, {{0x05, 0x00}, 5}, {{0xF8, 0x09}, 0x09F8}, {{0xFF, 0xFF}, 0xFFFF}};
   for (const auto &[bytes, value] : values) {
     device.log.clear();
-    device.answer = [&](const Bytes &command) { return Answer{.data = command[1] == 0xB0 ? bytes : Bytes{}}; };
+    device.answer = [read = bytes](const Bytes &command) {
+      return Answer{.data = command[1] == 0xB0 ? read : Bytes{}};
+    };
     std::uint16_t counter = 0x7777;
     EXPECT_EQ(token_get_current_fid(&connection, &counter), 0U);
     EXPECT_EQ(counter, value);

@@ -152,6 +152,7 @@ TEST(Transport, NothingSentWithoutUsableHandleOrBuffers) {
 }
 
 TEST(Transport, ProtocolRecords) {
+  device = {};
   EXPECT_EQ(g_rgSCardT0Pci.dwProtocol, 1U);
   EXPECT_EQ(g_rgSCardT1Pci.dwProtocol, 2U);
   EXPECT_EQ(g_rgSCardT0Pci.cbPciLength + g_rgSCardT1Pci.cbPciLength, 16U);

@@ -48,8 +48,8 @@ std::vector<std::string> expectedLog(const TokenImage &image) {
 
 TEST(ImageTransfer, ManyGeometries) {
   const SCardConnection connection = readyConnection();
-  for (const std::uint64_t lineLength : {1, 2, 7, 64, 79, 80, 81, 100, 120, 121, 239, 240}) {
-    for (const std::uint64_t lines : {1, 2, 3, 5, 100, 241, 603}) {
+  for (const std::uint64_t lineLength : {1U, 2U, 7U, 64U, 79U, 80U, 81U, 100U, 120U, 121U, 239U, 240U}) {
+    for (const std::uint64_t lines : {1U, 2U, 3U, 5U, 100U, 241U, 603U}) {
       const Guarded<std::uint8_t> pixels(lines * lineLength);
       for (std::size_t i = 0; i < pixels.size(); ++i) {
         pixels[i] = static_cast<std::uint8_t>(i * 31 + i / 256);
@@ -72,7 +72,9 @@ TEST(ImageTransfer, RefusalEndsIt) {
   for (const auto &[status, result] : results) {
     for (const std::uint64_t refused : {1U, 3U, 33U, 34U}) {
       restart();
-      device.answer = [&](const Bytes &) { return Answer{.status = device.exchanges == refused ? status : 0x9000}; };
+      device.answer = [refused, failure = status](const Bytes &) {
+        return Answer{.status = device.exchanges == refused ? failure : 0x9000};
+      };
       EXPECT_EQ(KelmTrovaDownloadImage(&connection, &image), result);
       EXPECT_EQ(device.exchanges, refused);
       EXPECT_EQ(device.log.back(), "unlock");
