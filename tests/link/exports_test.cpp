@@ -46,19 +46,13 @@ void addDeclared(const char *header, Names &names) {
 }  // namespace
 
 TEST(Exports, AreTheNamesInTheHeaders) {
-  Names ofDeviceSide;
-  addDeclared(KELM_SOURCE_DIR "/include/kelmtrova/token.h", ofDeviceSide);
-  EXPECT_EQ(ofDeviceSide.size(), 45U);
-  Names declared = ofDeviceSide;
+  Names declared;
+  addDeclared(KELM_SOURCE_DIR "/include/kelmtrova/token.h", declared);
+  EXPECT_EQ(declared.size(), 45U);
   addDeclared(KELM_SOURCE_DIR "/include/kelmtrova/image.h", declared);
   const Names exported =
       outputOf("nm -D --defined-only --without-symbol-versions " KELM_BUILD_DIR "/lib/libkelmtrova.so | cut -d' ' -f3");
-  for (const std::string &name : exported) {
-    EXPECT_EQ(declared.count(name), 1U) << name << " is exported and not declared";
-  }
-  for (const std::string &name : ofDeviceSide) {
-    EXPECT_EQ(exported.count(name), 1U) << name << " is declared and not exported";
-  }
+  EXPECT_EQ(exported, declared);
 }
 
 TEST(Exports, NeedsOnlyTheSystemsLibraries) {
