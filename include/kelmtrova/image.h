@@ -356,14 +356,41 @@ KELMTROVA_API int32_t RemoveStripe(uint8_t *image, int16_t height, int16_t width
 
 /* ---- Foreground segmentation ------------------------------------------------------------------------------------ */
 
+/*
+ * Both functions turn a picture of gradient strengths (8-bit, strong gradients = the print) into a mask in place: pixels
+ * above a threshold become 255, the others 0. They differ in how they choose the threshold from the histogram.
+ *
+ * FpThresholdingGradsImage draws the histogram as a silhouette of 256 x 256, cleans that with binary morphology and
+ * places the threshold by the number of peaks left. Result: the threshold, 0 to 255. A picture whose silhouette has no
+ * peak gets the threshold 0. Levels outside 0 to 255 count as 0 where a rule looks for neighbours there.
+ *
+ * FpThresholdingGradsImageEx smooths the histogram with HistogramSmooth and places the threshold 2.5 standard deviations
+ * below the foreground's mode. Result: the low 8 bits of the threshold; a threshold below 0 makes every pixel 255. A
+ * smoothed histogram without a peak gets the threshold 0.
+ *
+ * Both return 255 and leave the picture alone when memory is short, for a null picture and for a dimension below 1; 255
+ * can also be a threshold. Scratch memory: a Histogram each, FpThresholdingGradsImage also the canvas of 65536 bytes and
+ * what the morphology takes.
+ */
 KELMTROVA_API int32_t FpThresholdingGradsImage(uint8_t *image, int16_t height, int16_t width);
 KELMTROVA_API int32_t FpThresholdingGradsImageEx(uint8_t *image, int16_t height, int16_t width);
+
+/*
+ * How ragged the pixels equal to `value` are: (A - I)^2 / A in single precision, with A such pixels off the image's
+ * border, I of them with at least one bit set in all four neighbours. -1 for a null mask; not a number when A is 0,
+ * which includes dimensions below 3.
+ */
 KELMTROVA_API float Complexity(const uint8_t *mask, int16_t height, int16_t width, uint8_t value);
 
 /* A byte for the caller's use: 0 when the library is loaded; no function of the library reads or writes it. */
 KELMTROVA_API extern uint8_t needRefineSegment;
 
 /* ---- Orientation field ------------------------------------------------------------------------------------------ */
+
+/*
+ * Directions are whole degrees, -90 to 90, of the ridges: counted counter-clockwise from the horizontal as the picture is
+ * seen with row 0 at the top. Directions that differ by 180 are the same.
+ */
 
 /* A block-wise field: block row r, block column c at data[r * cols + c]. */
 typedef struct FingerprintBlockField {
@@ -373,16 +400,70 @@ typedef struct FingerprintBlockField {
   int16_t *data; /* rows * cols samples; released by the caller with free() */
 } FingerprintBlockField;
 
+/*
+ * The ridge directions of a fingerprint image of fullHeight x fullWidth pixels, from the image of height x width at half
+ * that resolution. Sobel gradients gx, gy give the products 2 gx gy and the differences gy^2 - gx^2, which are summed
+ * over a box of smoothWindow (see Local sums); half the angle between the two at the centre of a block is its direction,
+ * and directions are averaged over neighbouring blocks as vectors of the doubled angle (Kass and Witkin, Analyzing
+ * oriented patterns, 1987).
+ *
+ *  - products, differences: receive new images of height x width summed samples, in wrapping 32-bit arithmetic.
+ *  - direction8: height / 4 rows of width / 4 blocks of 8 full-resolution pixels, averaged over 5 x 5 blocks.
+ *  - orientGrad: the same blocks; how fast the direction changes (FingerprintOrientGrad of the directions before they
+ *    are averaged).
+ *  - direction16: (fullHeight + 15) / 16 rows of (fullWidth + 15) / 16 blocks of 16 pixels, averaged over 3 x 3 blocks. A
+ *    last row or column beyond the image repeats its neighbour.
+ *
+ * What the records held before is not released. The reserved argument is not read. The records must be distinct.
+ *
+ * Results: 0 success; all five blocks belong to the caller. 1 memory could not be obtained, at whatever stage: nothing
+ * is handed over, direction8 and orientGrad have their blockSize, rows and cols already, direction8->data is as it was,
+ * orientGrad->data is null, everything else is as it was. 2 a null pointer, a height or width below 8 or above 32767, or
+ * sizes that do not belong together: the rows and columns of direction16 must be height / 8 and width / 8 or one more
+ * each; nothing is written.
+ */
 KELMTROVA_API int32_t FingerprintGetDirectionFloat(const uint8_t *image, uint16_t height, uint16_t width,
                                                    uint16_t fullHeight, uint16_t fullWidth, uint8_t smoothWindow,
                                                    uint8_t reserved, int32_t **products, int32_t **differences,
                                                    FingerprintBlockField *direction8, FingerprintBlockField *orientGrad,
                                                    FingerprintBlockField *direction16);
+
+/*
+ * How fast directions change from block to block: the root of the squared differences to the right and to the lower
+ * neighbour, a weighted mean over 5 x 5 blocks. The output receives the input's blockSize, rows and cols and new data;
+ * its earlier data, if not null, is released first. The output may be the input or share its data, which is then
+ * released once it has been read.
+ *
+ * Results: 0 success; 1 memory could not be obtained: the output's data is null and the rest of the record as it was,
+ * but an output that shares the input's data is wholly as it was; 2 a null record or an input without data, nothing is
+ * written.
+ */
 KELMTROVA_API int32_t FingerprintOrientGrad(FingerprintBlockField *output, const FingerprintBlockField *input);
+
+/* The difference of two directions in degrees, 0 to 90 for directions from -90 to 90. The low 16 bits of each count. */
 KELMTROVA_API int32_t AngleDiffAbs(int32_t a, int32_t b);
 
 /* ---- Ridge frequency -------------------------------------------------------------------------------------------- */
 
+/*
+ * The ridge period of every cell of 4 x 4 pixels, from the grey-level profile across the ridges: 33 samples about a
+ * pixel apart, each the mean of five points along the ridge. The period is the commonest gap between neighbouring peaks
+ * (or valleys), the longest of equally common ones, three neighbouring lengths counting as one; with two peaks and two
+ * valleys it is taken from the distance over three half-periods.
+ *
+ * The field gives the directions of blocks of 8 x 8 pixels; blockSize is not read, and blocks beyond the field take the
+ * nearest row and column. The field's first row belongs to the image's bottom blocks, and a direction counts here with
+ * rows growing downward: a field of FingerprintGetDirectionFloat fits the image upside down, rows in reverse order.
+ * Negative directions have 180 added; those outside -180 to 180 are taken modulo 180 first.
+ *
+ * map receives a new image of (height / 4) x (width / 4) bytes: eight times the period in pixels, or 255 where the
+ * profile shows no period. Near the border a sample without a point inside the image keeps the value that it had in the
+ * cell before, row by row, so a cell there depends on its neighbours.
+ *
+ * Results: 0 success; 1 memory could not be obtained: *map is null, or a map of 255 throughout that belongs to the
+ * caller; 2 a null pointer, a dimension below 1, or a field without data, rows or columns: nothing is written. Scratch
+ * memory: about 80 KB, and up to six bands of 96 image rows.
+ */
 KELMTROVA_API int32_t FpGetFrequency(const uint8_t *image, int16_t height, int16_t width,
                                      const FingerprintBlockField *field, uint8_t **map);
 
