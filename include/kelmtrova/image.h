@@ -228,9 +228,9 @@ KELMTROVA_API int32_t fvs_ImageLocalSumFloat2Float(float *out, const float *in, 
 
 /*
  * Box means: (sum + ((a + 1) >> 1)) / a with the nominal area a = sizeX * sizeY, whatever the window really covered:
- * near the border the sum of the samples that exist is divided by the full area, and for an even size the sum covers one
- * sample more than the size. Char: the sum is taken modulo 65536 and the low 8 bits of the quotient are kept. Int: sum
- * and rounding term wrap, the division truncates toward zero. out may be in.
+ * near the border the sum of the samples that exist is divided by the full area, and for an even size the sum covers
+ * one sample more than the size. Char: the sum is taken modulo 65536 and the low 8 bits of the quotient are kept. Int:
+ * sum and rounding term wrap, the division truncates toward zero. out may be in.
  *
  * Results: 0 success; 1 no scratch memory; 2 a null pointer, a dimension below 1 or a window size of 0; nothing is
  * written unless 0. Scratch memory as for the sums, with 16-bit sums for Char.
@@ -357,20 +357,20 @@ KELMTROVA_API int32_t RemoveStripe(uint8_t *image, int16_t height, int16_t width
 /* ---- Foreground segmentation ------------------------------------------------------------------------------------ */
 
 /*
- * Both functions turn a picture of gradient strengths (8-bit, strong gradients = the print) into a mask in place: pixels
- * above a threshold become 255, the others 0. They differ in how they choose the threshold from the histogram.
+ * Both functions turn a picture of gradient strengths (8-bit, strong gradients = the print) into a mask in place:
+ * pixels above a threshold become 255, the others 0. They differ in how they choose the threshold from the histogram.
  *
  * FpThresholdingGradsImage draws the histogram as a silhouette of 256 x 256, cleans that with binary morphology and
  * places the threshold by the number of peaks left. Result: the threshold, 0 to 255. A picture whose silhouette has no
  * peak gets the threshold 0. Levels outside 0 to 255 count as 0 where a rule looks for neighbours there.
  *
- * FpThresholdingGradsImageEx smooths the histogram with HistogramSmooth and places the threshold 2.5 standard deviations
- * below the foreground's mode. Result: the low 8 bits of the threshold; a threshold below 0 makes every pixel 255. A
- * smoothed histogram without a peak gets the threshold 0.
+ * FpThresholdingGradsImageEx smooths the histogram with HistogramSmooth and places the threshold 2.5 standard
+ * deviations below the foreground's mode. Result: the low 8 bits of the threshold; a threshold below 0 makes every
+ * pixel 255. A smoothed histogram without a peak gets the threshold 0.
  *
  * Both return 255 and leave the picture alone when memory is short, for a null picture and for a dimension below 1; 255
- * can also be a threshold. Scratch memory: a Histogram each, FpThresholdingGradsImage also the canvas of 65536 bytes and
- * what the morphology takes.
+ * can also be a threshold. Scratch memory: a Histogram each, FpThresholdingGradsImage also the canvas of 65536 bytes
+ * and what the morphology takes.
  */
 KELMTROVA_API int32_t FpThresholdingGradsImage(uint8_t *image, int16_t height, int16_t width);
 KELMTROVA_API int32_t FpThresholdingGradsImageEx(uint8_t *image, int16_t height, int16_t width);
@@ -388,8 +388,8 @@ KELMTROVA_API extern uint8_t needRefineSegment;
 /* ---- Orientation field ------------------------------------------------------------------------------------------ */
 
 /*
- * Directions are whole degrees, -90 to 90, of the ridges: counted counter-clockwise from the horizontal as the picture is
- * seen with row 0 at the top. Directions that differ by 180 are the same.
+ * Directions are whole degrees, -90 to 90, of the ridges: counted counter-clockwise from the horizontal as the picture
+ * is seen with row 0 at the top. Directions that differ by 180 are the same.
  */
 
 /* A block-wise field: block row r, block column c at data[r * cols + c]. */
@@ -401,26 +401,26 @@ typedef struct FingerprintBlockField {
 } FingerprintBlockField;
 
 /*
- * The ridge directions of a fingerprint image of fullHeight x fullWidth pixels, from the image of height x width at half
- * that resolution. Sobel gradients gx, gy give the products 2 gx gy and the differences gy^2 - gx^2, which are summed
- * over a box of smoothWindow (see Local sums); half the angle between the two at the centre of a block is its direction,
- * and directions are averaged over neighbouring blocks as vectors of the doubled angle (Kass and Witkin, Analyzing
- * oriented patterns, 1987).
+ * The ridge directions of a fingerprint image of fullHeight x fullWidth pixels, from the image of height x width at
+ * half that resolution. Sobel gradients gx, gy give the products 2 gx gy and the differences gy^2 - gx^2, which are
+ * summed over a box of smoothWindow (see Local sums); half the angle between the two at the centre of a block is its
+ * direction, and directions are averaged over neighbouring blocks as vectors of the doubled angle (Kass and Witkin,
+ * Analyzing oriented patterns, 1987).
  *
  *  - products, differences: receive new images of height x width summed samples, in wrapping 32-bit arithmetic.
  *  - direction8: height / 4 rows of width / 4 blocks of 8 full-resolution pixels, averaged over 5 x 5 blocks.
  *  - orientGrad: the same blocks; how fast the direction changes (FingerprintOrientGrad of the directions before they
  *    are averaged).
- *  - direction16: (fullHeight + 15) / 16 rows of (fullWidth + 15) / 16 blocks of 16 pixels, averaged over 3 x 3 blocks. A
- *    last row or column beyond the image repeats its neighbour.
+ *  - direction16: (fullHeight + 15) / 16 rows of (fullWidth + 15) / 16 blocks of 16 pixels, averaged over 3 x 3 blocks.
+ *    A last row or column beyond the image repeats its neighbour.
  *
  * What the records held before is not released. The reserved argument is not read. The records must be distinct.
  *
  * Results: 0 success; all five blocks belong to the caller. 1 memory could not be obtained, at whatever stage: nothing
  * is handed over, direction8 and orientGrad have their blockSize, rows and cols already, direction8->data is as it was,
- * orientGrad->data is null, everything else is as it was. 2 a null pointer, a height or width below 8 or above 32767, or
- * sizes that do not belong together: the rows and columns of direction16 must be height / 8 and width / 8 or one more
- * each; nothing is written.
+ * orientGrad->data is null, everything else is as it was. 2 a null pointer, a height or width below 8 or above 32767,
+ * or sizes that do not belong together: the rows and columns of direction16 must be height / 8 and width / 8 or one
+ * more each; nothing is written.
  */
 KELMTROVA_API int32_t FingerprintGetDirectionFloat(const uint8_t *image, uint16_t height, uint16_t width,
                                                    uint16_t fullHeight, uint16_t fullWidth, uint8_t smoothWindow,

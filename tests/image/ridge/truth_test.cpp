@@ -1,0 +1,159 @@
+// What the functions make of ridge pictures whose truth is known.
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <cstdlib>
+#include <memory>
+#include <numeric>
+#include <vector>
+
+#include "kelmtrova/image.h"
+#include "tests/support/ridges.h"
+
+namespace {
+
+using kelm::test::RidgePicture;
+using Bytes = std::vector<std::uint8_t>;
+
+struct Freeing {
+  void operator()(void *block) const { std::free(block); }
+};
+template <typename T>
+using Owned = std::unique_ptr<T[], Freeing>;
+
+struct Fields {
+  FingerprintBlockField direction8 = {}, orientGrad = {};
+  Owned<std::int16_t> directions, changes;
+
+  // From a picture at half the resolution.
+  explicit Fields(const RidgePicture &half) {
+    std::int32_t *products = nullptr;
+    std::int32_t *differences = nullptr;
+    FingerprintBlockField direction16 = {};
+    const auto size = [](int n) { return static_cast<std::uint16_t>(n); };
+    EXPECT_EQ(FingerprintGetDirectionFloat(half.pixels.data(), size(half.height), size(half.width),
+                                           size(2 * half.height), size(2 * half.width), 9, 0, &products, &differences,
+                                           &direction8, &orientGrad, &direction16),
+              0);
+    directions.reset(direction8.data);
+    changes.reset(orientGrad.data);
+    const Owned<std::int32_t> sums[] = {Owned<std::int32_t>(products), Owned<std::int32_t>(differences)};
+    const Owned<std::int16_t> coarse(direction16.data);
+  }
+};
+
+double apart(double a, double b) { return std::abs(std::remainder(a - b, 180)); }
+
+TEST(Truth, DirectionAndPeriodOfStraightRidges) {
+  for (int degrees = -90; degrees <= 90; degrees += 10) {
+    for (const double period : {7.0, 9.0, 11.0}) {
+      const Fields fields(kelm::test::straightRidges(96, 96, degrees, period / 2));
+      const FingerprintBlockField &field = fields.direction8;
+      // At 3.5 samples for a ridge at half resolution the Sobel operator itself favours the axes and the diagonals.
+      const double tolerance = period < 9 ? 5 : 3;
+      for (int r = 4; r < field.rows - 4; ++r) {
+        for (int c = 4; c < field.cols - 4; ++c) {
+          EXPECT_LE(apart(field.data[r * field.cols + c], degrees), tolerance) << degrees << ' ' << period;
+        }
+      }
+      // The frequency reads the picture upside down relative to the field.
+      const RidgePicture full = kelm::test::straightRidges(192, 192, -degrees, period);
+      std::uint8_t *map = nullptr;
+      ASSERT_EQ(FpGetFrequency(full.pixels.data(), 192, 192, &field, &map), 0);
+      const Owned<std::uint8_t> owner(map);
+      int right = 0;
+      for (int cy = 8; cy < 40; ++cy) {
+        for (int cx = 8; cx < 40; ++cx) {
+          right += std::abs(map[cy * 48 + cx] / 8.0 - period) <= 1 ? 1 : 0;
+        }
+      }
+      EXPECT_GE(right, 32 * 32 * 95 / 100) << degrees << ' ' << period;
+    }
+  }
+}
+
+TEST(Truth, DirectionOfRings) {
+  const Fields fields(kelm::test::concentricRidges(160, 160, 80, 80, 5.5));
+  const FingerprintBlockField &field = fields.direction8;
+  for (int r = 4; r < field.rows - 4; ++r) {
+    for (int c = 4; c < field.cols - 4; ++c) {
+      const double dx = 4 * c + 2 - 80;
+      const double dy = 4 * r + 2 - 80;
+      if (std::hypot(dx, dy) > 30) {
+        const double tangent = std::atan2(-dy, dx) * 180 / kelm::test::kPi + 90;
+        EXPECT_LE(apart(field.data[r * field.cols + c], tangent), 3) << r << ' ' << c;
+      }
+    }
+  }
+}
+
+TEST(Truth, TheCoreOfALoopIsWhereTheDirectionTurns) {
+  const Fields fields(kelm::test::loopRidges(128, 128, 60, 52, 4.5));
+  const FingerprintBlockField &turn = fields.orientGrad;
+  int best = 0;
+  for (int i = 0; i < turn.rows * turn.cols; ++i) {
+    best = turn.data[i] > turn.data[best] ? i : best;
+  }
+  EXPECT_NEAR(best / turn.cols * 4 + 2, 52, 8);
+  EXPECT_NEAR(best % turn.cols * 4 + 2, 60, 8);
+}
+
+// Mean strength of the gradient around every pixel.
+RidgePicture gradients(const RidgePicture &p) {
+  RidgePicture strength = RidgePicture::of(p.height, p.width, [&](int x, int y) {
+    const auto at = [&](int u, int v) -> int {
+      return p
+          .pixels[static_cast<std::size_t>(std::clamp(v, 0, p.height - 1) * p.width + std::clamp(u, 0, p.width - 1))];
+    };
+    return (std::abs(at(x + 1, y) - at(x - 1, y)) + std::abs(at(x, y + 1) - at(x, y - 1))) / 2.0;
+  });
+  fvs_ImageMeanChar2Char(strength.pixels.data(), Bytes(strength.pixels).data(), static_cast<std::int16_t>(p.height),
+                         static_cast<std::int16_t>(p.width), 9, 9);
+  return strength;
+}
+
+TEST(Truth, TheMarginIsBackground) {
+  RidgePicture finger = kelm::test::concentricRidges(240, 200, 90, 130, 9);
+  kelm::test::addMargin(&finger, 40);
+  for (const auto method : {FpThresholdingGradsImage, FpThresholdingGradsImageEx}) {
+    RidgePicture mask = gradients(finger);
+    method(mask.pixels.data(), 240, 200);
+    int wrong = 0;
+    int seen = 0;
+    for (int y = 8; y < 232; ++y) {
+      for (int x = 8; x < 192; ++x) {
+        const int edge = std::min(std::min(x, y), std::min(199 - x, 239 - y));
+        if (edge < 34 || edge > 46) {
+          ++seen;
+          wrong += (mask.at(x, y) != 0) != (edge > 46) ? 1 : 0;
+        }
+      }
+    }
+    EXPECT_LE(wrong, seen / 50);
+  }
+}
+
+int meanQuality(const RidgePicture &p) {
+  BlockQualityMap map = {};
+  EXPECT_EQ(ImageBlkQuality(&map, p.pixels.data(), static_cast<std::int16_t>(p.height),
+                            static_cast<std::int16_t>(p.width), 0),
+            0U);
+  const Owned<std::uint8_t> owner(map.grades);
+  return std::accumulate(map.grades, map.grades + map.rows * map.cols, 0) / (map.rows * map.cols);
+}
+
+TEST(Truth, NoiseHasALowerQualityThanRidges) {
+  const int disorder = meanQuality(kelm::test::noise(160, 160, 4));
+  for (const int degrees : {0, 30, 45, 90, 135}) {
+    EXPECT_GT(meanQuality(kelm::test::straightRidges(160, 160, degrees, 9)), 2 * disorder) << degrees;
+  }
+}
+
+TEST(Truth, AGapBreaksThePictureUp) {
+  RidgePicture finger = kelm::test::straightRidges(160, 160, 70, 9);
+  EXPECT_EQ(NotContinue(finger.pixels.data(), 160, 160, 200), 0);
+  kelm::test::addGap(&finger, 70, 84);
+  EXPECT_EQ(NotContinue(finger.pixels.data(), 160, 160, 200), 1);
+}
+
+}  // namespace
