@@ -120,9 +120,9 @@ std::vector<Size> sizes(std::mt19937 &random) {
 TEST(RegionGrow, EqualsThePlainFill) {
   std::mt19937 random(1);
   for (const Size size : sizes(random)) {
-    for (int round = 0; round < 12; ++round) {
+    for (std::size_t round = 0; round < 12; ++round) {
       const int levels = std::array{2, 3, 9}[round % 3];
-      const Picture picture = blotches(size.height, size.width, levels, round % 4 * 30, random);
+      const Picture picture = blotches(size.height, size.width, levels, static_cast<int>(round % 4) * 30, random);
       Picture expected = picture;
       Guarded<std::uint8_t> image(std::span<const std::uint8_t>(picture),
                                   round % 2 == 0 ? Guard::kAfter : Guard::kBefore);
@@ -184,8 +184,9 @@ TEST(RegionGrow, WithoutMemoryNothingIsFilled) {
 TEST(RemoveSmallArea, EqualsFillingEveryArea) {
   std::mt19937 random(2);
   for (const Size size : sizes(random)) {
-    for (int round = 0; round < 8; ++round) {
-      const Picture picture = blotches(size.height, size.width, 2 + round % 2, round % 4 * 25, random);
+    for (std::size_t round = 0; round < 8; ++round) {
+      const Picture picture =
+          blotches(size.height, size.width, 2 + static_cast<int>(round % 2), static_cast<int>(round % 4) * 25, random);
       const auto limit = static_cast<std::int16_t>(std::array{0, 1, 4, 20, 300, 32767, -1, -32768}[round]);
       Picture copy = picture;
       Picture expected = picture;
