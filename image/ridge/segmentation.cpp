@@ -38,10 +38,12 @@ std::size_t pixelCount(std::int16_t height, std::int16_t width) {
 // Counting in byte lanes, which hold up to 255 steps before they must be emptied.
 constexpr std::size_t kLanes = 64;
 constexpr std::size_t kMaxSteps = 255;
+typedef std::uint8_t Lanes __attribute__((vector_size(kLanes)));
+typedef std::int8_t LaneMask __attribute__((vector_size(kLanes)));  // -1 where true
 
 struct LaneCounts {
-  std::uint8_t area[kLanes];
-  std::uint8_t inner[kLanes];
+  Lanes area;
+  Lanes inner;
 };
 
 struct AreaCounts {
@@ -49,32 +51,49 @@ struct AreaCounts {
   std::uint32_t inner;
 };
 
-// Counts the lanes from `firstLane` on of the 64 pixels at `p`.
+KELM_INLINE void load(Lanes *lanes, const std::uint8_t *p) { std::memcpy(lanes, p, sizeof *lanes); }
+
+// Counts those of the 64 pixels at `p` that `counted` lets through.
 KELM_INLINE void countLanes(LaneCounts *counts, const std::uint8_t *p, std::size_t width, std::uint8_t value,
-                            std::size_t firstLane) {
-  for (std::size_t l = 0; l < kLanes; ++l) {
-    const std::uint8_t common = static_cast<std::uint8_t>(p[l - width] & p[l - 1] & p[l + 1] & p[l + width]);
-    const std::uint8_t isArea = p[l] == value && static_cast<std::uint8_t>(l) >= static_cast<std::uint8_t>(firstLane);
-    counts->area[l] = static_cast<std::uint8_t>(counts->area[l] + isArea);
-    counts->inner[l] = static_cast<std::uint8_t>(counts->inner[l] + (common != 0 ? isArea : 0));
-  }
+                            const LaneMask *counted) {
+  Lanes centre;
+  Lanes above;
+  Lanes left;
+  Lanes right;
+  Lanes below;
+  load(&centre, p);
+  load(&above, p - width);
+  load(&left, p - 1);
+  load(&right, p + 1);
+  load(&below, p + width);
+  const LaneMask area = (centre == value) & *counted;
+  const LaneMask inner = ((above & left & right & below) != 0) & area;
+  counts->area -= reinterpret_cast<const Lanes &>(area);
+  counts->inner -= reinterpret_cast<const Lanes &>(inner);
 }
 
-// `n` pixels from `p` on, at least 64 and at most 255 x 64; the last step overlaps the one before.
+// `n` pixels from `p` on, at least 64 and at most 254 x 64; the last step overlaps the one before.
 KELM_INLINE AreaCounts countRunBody(const std::uint8_t *p, std::size_t n, std::size_t width, std::uint8_t value) {
   LaneCounts counts;
   std::memset(&counts, 0, sizeof counts);
+  LaneMask counted;
+  std::memset(&counted, -1, sizeof counted);
   std::size_t i = 0;
   for (; i + kLanes <= n; i += kLanes) {
-    countLanes(&counts, p + i, width, value, 0);
+    countLanes(&counts, p + i, width, value, &counted);
   }
   if (i < n) {
-    countLanes(&counts, p + n - kLanes, width, value, i - (n - kLanes));
+    std::memset(&counted, 0, i - (n - kLanes));
+    countLanes(&counts, p + n - kLanes, width, value, &counted);
   }
+  std::uint8_t area[kLanes];
+  std::uint8_t inner[kLanes];
+  std::memcpy(area, &counts.area, sizeof area);
+  std::memcpy(inner, &counts.inner, sizeof inner);
   AreaCounts sum = {0, 0};
   for (std::size_t l = 0; l < kLanes; ++l) {
-    sum.area += counts.area[l];
-    sum.inner += counts.inner[l];
+    sum.area += area[l];
+    sum.inner += inner[l];
   }
   return sum;
 }
