@@ -3,11 +3,17 @@
 #include <algorithm>
 #include <cstdio>
 #include <exception>
+#include <filesystem>
 #include <functional>
 #include <memory>
 
 #include "tools/exit_codes.h"
+#include "tools/image/analysis.h"
+#include "tools/image/html.h"
 #include "tools/image/picture.h"
+#include "tools/image/quality.h"
+#include "tools/image/sheet.h"
+#include "tools/image/steps.h"
 #include "tools/image/synth.h"
 
 namespace kelm::tools {
@@ -72,6 +78,91 @@ void addSynth(CLI::App &image, int &exitCode) {
   });
 }
 
+void addAnalyze(CLI::App &image, int &exitCode) {
+  struct Options {
+    std::string in, out;
+    bool json = false;
+  };
+  auto options = std::make_shared<Options>();
+  CLI::App *command = image.add_subcommand("analyze", "Everything the toolkit says about a print, on one page");
+  command->add_option("print", options->in, "the picture: PNG or PGM")->required();
+  command->add_option("-o,--output", options->out, "the report: .png for a contact sheet, .html for a page");
+  command->add_flag("--json", options->json, "the numbers on standard output");
+  command->callback([options, &exitCode] {
+    guarded(exitCode, [&] {
+      const bool page = hasExtension(options->out, ".html") || hasExtension(options->out, ".htm");
+      if (options->out.empty() ? !options->json : !page && !hasExtension(options->out, ".png")) {
+        throw PictureError("a report needs -o with a name that ends in .png or .html, or --json");
+      }
+      const Analysis analysis = analyse(readPicture(options->in), options->in);
+      if (page) {
+        const std::string report = reportAsHtml(analysis, options->in);
+        writeFile(options->out, report.data(), report.size());
+      } else if (!options->out.empty()) {
+        writeFile(options->out, encodePng(paintSheet(analysis, options->in)));
+      }
+      if (options->json) puts(numbersAsJson(analysis, options->in).c_str());
+      return kExitDone;
+    });
+  });
+}
+
+void addQuality(CLI::App &image, int &exitCode) {
+  auto settings = std::make_shared<QualitySettings>();
+  CLI::App *command = image.add_subcommand("quality", "The quality of many pictures: one JSON line for each");
+  command->add_option("paths", settings->paths, "pictures, folders of pictures, or - for paths on standard input")
+      ->required();
+  command->add_option("-j,--jobs", settings->jobs, "pictures worked on at once")
+      ->check(CLI::Range(1, 1024))
+      ->default_val(1);
+  command->add_flag("--csv", settings->csv, "comma-separated values, with a line of names first");
+  command->callback([settings, &exitCode] { guarded(exitCode, [&] { return measureQuality(*settings); }); });
+}
+
+void addStep(CLI::App &image, const Step &step, int &exitCode) {
+  struct Options {
+    StepSettings settings;
+    std::string in, out;
+  };
+  auto options = std::make_shared<Options>();
+  StepSettings &settings = options->settings;
+  CLI::App *command = image.add_subcommand(step.name, step.help);
+  command->add_option("picture", options->in, "the picture: PNG or PGM")->required();
+  command->add_option("-o,--output", options->out, "a picture (.png) or raw numbers (.npy)")->required();
+  const std::string name = step.name;
+  if (!step.anySize && name != "quality-map") {
+    command->add_option("--window", settings.window, "smoothing window in pixels of the half-size picture")
+        ->check(CLI::Range(1, 31))
+        ->default_val(settings.window);
+  }
+  if (name == "orientation") {
+    command->add_option("--block", settings.blockSize, "edge of a block in pixels")
+        ->check(CLI::IsMember({8, 16}))
+        ->default_val(settings.blockSize);
+  }
+  if (name == "normalize") {
+    command->add_option("--mean", settings.targetMean)->check(CLI::Range(0, 255))->default_val(settings.targetMean);
+    command->add_option("--variance", settings.targetVariance)
+        ->check(CLI::Range(0, 65025))
+        ->default_val(settings.targetVariance);
+  }
+  if (name == "histogram") {
+    command->add_flag("--smooth", settings.smooth, "smoothed, in 128 bins of two grey levels");
+  }
+  command->callback([options, &step, &exitCode] {
+    guarded(exitCode, [&] {
+      const bool raw = hasExtension(options->out, ".npy");
+      if (!raw && !hasExtension(options->out, ".png")) {
+        throw PictureError("the output is a picture (.png) or raw numbers (.npy)");
+      }
+      const Picture picture = readPicture(options->in);
+      if (!step.anySize) requireAnalysable(picture, options->in);
+      writeFile(options->out, step.run(picture, options->settings, raw));
+      return kExitDone;
+    });
+  });
+}
+
 }  // namespace
 }  // namespace kelm::tools
 
@@ -79,7 +170,32 @@ void addImageCommands(CLI::App &app, int &exitCode) {
   using namespace kelm::tools;
   CLI::App *image = app.add_subcommand("image", "Fingerprint pictures: what the image toolkit makes of them");
   image->require_subcommand(1);
+  addAnalyze(*image, exitCode);
+  addQuality(*image, exitCode);
   addSynth(*image, exitCode);
+  for (const Step &step : steps()) addStep(*image, step, exitCode);
 }
 
-int demoImage(const std::string & /*directory*/) { return kelm::tools::kExitDone; }
+int demoImage(const std::string &directory) {
+  using namespace kelm::tools;
+  int exitCode = kExitDone;
+  guarded(exitCode, [&] {
+    std::filesystem::create_directories(directory);
+    const auto inside = [&](const char *name) { return (std::filesystem::path(directory) / name).string(); };
+    const SynthPrint print = synthesise({});
+    writePicture(inside("whorl.png"), print.picture);
+    const Analysis analysis = analyse(print.picture, "whorl.png");
+    writeFile(inside("whorl-report.png"), encodePng(paintSheet(analysis, "whorl.png")));
+    const std::string page = reportAsHtml(analysis, "whorl.png");
+    writeFile(inside("whorl-report.html"), page.data(), page.size());
+    const Numbers &numbers = analysis.numbers;
+    printf("\nA synthetic whorl (%d x %d pixels), analysed:\n", print.picture.width, print.picture.height);
+    printf("  mean quality  %.0f of 255, spread %.0f\n", numbers.quality, numbers.qualitySpread);
+    printf("  foreground    %.0f %% of the picture\n", 100 * numbers.foreground);
+    printf("  ridge period  %.1f pixels\n", numbers.period);
+    printf("  the report    %s\n                %s\n", inside("whorl-report.html").c_str(),
+           inside("whorl-report.png").c_str());
+    return kExitDone;
+  });
+  return exitCode;
+}

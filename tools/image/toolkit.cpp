@@ -1,0 +1,242 @@
+#include "tools/image/toolkit.h"
+
+#include <kelmtrova/image.h>
+
+#include <algorithm>
+#include <cmath>
+#include <cstdlib>
+#include <memory>
+#include <new>
+
+namespace kelm::tools {
+namespace {
+
+struct Freer {
+  void operator()(void *memory) const { free(memory); }
+};
+template <typename Sample>
+using Owned = std::unique_ptr<Sample[], Freer>;
+
+// The toolkit's results: 1 is exhausted memory, 2 an argument it refuses.
+void check(uint32_t result, const char *step) {
+  if (result == 1) throw std::bad_alloc();
+  if (result != 0) throw PictureError(std::string(step) + ": the toolkit refuses this picture");
+}
+
+uint16_t u16(int value) { return static_cast<uint16_t>(value); }
+int16_t s16(int value) { return static_cast<int16_t>(value); }
+
+template <typename Sample>
+Grid<Sample> gridOf(const Sample *data, int cell, int rows, int cols) {
+  return {cell, rows, cols, std::vector<Sample>(data, data + static_cast<size_t>(rows) * static_cast<size_t>(cols))};
+}
+
+Picture pictureOf(const uint8_t *samples, int width, int height) {
+  if (!samples) throw std::bad_alloc();
+  Picture picture(width, height);
+  std::copy_n(samples, picture.samples.size(), picture.samples.begin());
+  return picture;
+}
+
+Picture upsideDown(const Picture &picture, int rows) {
+  Picture out(picture.width, rows);
+  for (int y = 0; y < rows; ++y) {
+    std::copy_n(&picture.samples[static_cast<size_t>(rows - 1 - y) * static_cast<size_t>(picture.width)], picture.width,
+                &out.samples[static_cast<size_t>(y) * static_cast<size_t>(picture.width)]);
+  }
+  return out;
+}
+
+// The picture with its outermost pixels repeated, so that the morphology does not eat into a print that fills it.
+Picture framed(const Picture &picture, int frame) {
+  Picture out(picture.width + 2 * frame, picture.height + 2 * frame);
+  for (int y = 0; y < out.height; ++y) {
+    for (int x = 0; x < out.width; ++x) {
+      out.at(x, y) =
+          picture.at(std::clamp(x - frame, 0, picture.width - 1), std::clamp(y - frame, 0, picture.height - 1));
+    }
+  }
+  return out;
+}
+
+Picture unframed(const Picture &picture, int frame) {
+  Picture out(picture.width - 2 * frame, picture.height - 2 * frame);
+  for (int y = 0; y < out.height; ++y) {
+    for (int x = 0; x < out.width; ++x) out.at(x, y) = picture.at(x + frame, y + frame);
+  }
+  return out;
+}
+
+// Closes gaps the width of a ridge, smooths the outline, and drops specks and holes.
+Picture cleaned(const Picture &mask) {
+  constexpr int kFrame = 8;
+  Picture canvas = framed(mask, kFrame);
+  uint8_t *samples = canvas.samples.data();
+  const int16_t height = s16(canvas.height);
+  const int16_t width = s16(canvas.width);
+  check(static_cast<uint32_t>(MY_BWDilateFastUint16(samples, height, width, 9, 9)), "dilation");
+  check(static_cast<uint32_t>(MY_BWErodeFastUint16(samples, height, width, 9, 9)), "erosion");
+  check(static_cast<uint32_t>(BErode(samples, height, width)), "erosion");
+  check(static_cast<uint32_t>(BDilate(samples, height, width)), "dilation");
+  canvas = unframed(canvas, kFrame);
+  const int16_t speck = s16(std::min<int>(static_cast<int>(canvas.samples.size() / 20), INT16_MAX));
+  check(static_cast<uint32_t>(
+            RemoveSmallArea(canvas.samples.data(), s16(canvas.height), s16(canvas.width), 255, 0, speck)),
+        "small areas");
+  check(static_cast<uint32_t>(
+            RemoveSmallArea(canvas.samples.data(), s16(canvas.height), s16(canvas.width), 0, 255, speck)),
+        "small holes");
+  return canvas;
+}
+
+float complexityOf(const Picture &mask) {
+  const float complexity = Complexity(mask.samples.data(), s16(mask.height), s16(mask.width), 255);
+  return std::isfinite(complexity) ? complexity : 0;
+}
+
+double shareOf(const Picture &mask) {
+  return static_cast<double>(std::count(mask.samples.begin(), mask.samples.end(), 255)) /
+         static_cast<double>(mask.samples.size());
+}
+
+}  // namespace
+
+void requireAnalysable(const Picture &picture, const std::string &name) {
+  if (picture.width >= kSmallestEdge && picture.height >= kSmallestEdge) return;
+  throw PictureError(name + ": the picture is too small to analyse (" + std::to_string(picture.width) + " x " +
+                     std::to_string(picture.height) + " pixels; at least " + std::to_string(kSmallestEdge) +
+                     " along an edge)");
+}
+
+Picture reduced(const Picture &picture) {
+  const int width = picture.width / 2;
+  const int height = picture.height / 2;
+  if (width == 0 || height == 0) throw PictureError("a picture of one row or column cannot be halved");
+  const Owned<uint8_t> out(
+      ImageReduce(picture.samples.data(), u16(picture.height), u16(picture.width), u16(height), u16(width)));
+  return pictureOf(out.get(), width, height);
+}
+
+Picture enlarged(const Picture &picture) {
+  const int width = picture.width * 2;
+  const int height = picture.height * 2;
+  const Owned<uint8_t> out(
+      ImageEnlarge(picture.samples.data(), u16(picture.height), u16(picture.width), u16(height), u16(width)));
+  return pictureOf(out.get(), width, height);
+}
+
+Orientation orientationOf(const Picture &print, const Picture &half, int window) {
+  int32_t *products = nullptr;
+  int32_t *differences = nullptr;
+  FingerprintBlockField direction8{}, change{}, direction16{};
+  const int32_t result = FingerprintGetDirectionFloat(half.samples.data(), u16(half.height), u16(half.width),
+                                                      u16(print.height), u16(print.width), static_cast<uint8_t>(window),
+                                                      0, &products, &differences, &direction8, &change, &direction16);
+  const Owned<int32_t> ownedProducts(products), ownedDifferences(differences);
+  const Owned<int16_t> owned8(direction8.data), ownedChange(change.data), owned16(direction16.data);
+  check(static_cast<uint32_t>(result), "orientation");
+  const auto fieldOf = [](const FingerprintBlockField &field) {
+    return gridOf(field.data, field.blockSize, field.rows, field.cols);
+  };
+  return {gridOf(products, 2, half.height, half.width), gridOf(differences, 2, half.height, half.width),
+          fieldOf(direction8), fieldOf(change), fieldOf(direction16)};
+}
+
+Picture gradientOf(const Orientation &orientation, int window) {
+  const Grid<int32_t> &products = orientation.products;
+  const int side = 2 * (window / 2) + 1;
+  Picture gradient(products.cols, products.rows);
+  for (size_t i = 0; i < gradient.samples.size(); ++i) {
+    const double p = products.data[i];
+    const double d = orientation.differences.data[i];
+    // Per pixel, the Sobel weights (8 in all for a unit slope over two pixels) brought back to grey levels.
+    const double strength = std::sqrt(std::sqrt(p * p + d * d)) / (side * 4.0);
+    gradient.samples[i] = static_cast<uint8_t>(std::min(strength, 255.0));
+  }
+  return gradient;
+}
+
+// FpGetFrequency reads the field's rows from the lower edge upward and its angles clockwise: it wants the picture
+// upside down, and only as many rows as the field has blocks for. Its map comes upside down too.
+Grid<uint8_t> periodsOf(const Picture &print, const Grid<int16_t> &direction8) {
+  const Picture flipped = upsideDown(print, direction8.rows * direction8.cell);
+  std::vector<int16_t> directions = direction8.data;
+  const FingerprintBlockField field{u16(direction8.cell), u16(direction8.rows), u16(direction8.cols),
+                                    directions.data()};
+  uint8_t *map = nullptr;
+  const int32_t result = FpGetFrequency(flipped.samples.data(), s16(flipped.height), s16(flipped.width), &field, &map);
+  const Owned<uint8_t> owned(map);
+  check(static_cast<uint32_t>(result), "ridge period");
+  const int columns = flipped.width / 4;
+  const Picture upright = upsideDown(pictureOf(map, columns, flipped.height / 4), flipped.height / 4);
+  return {4, upright.height, columns, upright.samples};
+}
+
+Grid<uint8_t> gradesOf(const Picture &print) {
+  // A width that is a multiple of the block's keeps every grade in its own block.
+  const int width = print.width / 16 * 16;
+  const int height = print.height / 16 * 16;
+  Picture whole(width, height);
+  for (int y = 0; y < height; ++y) {
+    std::copy_n(&print.samples[static_cast<size_t>(y) * static_cast<size_t>(print.width)], width,
+                &whole.samples[static_cast<size_t>(y) * static_cast<size_t>(width)]);
+  }
+  BlockQualityMap map{};
+  const uint32_t result = ImageBlkQuality(&map, whole.samples.data(), s16(height), s16(width), 0);
+  const Owned<uint8_t> owned(map.grades);
+  check(result, "block quality");
+  return gridOf(map.grades, 16, map.rows, map.cols);
+}
+
+std::array<Grid<uint16_t>, 4> fourGradientsOf(const Picture &print) {
+  constexpr int kStep = 4;
+  const Owned<uint16_t *> maps(
+      FpGetImg4DirectionGradsEx(print.samples.data(), s16(print.height), s16(print.width), kStep));
+  if (!maps) throw std::bad_alloc();
+  std::array<Grid<uint16_t>, 4> out;
+  for (size_t d = 0; d < out.size(); ++d) {
+    const Owned<uint16_t> map(maps[d]);
+    out[d] = gridOf(map.get(), kStep, print.height / kStep, print.width / kStep);
+  }
+  return out;
+}
+
+Counters histogramOf(const Picture &picture) {
+  const std::unique_ptr<Histogram, decltype(&HistogramDestroy)> histogram(
+      HistogramCompute(picture.samples.data(), u16(picture.height), u16(picture.width)), &HistogramDestroy);
+  if (!histogram) throw std::bad_alloc();
+  Counters counters;
+  std::copy_n(histogram->counter, counters.size(), counters.begin());
+  return counters;
+}
+
+Counters smoothedHistogram(const Counters &counters) {
+  Histogram histogram;
+  std::copy(counters.begin(), counters.end(), histogram.counter);
+  HistogramSmooth(&histogram);
+  Counters out;
+  std::copy_n(histogram.counter, out.size(), out.begin());
+  return out;
+}
+
+Segmentation segment(const Picture &gradient) {
+  Segmentation out;
+  Picture shape = gradient;
+  Picture mode = gradient;
+  out.shapeThreshold = FpThresholdingGradsImage(shape.samples.data(), s16(shape.height), s16(shape.width));
+  out.modeThreshold = FpThresholdingGradsImageEx(mode.samples.data(), s16(mode.height), s16(mode.width));
+  out.shapeComplexity = complexityOf(shape);
+  out.modeComplexity = complexityOf(mode);
+  out.modeChosen = out.modeComplexity < out.shapeComplexity;
+  out.raw = out.modeChosen ? mode : shape;
+  out.mask = cleaned(out.raw);
+  out.complexity = complexityOf(out.mask);
+  (void)shareOf;
+  return out;
+}
+
+bool continuous(const Picture &print, int level) {
+  return NotContinue(print.samples.data(), print.height, print.width, level) == 0;
+}
+
+}  // namespace kelm::tools
