@@ -8,6 +8,10 @@
 namespace kelm::tools {
 namespace {
 
+// A print at 500 dpi has ridges 7 to 12 pixels apart; half-size pictures of closer ones would have less than three
+// pixels for a ridge and a valley, too few for gradients.
+constexpr double kNarrowPeriod = 6.5;
+
 class StopWatch {
  public:
   explicit StopWatch(Timings &into) : timings(into) {}
@@ -60,8 +64,8 @@ void gradeNumbers(const Analysis &analysis, Numbers &numbers) {
   numbers.qualitySpread = std::sqrt(std::max(0.0, squares / count - numbers.quality * numbers.quality));
 }
 
-// Halfway between the mean grey of the finger and the lightest hundredth of the picture: valleys between ridges stay
-// below when a row or column is averaged, paper does not.
+// Three quarters of the way from the mean grey of the finger to the lightest hundredth of the picture: ridges and
+// valleys, averaged over a row or column, stay below, paper does not.
 int lightLevelOf(const Analysis &analysis) {
   const Picture &half = analysis.half;
   double count = 0, sum = 0;
@@ -70,12 +74,13 @@ int lightLevelOf(const Analysis &analysis) {
     ++count;
     sum += half.samples[i];
   }
-  uint32_t left = static_cast<uint32_t>(analysis.print.samples.size() / 100);
+  uint32_t left =
+      static_cast<uint32_t>(static_cast<size_t>(analysis.width) * static_cast<size_t>(analysis.height) / 100);
   int lightest = 255;
   while (lightest > 0 && analysis.printHistogram[static_cast<size_t>(lightest)] <= left) {
     left -= analysis.printHistogram[static_cast<size_t>(lightest--)];
   }
-  return count == 0 ? lightest : static_cast<int>((sum / count + lightest) / 2);
+  return count == 0 ? lightest : static_cast<int>((sum / count + 3.0 * lightest) / 4);
 }
 
 int meanOf(const Counters &counters) {
@@ -85,6 +90,42 @@ int meanOf(const Counters &counters) {
     sum += counters[i] * i;
   }
   return static_cast<int>((sum + count / 2) / count);
+}
+
+Analysis analyseAt(int scale, const Picture &picture) {
+  Analysis out;
+  StopWatch watch(out.timings);
+  out.width = picture.width;
+  out.height = picture.height;
+  out.scale = scale;
+  // A picture with narrow ridges is its own half-size picture; the full one is made from it.
+  out.half = watch.time("half-size picture", [&] { return scale == 1 ? reduced(picture) : picture; });
+  out.print = scale == 1 ? picture : enlarged(picture);
+  const Picture &print = out.print;
+  out.orientation = watch.time("orientation", [&] { return orientationOf(print, out.half); });
+  out.periods = watch.time("ridge period", [&] { return periodsOf(print, out.orientation.direction8); });
+  out.gradient = watch.time("gradient picture", [&] { return gradientOf(out.orientation); });
+  out.segmentation = watch.time("foreground", [&] { return segment(out.gradient); });
+  out.grades = watch.time("block quality", [&] { return gradesOf(print); });
+  watch.time("histograms", [&] {
+    out.printHistogram = histogramOf(picture);
+    out.gradientHistogram = histogramOf(out.gradient);
+    out.smoothed = smoothedHistogram(out.gradientHistogram);
+    return 0;
+  });
+  Numbers &numbers = out.numbers;
+  numbers.lightLevel = lightLevelOf(out);
+  numbers.continuous = watch.time("continuity", [&] { return continuous(picture, numbers.lightLevel); });
+  watch.time("numbers", [&] {
+    const std::vector<uint8_t> &mask = out.segmentation.mask.samples;
+    numbers.foreground =
+        static_cast<double>(std::count(mask.begin(), mask.end(), 255)) / static_cast<double>(mask.size());
+    numbers.period = medianPeriod(out) / scale;
+    numbers.meanGrey = meanOf(out.printHistogram);
+    gradeNumbers(out, numbers);
+    return 0;
+  });
+  return out;
 }
 
 }  // namespace
@@ -103,33 +144,16 @@ bool Analysis::inForeground(int x, int y, int edge) const {
 
 Analysis analyse(const Picture &print, const std::string &name) {
   requireAnalysable(print, name);
-  Analysis out;
-  StopWatch watch(out.timings);
-  out.print = print;
-  out.half = watch.time("half-size picture", [&] { return reduced(print); });
-  out.orientation = watch.time("orientation", [&] { return orientationOf(print, out.half); });
-  out.periods = watch.time("ridge period", [&] { return periodsOf(print, out.orientation.direction8); });
-  out.gradient = watch.time("gradient picture", [&] { return gradientOf(out.orientation); });
-  out.segmentation = watch.time("foreground", [&] { return segment(out.gradient); });
-  out.grades = watch.time("block quality", [&] { return gradesOf(print); });
-  watch.time("histograms", [&] {
-    out.printHistogram = histogramOf(print);
-    out.gradientHistogram = histogramOf(out.gradient);
-    out.smoothed = smoothedHistogram(out.gradientHistogram);
-    return 0;
-  });
-  Numbers &numbers = out.numbers;
-  numbers.lightLevel = lightLevelOf(out);
-  numbers.continuous = watch.time("continuity", [&] { return continuous(print, numbers.lightLevel); });
-  watch.time("numbers", [&] {
-    const std::vector<uint8_t> &mask = out.segmentation.mask.samples;
-    numbers.foreground =
-        static_cast<double>(std::count(mask.begin(), mask.end(), 255)) / static_cast<double>(mask.size());
-    numbers.period = medianPeriod(out);
-    numbers.meanGrey = meanOf(out.printHistogram);
-    gradeNumbers(out, numbers);
-    return 0;
-  });
+  Analysis out = analyseAt(1, print);
+  const bool narrow = out.numbers.period > 0 && out.numbers.period < kNarrowPeriod;
+  const bool mayGrow =
+      print.samples.size() <= kLargestArea / 4 && std::max(print.width, print.height) <= int{kLongestEdge} / 2;
+  if (!narrow || !mayGrow) return out;
+  Timings first = std::move(out.timings);
+  out = analyseAt(2, print);
+  for (auto &[step, milliseconds] : out.timings) {
+    for (const auto &[earlier, before] : first) milliseconds += step == earlier ? before : 0;
+  }
   return out;
 }
 
@@ -137,8 +161,9 @@ std::string numbersAsJson(const Analysis &analysis, const std::string &name) {
   const Numbers &numbers = analysis.numbers;
   const auto rounded = [](double value, double parts) { return std::round(value * parts) / parts; };
   nlohmann::ordered_json json = {{"path", name},
-                                 {"width", analysis.print.width},
-                                 {"height", analysis.print.height},
+                                 {"width", analysis.width},
+                                 {"height", analysis.height},
+                                 {"scale", analysis.scale},
                                  {"quality", rounded(numbers.quality, 100)},
                                  {"qualitySpread", rounded(numbers.qualitySpread, 100)},
                                  {"foreground", rounded(numbers.foreground, 10000)},

@@ -23,6 +23,11 @@ struct Numbers {
 using Timings = std::vector<std::pair<std::string, double>>;
 
 struct Analysis {
+  int width = 0;  // of the picture as it was read
+  int height = 0;
+  // 2 when the ridges lay so close together that the picture was doubled first; everything below is then of the
+  // doubled one, but the numbers are not.
+  int scale = 1;
   Picture print;
   Picture half;
   Orientation orientation;

@@ -18,8 +18,8 @@ constexpr std::array<Colour, 9> kViridis = {{{68, 1, 84},
                                              {94, 201, 98},
                                              {173, 220, 48},
                                              {253, 231, 37}}};
-constexpr std::array<Colour, 7> kPlasma = {
-    {{13, 8, 135}, {84, 2, 163}, {139, 10, 165}, {185, 50, 137}, {219, 92, 104}, {244, 136, 73}, {254, 188, 43}}};
+constexpr std::array<Colour, 6> kPlasma = {
+    {{13, 8, 135}, {84, 2, 163}, {139, 10, 165}, {185, 50, 137}, {219, 92, 104}, {244, 136, 73}}};
 
 uint8_t mixed(int from, int to, double share) {
   return static_cast<uint8_t>(from + static_cast<int>(std::lround((to - from) * share)));

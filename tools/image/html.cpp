@@ -27,7 +27,7 @@ std::string base64(const std::vector<uint8_t> &bytes) {
 
 template <typename AnyPicture>
 std::string dataUri(const AnyPicture &picture) {
-  return "data:image/png;base64," + base64(encodePng(picture));
+  return std::string("data:image/png;base64,").append(base64(encodePng(picture)));
 }
 
 std::string escaped(const std::string &text) {
@@ -54,13 +54,13 @@ std::string escaped(const std::string &text) {
 }
 
 std::string cssColour(const Colour &colour) {
-  return "rgb(" + std::to_string(colour.red) + " " + std::to_string(colour.green) + " " + std::to_string(colour.blue) +
-         ")";
+  return std::string("rgb(") + std::to_string(colour.red) + " " + std::to_string(colour.green) + " " +
+         std::to_string(colour.blue) + ")";
 }
 
 std::string legendAsHtml(const Legend &legend) {
   std::string out = "<div class=legend><div class=scale style=\"background:linear-gradient(to right";
-  for (int i = 0; i <= 12; ++i) out += "," + cssColour(legend.colour(i / 12.0));
+  for (int i = 0; i <= 12; ++i) out.append(",").append(cssColour(legend.colour(i / 12.0)));
   out += ")\"></div><div class=marks>";
   for (const int mark : legend.marks) {
     out += "<span style=\"left:" + fixedNumber(100 * (mark - legend.low) / (legend.high - legend.low), 1) + "%\">" +
@@ -92,10 +92,11 @@ std::string overlayPanels(const Analysis &analysis) {
   paintDirections(directions16, analysis, analysis.orientation.direction16, zoom);
   paintPeriods(periods, analysis, zoom, 255);
   paintGrades(grades, analysis, zoom, 255);
+  const Legend period = periodLegend(analysis.scale);
   return overlayPanel("foreground", "Foreground", outline, nullptr) +
          overlayPanel("orientation8", "Orientation, blocks of 8", directions8, &kTurnLegend) +
          overlayPanel("orientation16", "Orientation, blocks of 16", directions16, &kTurnLegend) +
-         overlayPanel("period", "Ridge period", periods, &kPeriodLegend) +
+         overlayPanel("period", "Ridge period", periods, &period) +
          overlayPanel("quality", "Block quality", grades, &kGradeLegend);
 }
 
@@ -104,7 +105,8 @@ std::string tableAsHtml(const Analysis &analysis) {
   const Segmentation &segmentation = analysis.segmentation;
   const auto used = [&](bool mode) { return mode == segmentation.modeChosen ? ", used" : ""; };
   const std::vector<std::pair<std::string, std::string>> rows = {
-      {"Size", std::to_string(analysis.print.width) + " x " + std::to_string(analysis.print.height) + " pixels"},
+      {"Size", std::to_string(analysis.width) + " x " + std::to_string(analysis.height) + " pixels"},
+      {"Analysed at", analysis.scale == 1 ? "its own size" : "double size"},
       {"Mean quality", fixedNumber(numbers.quality, 1) + " of 255"},
       {"Spread of the quality", fixedNumber(numbers.qualitySpread, 1)},
       {"Share of foreground", fixedNumber(100 * numbers.foreground, 1) + " %"},

@@ -8,8 +8,7 @@
 
 namespace kelm::tools {
 
-const Legend kTurnLegend{plasma, 0, 20, {0, 5, 10, 15, 20}, "turn of the ridges, degrees from block to block"};
-const Legend kPeriodLegend{viridis, 4, 14, {4, 6, 8, 10, 12, 14}, "ridge period, pixels"};
+const Legend kTurnLegend{plasma, 0, 20, {0, 5, 10, 15, 20}, "turn, degrees from block to block"};
 const Legend kGradeLegend{viridis, 0, 255, {0, 50, 100, 150, 200, 255}, "grade of the block"};
 
 namespace {
@@ -46,6 +45,11 @@ double shareOf(const Legend &legend, double value) { return (value - legend.low)
 
 }  // namespace
 
+Legend periodLegend(int scale) {
+  if (scale == 2) return {viridis, 2, 7, {2, 3, 4, 5, 6, 7}, "ridge period, pixels"};
+  return {viridis, 4, 14, {4, 6, 8, 10, 12, 14}, "ridge period, pixels"};
+}
+
 std::string fixedNumber(double value, int digits) {
   char text[64];
   snprintf(text, sizeof text, "%.*f", digits, value);
@@ -53,7 +57,7 @@ std::string fixedNumber(double value, int digits) {
 }
 
 double zoomFor(const Picture &print, int wantedWidth) {
-  const double ratio = static_cast<double>(wantedWidth) / print.width;
+  const double ratio = 1.5 * wantedWidth / print.width;
   return ratio >= 1 ? std::floor(ratio) : 1 / std::ceil(1 / ratio);
 }
 
@@ -116,8 +120,9 @@ void paintDirections(ColourPicture &canvas, const Analysis &analysis, const Grid
 }
 
 void paintPeriods(ColourPicture &canvas, const Analysis &analysis, double zoom, uint8_t opacity) {
-  paintGrid(canvas, analysis, analysis.periods, zoom, opacity, [](uint8_t period) {
-    return period == kNoPeriod ? kClear : kPeriodLegend.colour(shareOf(kPeriodLegend, period / 8.0));
+  const Legend legend = periodLegend(analysis.scale);
+  paintGrid(canvas, analysis, analysis.periods, zoom, opacity, [&](uint8_t period) {
+    return period == kNoPeriod ? kClear : legend.colour(shareOf(legend, period / 8.0 / analysis.scale));
   });
 }
 
@@ -165,8 +170,8 @@ ColourPicture paintHistogram(const Analysis &analysis, int width, int height, in
     const int before = x - 4 * textScale - textWidth(text, textScale);
     drawText(canvas, after + textWidth(text, textScale) < width ? after : before, upper, text, textScale, colour);
   };
-  threshold(0, segmentation.shapeThreshold, !segmentation.modeChosen, "threshold from the silhouette", kOutline);
-  threshold(1, segmentation.modeThreshold, segmentation.modeChosen, "threshold from the mode", kSecond);
+  threshold(0, segmentation.shapeThreshold, !segmentation.modeChosen, "silhouette", kOutline);
+  threshold(1, segmentation.modeThreshold, segmentation.modeChosen, "mode", kSecond);
   return canvas;
 }
 

@@ -31,7 +31,9 @@ struct Legend {
   std::vector<int> marks;
   std::string unit;
 };
-extern const Legend kTurnLegend, kPeriodLegend, kGradeLegend;
+extern const Legend kTurnLegend, kGradeLegend;
+// For periods in pixels of a picture that was enlarged by `scale` for the analysis.
+Legend periodLegend(int scale);
 
 // At most `width` pixels wide, kLegendLines lines of text high.
 inline constexpr int kLegendLines = 3;

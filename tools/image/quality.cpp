@@ -73,7 +73,7 @@ std::string lineOf(const nlohmann::ordered_json &record, bool csv) {
   // Names of files are bytes and need not be UTF-8.
   if (!csv) return record.dump(-1, ' ', false, nlohmann::json::error_handler_t::replace);
   std::string line;
-  for (const char *column : kColumns) line += (line.empty() ? "" : ",") + csvField(record.at(column));
+  for (const char *column : kColumns) line.append(line.empty() ? "" : ",").append(csvField(record.at(column)));
   return line;
 }
 
@@ -84,8 +84,8 @@ Line measure(const std::string &path, bool csv) {
   try {
     const Analysis analysis = analyse(readPicture(path), path);
     const Numbers &numbers = analysis.numbers;
-    record["width"] = analysis.print.width;
-    record["height"] = analysis.print.height;
+    record["width"] = analysis.width;
+    record["height"] = analysis.height;
     record["quality"] = std::round(numbers.quality * 100) / 100;
     record["foreground"] = std::round(numbers.foreground * 10000) / 10000;
     if (numbers.period > 0) record["period"] = numbers.period;
@@ -187,7 +187,7 @@ int measureQuality(const QualitySettings &settings) {
   const std::vector<std::string> paths = allPaths(settings.paths);
   if (settings.csv) {
     std::string header;
-    for (const char *column : kColumns) header += (header.empty() ? "" : ",") + std::string(column);
+    for (const char *column : kColumns) header.append(header.empty() ? "" : ",").append(column);
     puts(header.c_str());
   }
   return Batch(paths, settings).run() ? kExitDone : kExitUsage;

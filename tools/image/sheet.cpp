@@ -24,7 +24,8 @@ struct Panel {
 
 std::string summary(const Analysis &analysis) {
   const Numbers &numbers = analysis.numbers;
-  return std::to_string(analysis.print.width) + " x " + std::to_string(analysis.print.height) + " pixels   quality " +
+  return std::to_string(analysis.width) + " x " + std::to_string(analysis.height) +
+         (analysis.scale == 1 ? " pixels   quality " : " pixels, doubled   quality ") +
          fixedNumber(numbers.quality, 0) + " +- " + fixedNumber(numbers.qualitySpread, 0) + "   foreground " +
          fixedNumber(100 * numbers.foreground, 0) + " %   ridge period " +
          (numbers.period > 0 ? fixedNumber(numbers.period, 1) + " pixels" : "unknown") +
@@ -50,8 +51,9 @@ ColourPicture paintSheet(const Analysis &analysis, const std::string &name) {
     };
   };
   const ColourPicture plain = paintPrint(analysis.print, zoom, 0);
-  const int width = std::max(plain.width, 300);
+  const int width = std::max(plain.width, 360);
   const int height = plain.height;
+  const Legend period = periodLegend(analysis.scale);
   const Panel panels[] = {
       {"Print", [&] { return plain; }, nullptr},
       {"Foreground", withPrint(0.35, [&](ColourPicture &canvas) { paintOutline(canvas, analysis, zoom); }), nullptr},
@@ -61,10 +63,10 @@ ColourPicture paintSheet(const Analysis &analysis, const std::string &name) {
            [&](ColourPicture &canvas) { paintDirections(canvas, analysis, analysis.orientation.direction8, zoom); }),
        &kTurnLegend},
       {"Ridge period", withPrint(0.8, [&](ColourPicture &canvas) { paintPeriods(canvas, analysis, zoom, 255); }),
-       &kPeriodLegend},
+       &period},
       {"Block quality", withPrint(0.8, [&](ColourPicture &canvas) { paintGrades(canvas, analysis, zoom, 255); }),
        &kGradeLegend},
-      {"Histogram of the gradients", [&] { return paintHistogram(analysis, width, height, kText); }, nullptr},
+      {"Gradients and thresholds", [&] { return paintHistogram(analysis, width, height, kText); }, nullptr},
   };
   const int panelHeight = kLine + height + kLegendLines * kLine;
   ColourPicture sheet(3 * width + 4 * kGap, kHeader + 2 * (panelHeight + kGap / 2), kWhite);

@@ -66,7 +66,7 @@ Bytes runFrequency(const Picture &picture, const StepSettings &settings, bool ra
   const Grid<uint8_t> periods = periodsOf(picture, orientationWith(picture, settings).direction8);
   if (!raw) {
     return gridPicture(periods, [](uint8_t period) {
-      return period == kNoPeriod ? kWhite : scaleColour(kPeriodLegend, period / 8.0);
+      return period == kNoPeriod ? kWhite : scaleColour(periodLegend(1), period / 8.0);
     });
   }
   Grid<float> pixels{periods.cell, periods.rows, periods.cols, {}};

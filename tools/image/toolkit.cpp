@@ -67,6 +67,15 @@ Picture unframed(const Picture &picture, int frame) {
   return out;
 }
 
+void clearFrame(Picture &picture, int frame) {
+  for (int y = 0; y < picture.height; ++y) {
+    for (int x = 0; x < picture.width; ++x) {
+      const bool inside = x >= frame && y >= frame && x < picture.width - frame && y < picture.height - frame;
+      if (!inside) picture.at(x, y) = 0;
+    }
+  }
+}
+
 // Closes gaps the width of a ridge, smooths the outline, and drops specks and holes.
 Picture cleaned(const Picture &mask) {
   constexpr int kFrame = 8;
@@ -78,25 +87,17 @@ Picture cleaned(const Picture &mask) {
   check(static_cast<uint32_t>(MY_BWErodeFastUint16(samples, height, width, 9, 9)), "erosion");
   check(static_cast<uint32_t>(BErode(samples, height, width)), "erosion");
   check(static_cast<uint32_t>(BDilate(samples, height, width)), "dilation");
-  canvas = unframed(canvas, kFrame);
-  const int16_t speck = s16(std::min<int>(static_cast<int>(canvas.samples.size() / 20), INT16_MAX));
-  check(static_cast<uint32_t>(
-            RemoveSmallArea(canvas.samples.data(), s16(canvas.height), s16(canvas.width), 255, 0, speck)),
-        "small areas");
-  check(static_cast<uint32_t>(
-            RemoveSmallArea(canvas.samples.data(), s16(canvas.height), s16(canvas.width), 0, 255, speck)),
-        "small holes");
-  return canvas;
+  clearFrame(canvas, kFrame);
+  // The frame is larger than a hole may be, so that paper at the picture's edge is not taken for one.
+  const int16_t speck = s16(std::min<int>(static_cast<int>(mask.samples.size() / 40), 16000));
+  check(static_cast<uint32_t>(RemoveSmallArea(samples, height, width, 255, 0, speck)), "small areas");
+  check(static_cast<uint32_t>(RemoveSmallArea(samples, height, width, 0, 255, speck)), "small holes");
+  return unframed(canvas, kFrame);
 }
 
 float complexityOf(const Picture &mask) {
   const float complexity = Complexity(mask.samples.data(), s16(mask.height), s16(mask.width), 255);
   return std::isfinite(complexity) ? complexity : 0;
-}
-
-double shareOf(const Picture &mask) {
-  return static_cast<double>(std::count(mask.samples.begin(), mask.samples.end(), 255)) /
-         static_cast<double>(mask.samples.size());
 }
 
 }  // namespace
@@ -143,15 +144,25 @@ Orientation orientationOf(const Picture &print, const Picture &half, int window)
 }
 
 Picture gradientOf(const Orientation &orientation, int window) {
+  constexpr float kStrong = 200;
+  constexpr float kLargestGain = 8;
   const Grid<int32_t> &products = orientation.products;
   const int side = 2 * (window / 2) + 1;
-  Picture gradient(products.cols, products.rows);
-  for (size_t i = 0; i < gradient.samples.size(); ++i) {
+  std::vector<float> strengths(products.data.size());
+  for (size_t i = 0; i < strengths.size(); ++i) {
     const double p = products.data[i];
     const double d = orientation.differences.data[i];
-    // Per pixel, the Sobel weights (8 in all for a unit slope over two pixels) brought back to grey levels.
-    const double strength = std::sqrt(std::sqrt(p * p + d * d)) / (side * 4.0);
-    gradient.samples[i] = static_cast<uint8_t>(std::min(strength, 255.0));
+    // Per pixel, the Sobel weights (8 in all for a slope over two pixels) brought back to grey levels.
+    strengths[i] = static_cast<float>(std::sqrt(std::sqrt(p * p + d * d)) / (side * 4.0));
+  }
+  // Faint prints are stretched, so that the thresholds find their histogram spread out.
+  std::vector<float> sorted = strengths;
+  const auto strong = sorted.begin() + static_cast<ptrdiff_t>(sorted.size() * 99 / 100);
+  std::nth_element(sorted.begin(), strong, sorted.end());
+  const float gain = std::clamp(kStrong / std::max(*strong, 1.0f), 1.0f, kLargestGain);
+  Picture gradient(products.cols, products.rows);
+  for (size_t i = 0; i < strengths.size(); ++i) {
+    gradient.samples[i] = static_cast<uint8_t>(std::min(strengths[i] * gain, 255.0f));
   }
   return gradient;
 }
@@ -231,7 +242,6 @@ Segmentation segment(const Picture &gradient) {
   out.raw = out.modeChosen ? mode : shape;
   out.mask = cleaned(out.raw);
   out.complexity = complexityOf(out.mask);
-  (void)shareOf;
   return out;
 }
 

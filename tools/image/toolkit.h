@@ -45,7 +45,8 @@ inline constexpr int kGradientWindow = 9;
 Orientation orientationOf(const Picture &print, const Picture &half, int window = kGradientWindow);
 
 // Gradient strength, 0 to 255: the root of the length of (products, differences), for each pixel of the half-size
-// picture. Unlike single gradients it is weak where directions contradict one another, as in noise and on paper.
+// picture, stretched for faint prints. Unlike single gradients it is weak where directions contradict one another, as
+// in noise and on paper.
 Picture gradientOf(const Orientation &orientation, int window = kGradientWindow);
 
 // Ridge period in eighths of a pixel for cells of 4 x 4 pixels; 255 where there is none.
