@@ -100,6 +100,11 @@ float complexityOf(const Picture &mask) {
   return std::isfinite(complexity) ? complexity : 0;
 }
 
+double shareOf(const Picture &mask) {
+  return static_cast<double>(std::count(mask.samples.begin(), mask.samples.end(), 255)) /
+         static_cast<double>(mask.samples.size());
+}
+
 }  // namespace
 
 void requireAnalysable(const Picture &picture, const std::string &name) {
@@ -170,7 +175,11 @@ Picture gradientOf(const Orientation &orientation, int window) {
 // FpGetFrequency reads the field's rows from the lower edge upward and its angles clockwise: it wants the picture
 // upside down, and only as many rows as the field has blocks for. Its map comes upside down too.
 Grid<uint8_t> periodsOf(const Picture &print, const Grid<int16_t> &direction8) {
-  const Picture flipped = upsideDown(print, direction8.rows * direction8.cell);
+  Picture flipped = upsideDown(print, direction8.rows * direction8.cell);
+  // Pores and specks would count as ridges of their own.
+  check(static_cast<uint32_t>(
+            MeanSmooth(flipped.samples.data(), flipped.samples.data(), s16(flipped.height), s16(flipped.width))),
+        "smoothing");
   std::vector<int16_t> directions = direction8.data;
   const FingerprintBlockField field{u16(direction8.cell), u16(direction8.rows), u16(direction8.cols),
                                     directions.data()};
@@ -179,7 +188,12 @@ Grid<uint8_t> periodsOf(const Picture &print, const Grid<int16_t> &direction8) {
   const Owned<uint8_t> owned(map);
   check(static_cast<uint32_t>(result), "ridge period");
   const int columns = flipped.width / 4;
-  const Picture upright = upsideDown(pictureOf(map, columns, flipped.height / 4), flipped.height / 4);
+  Picture upright = upsideDown(pictureOf(map, columns, flipped.height / 4), flipped.height / 4);
+  // Whole pixels come from counting the gaps between ridges in windows three pixels wide, of which the last one wins:
+  // equal gaps answer one pixel too many, gaps that differ by one answer the larger. Half a pixel too much on average.
+  for (uint8_t &period : upright.samples) {
+    if (period != kNoPeriod && period % 8 == 0) period = static_cast<uint8_t>(period - 4);
+  }
   return {4, upright.height, columns, upright.samples};
 }
 
@@ -231,14 +245,16 @@ Counters smoothedHistogram(const Counters &counters) {
 }
 
 Segmentation segment(const Picture &gradient) {
+  constexpr double kSmallestShare = 0.25;
   Segmentation out;
   Picture shape = gradient;
   Picture mode = gradient;
   out.shapeThreshold = FpThresholdingGradsImage(shape.samples.data(), s16(shape.height), s16(shape.width));
   out.modeThreshold = FpThresholdingGradsImageEx(mode.samples.data(), s16(mode.height), s16(mode.width));
-  out.shapeComplexity = complexityOf(shape);
-  out.modeComplexity = complexityOf(mode);
-  out.modeChosen = out.modeComplexity < out.shapeComplexity;
+  // The stricter one, unless it leaves hardly anything: smudges, where no direction can be trusted, lie between the
+  // two.
+  const bool modeStricter = out.modeThreshold > out.shapeThreshold;
+  out.modeChosen = shareOf(modeStricter ? mode : shape) >= kSmallestShare ? modeStricter : !modeStricter;
   out.raw = out.modeChosen ? mode : shape;
   out.mask = cleaned(out.raw);
   out.complexity = complexityOf(out.mask);

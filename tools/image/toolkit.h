@@ -67,8 +67,6 @@ Counters smoothedHistogram(const Counters &counters);
 struct Segmentation {
   int shapeThreshold = 0;  // from the histogram's cleaned silhouette
   int modeThreshold = 0;   // from the width of the foreground's mode
-  float shapeComplexity = 0;
-  float modeComplexity = 0;
   bool modeChosen = false;
   Picture raw;           // 0 and 255, half size, as thresholded
   Picture mask;          // the same cleaned: gaps closed, specks and holes removed
