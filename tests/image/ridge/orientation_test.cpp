@@ -1,9 +1,9 @@
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <array>
 #include <cmath>
 #include <cstdlib>
-#include <cstring>
 #include <random>
 #include <vector>
 
@@ -258,9 +258,9 @@ TEST(AngleDiffAbs, WrapsAtTheHalfTurnAndReadsTheLowHalf) {
 }
 
 std::int16_t *heapCopy(const Shorts &samples) {
-  void *const block = std::malloc(samples.size() * sizeof(std::int16_t) + 1);
-  std::memcpy(block, samples.data(), samples.size() * sizeof(std::int16_t));
-  return static_cast<std::int16_t *>(block);
+  std::int16_t *const copy = static_cast<std::int16_t *>(std::malloc(samples.size() * sizeof(std::int16_t) + 1));
+  std::copy(samples.begin(), samples.end(), copy);
+  return copy;
 }
 
 TEST(OrientGrad, OfItselfOfOthersAndWithoutMemory) {
