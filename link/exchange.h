@@ -16,9 +16,10 @@ constexpr std::uint64_t kOfferedLength = 2048;   // what dwRespLen says before a
 constexpr std::size_t kCommandHeaderLength = 5;  // CLA, INS, P1, P2 and Lc or Le
 
 // SCardAPDU is not told how much room there is, and a transport that takes the place of SCardTransmit may fill the
-// whole receive buffer: so there is room for all of it, whatever dwRespLen offers. Left uninitialised on purpose.
+// whole receive buffer: so there is room for all of it, whatever dwRespLen offers. The bytes
+// are left uninitialised on purpose.
 struct Response {
-  std::uint64_t dwRespLen;
+  std::uint64_t dwRespLen = kOfferedLength;
   std::uint8_t bytes[kReceiveRoom];
 };
 

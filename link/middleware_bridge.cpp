@@ -14,16 +14,16 @@ constexpr const char *kMiddleware = "libkelmpkcs.so";
 template <typename Entry>
 Entry *openEntry(const char *name, void *&library) {
   library = dlopen(kMiddleware, RTLD_NOW);
-  if (library != nullptr) {
-    if (dlerror() == nullptr) {
-      void *const entry = dlsym(library, name);
-      if (dlerror() == nullptr && entry != nullptr) {
-        return reinterpret_cast<Entry *>(entry);
-      }
+  if (library != nullptr && dlerror() == nullptr) {
+    void *const entry = dlsym(library, name);
+    if (dlerror() == nullptr && entry != nullptr) {
+      return reinterpret_cast<Entry *>(entry);
     }
-    dlclose(library);
   }
   std::puts("Failed load library libkelmpkcs.so");
+  if (library != nullptr) {
+    dlclose(library);
+  }
   return nullptr;
 }
 

@@ -32,7 +32,6 @@ std::uint16_t send(const Command &command, const SCardConnection *handle, const 
     buffer[command.patched] = arguments.patch;
   }
   Response response;
-  response.dwRespLen = kOfferedLength;
   const bool firstByte = command.output == Output::kFirstByte || command.output == Output::kFirstByteCleared;
   if (firstByte) {
     std::memset(response.bytes, 0, kOfferedLength);

@@ -112,7 +112,6 @@ std::uint16_t chooseFile(Enrollment &enrollment) {
 std::uint16_t sendEnroll(const Enrollment &enrollment) {
   std::uint8_t command[kCommandRoom] = {0x80, 0xFC, highByte(enrollment.fid), lowByte(enrollment.fid), 0x02};
   Response response;
-  response.dwRespLen = link::kOfferedLength;
   const std::uint16_t retV = link::exchange(enrollment.handle, command, link::kCommandHeaderLength, response);
   traceExit(KELM_EXIT_TRACE(KelmTrovaFeatureEnroll), retV, response);
   link::wipe(response);

@@ -61,7 +61,6 @@ std::uint16_t sendImage(const SCardConnection *handle, const TokenImage &image) 
   };
   std::uint8_t command[kDownloadRoom] = {};
   Response response;
-  response.dwRespLen = link::kOfferedLength;
   std::uint16_t retV = 0;
   for (std::uint64_t number = 0; number < fullBlocks; ++number) {
     retV = sendBlock(handle, blockAt(number, linesPerBlock), command, response);

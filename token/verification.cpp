@@ -63,7 +63,6 @@ std::uint16_t match(const SCardConnection *handle, std::uint8_t p1, std::uint8_t
                     std::uint8_t &first) {
   std::uint8_t command[kCommandRoom] = {0x80, 0xFD, p1, p2, 0x01};
   Response response;
-  response.dwRespLen = kOfferedLength;
   response.bytes[0] = 0;
   const std::uint16_t retV = link::exchange(handle, command, link::kCommandHeaderLength, response);
   traceExit(exitTrace, retV, response);

@@ -176,9 +176,9 @@ KELM_INLINE void transformBody(float *re, float *im, std::uint32_t n, float scal
 
 KELM_KERNEL(void, transform, (float *re, float *im, std::uint32_t n, float scale), (re, im, n, scale), transformBody)
 
-}  // namespace
-
 bool isTransformLength(std::int64_t n) { return n >= 2 && n <= kLongest && (n & (n - 1)) == 0; }
+
+}  // namespace
 
 void fourierTransform(float *re, float *im, std::uint32_t n) { transform(re, im, n, 1.0F); }
 

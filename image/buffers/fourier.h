@@ -6,10 +6,7 @@
 
 namespace kelm::image {
 
-// Whether the transform can be applied to n samples: a power of two from 2 to 16384.
-bool isTransformLength(std::int64_t n);
-
-// X[k] = sum of x[n] * e^(-2 pi i k n / N) in place, without normalisation; n as above.
+// X[k] = sum of x[n] * e^(-2 pi i k n / N) in place, without normalisation; n is a power of two from 2 to 16384.
 void fourierTransform(float *re, float *im, std::uint32_t n);
 
 // The same, divided by n.

@@ -305,7 +305,7 @@ void zooInitList(ZooList *list, std::int32_t capacity) {
 }
 
 std::int32_t zooPush(ZooList *list, std::uint32_t entry) {
-  if (list == nullptr || list->items == nullptr || list->count >= list->capacity) {
+  if (list == nullptr || list->items == nullptr || list->count < 0 || list->count >= list->capacity) {
     return 0;
   }
   list->items[list->count++] = entry;
@@ -313,7 +313,8 @@ std::int32_t zooPush(ZooList *list, std::uint32_t entry) {
 }
 
 std::int32_t zooPop(ZooList *list, std::uint32_t *entry) {
-  if (list == nullptr || entry == nullptr || list->items == nullptr || list->count < 1) {
+  if (list == nullptr || entry == nullptr || list->items == nullptr || list->count < 1 ||
+      list->count > list->capacity) {
     return 0;
   }
   *entry = list->items[--list->count];

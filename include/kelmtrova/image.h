@@ -294,9 +294,11 @@ typedef struct ZooList {
  * it is not released. Release the list with zooClearup(). Null is ignored.
  */
 KELMTROVA_API void zooInitList(ZooList *list, int32_t capacity);
-/* Adds an entry. Result 1; 0 when the list is full, has no storage or is null, and nothing changes. */
+/* Adds an entry. Result 1; 0, with nothing changed, when the list is full, null or without storage, or its count is
+ * below 0. */
 KELMTROVA_API int32_t zooPush(ZooList *list, uint32_t entry);
-/* Takes the top entry. Result 1; 0 when the list is empty or a pointer is null, and nothing changes. */
+/* Takes the top entry. Result 1; 0, with nothing changed, when the list is empty, its count beyond its capacity or a
+ * pointer null. */
 KELMTROVA_API int32_t zooPop(ZooList *list, uint32_t *entry);
 /* 1 when the list holds no entry (or is null), else 0. */
 KELMTROVA_API int32_t zooIsListEmpty(const ZooList *list);
@@ -340,8 +342,7 @@ KELMTROVA_API int32_t RemoveSmallArea(uint8_t *image, int16_t height, int16_t wi
  * what there is in the same way. Source and destination may be the same image or overlap in any way.
  *
  * Results: 0 success; 1 scratch memory (8 bytes per column) could not be obtained; 2 a null pointer or a dimension
- * below
- * 1. On 1 and 2 the destination is untouched.
+ * below 1. On 1 and 2 the destination is untouched.
  */
 KELMTROVA_API int32_t MeanSmooth(const uint8_t *source, uint8_t *destination, int16_t height, int16_t width);
 /*

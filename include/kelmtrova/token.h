@@ -184,7 +184,7 @@ KELMTROVA_API uint32_t SCardAPDU(const SCardConnection *handle, uint8_t *command
 
 /* The trace hook: does nothing. Each command passes it "Enter " and its name on entry, and after its exchange its name
  * and " SCardAPDU return retV=%04X, dwRespLen=%d" with the status word (unsigned) and the data length (int). A capture
- * writes no trace; the download's texts stand there. */
+ * and an upload write no trace, reading the index and deleting only the first; the download's texts stand there. */
 KELMTROVA_API void MYTRACE(const char *format, ...);
 
 /* The lock hooks mark where a command talks to the token; they take no lock. MyLock returns the handle as the lock's
@@ -256,7 +256,8 @@ KELMTROVA_API uint64_t KelmSCardVerifyUserPinBio(uint64_t a, uint64_t b, uint8_t
 /* ---- Detection, self-test, device information ------------------------------------------------------------------- */
 
 /* In this section and all that follow: KELM_RESULT_NOT_LOCKED for a null handle (KelmIsTrova 0, a capture
- * KELM_RESULT_CAPTURE), KELM_RESULT_ARGUMENT for a null pointer to an output, both with nothing sent. */
+ * KELM_RESULT_CAPTURE, an enrollment KELM_RESULT_ENROLL_SETUP), KELM_RESULT_ARGUMENT for a null pointer to an output,
+ * both with nothing sent. */
 
 /* 1 if a fingerprint token answers (80 FA 02 00 2F gives 0x9000), else 0. */
 KELMTROVA_API int32_t KelmIsTrova(const SCardConnection *handle);

@@ -247,6 +247,10 @@ TEST(ZooList, HoldsItsCapacityAndNoMore) {
   EXPECT_EQ(zooPop(&list, &entry), 1);
   EXPECT_EQ(zooPop(&list, &entry), 0);
   EXPECT_EQ(entry, 5U);
+  list.count = -1;
+  EXPECT_EQ(zooPush(&list, 8), 0);
+  list.count = 3;
+  EXPECT_EQ(zooPop(&list, &entry), 0);
   zooClearup(&list);
   EXPECT_EQ(list.items, nullptr);
   for (const std::int32_t capacity : {0, -3, 4}) {
