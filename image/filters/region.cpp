@@ -1,6 +1,4 @@
 // Region growing, its stack, and the removal of small areas.
-#include "image/filters/region.h"
-
 #include <algorithm>
 #include <cstdlib>
 #include <cstring>
@@ -260,37 +258,6 @@ void store(T *where, auto value) {
 
 }  // namespace
 
-std::int32_t removeSmallArea(std::uint8_t *image, std::int32_t height, std::int32_t width, std::uint8_t value,
-                             std::uint8_t replacement, std::int16_t largest) {
-  if (image == nullptr || value == replacement || !positive(height, width)) {
-    return 2;
-  }
-  const auto rows = static_cast<std::size_t>(height);
-  const auto columns = static_cast<std::size_t>(width);
-  const Matcher matcher{image, rows * columns, {value, 0}};
-  const Block<Run> block = allocate<Run>(countRuns(matcher, rows, columns));
-  const Block<std::int32_t> firsts = allocate<std::int32_t>(rows + 1);
-  if (!block || !firsts) {
-    return 1;
-  }
-  Run *const runs = block.get();
-  std::int32_t count = 0;
-  std::int32_t above = 0;
-  for (std::size_t row = 0; row < rows; ++row) {
-    firsts[row] = count;
-    const auto end = static_cast<std::int32_t>(findRuns(runs + count, matcher, row * columns, columns) - runs);
-    joinRows(runs, above, count, end);
-    above = count;
-    count = end;
-  }
-  firsts[rows] = count;
-  for (std::size_t row = 0; row < rows; ++row) {
-    replaceRuns(image + row * columns, runs, firsts[row], firsts[row + 1], replacement,
-                static_cast<std::uint32_t>(std::int32_t{largest}));
-  }
-  return 0;
-}
-
 }  // namespace kelm::image
 
 void zooInitList(ZooList *list, std::int32_t capacity) {
@@ -358,5 +325,32 @@ void RegionGrow(std::uint8_t *image, std::int16_t height, std::int16_t width, st
 
 std::int32_t RemoveSmallArea(std::uint8_t *image, std::int16_t height, std::int16_t width, std::uint8_t value,
                              std::uint8_t replacement, std::int16_t largest) {
-  return kelm::image::removeSmallArea(image, height, width, value, replacement, largest);
+  using namespace kelm::image;
+  if (image == nullptr || value == replacement || !positive(height, width)) {
+    return 2;
+  }
+  const auto rows = static_cast<std::size_t>(height);
+  const auto columns = static_cast<std::size_t>(width);
+  const Matcher matcher{image, rows * columns, {value, 0}};
+  const Block<Run> block = allocate<Run>(countRuns(matcher, rows, columns));
+  const Block<std::int32_t> firsts = allocate<std::int32_t>(rows + 1);
+  if (!block || !firsts) {
+    return 1;
+  }
+  Run *const runs = block.get();
+  std::int32_t count = 0;
+  std::int32_t above = 0;
+  for (std::size_t row = 0; row < rows; ++row) {
+    firsts[row] = count;
+    const auto end = static_cast<std::int32_t>(findRuns(runs + count, matcher, row * columns, columns) - runs);
+    joinRows(runs, above, count, end);
+    above = count;
+    count = end;
+  }
+  firsts[rows] = count;
+  for (std::size_t row = 0; row < rows; ++row) {
+    replaceRuns(image + row * columns, runs, firsts[row], firsts[row + 1], replacement,
+                static_cast<std::uint32_t>(std::int32_t{largest}));
+  }
+  return 0;
 }
