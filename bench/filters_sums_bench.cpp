@@ -1,0 +1,58 @@
+// Box sums and means against cv::boxFilter of the same sample types.
+#include <cstdint>
+#include <opencv2/imgproc.hpp>
+#include <string>
+#include <vector>
+
+#include "bench/bench.h"
+#include "kelmtrova/image.h"
+
+namespace kelm::bench {
+namespace {
+
+struct Size {
+  int height, width;
+};
+
+template <typename Out, typename In>
+using Filter = std::int32_t (*)(Out *, const In *, std::int16_t, std::int16_t, std::uint8_t, std::uint8_t);
+
+template <typename Out, typename In>
+void addPairs(std::vector<Pair> &pairs, const char *name, Filter<Out, In> filter, bool mean) {
+  for (const Size size : {Size{256, 360}, Size{1024, 1024}}) {
+    const cv::Mat picture =
+        cv::Mat(size.height, size.width, CV_8U, ridgePicture(size.height, size.width).data()).clone();
+    for (const int window : {3, 9, 31}) {
+      cv::Mat in, out(size.height, size.width, cv::DataType<Out>::type);
+      picture.convertTo(in, cv::DataType<In>::type);
+      const cv::Mat theirOut = out.clone();
+      const std::string title = std::string(name) + " " + std::to_string(window) + ", " + std::to_string(size.height) +
+                                " x " + std::to_string(size.width);
+      pairs.push_back(
+          {title, mean ? "cv::boxFilter normalised" : "cv::boxFilter",
+           [=]() mutable {
+             filter(out.ptr<Out>(), in.ptr<In>(), static_cast<std::int16_t>(size.height),
+                    static_cast<std::int16_t>(size.width), static_cast<std::uint8_t>(window),
+                    static_cast<std::uint8_t>(window));
+           },
+           [=] {
+             cv::boxFilter(in, theirOut, theirOut.depth(), {window, window}, {-1, -1}, mean, cv::BORDER_CONSTANT);
+           }});
+    }
+  }
+}
+
+const Registration registration([] {
+  std::vector<Pair> pairs;
+  addPairs(pairs, "fvs_ImageLocalSumChar2Char", fvs_ImageLocalSumChar2Char, false);
+  addPairs(pairs, "fvs_ImageLocalSumChar2Uint16", fvs_ImageLocalSumChar2Uint16, false);
+  addPairs(pairs, "fvs_ImageLocalSumUint162Uint16", fvs_ImageLocalSumUint162Uint16, false);
+  addPairs(pairs, "fvs_ImageLocalSumInt2Int", fvs_ImageLocalSumInt2Int, false);
+  addPairs(pairs, "fvs_ImageLocalSumFloat2Float", fvs_ImageLocalSumFloat2Float, false);
+  addPairs(pairs, "fvs_ImageMeanChar2Char", fvs_ImageMeanChar2Char, true);
+  addPairs(pairs, "fvs_ImageMeanInt2Int", fvs_ImageMeanInt2Int, true);
+  return pairs;
+});
+
+}  // namespace
+}  // namespace kelm::bench
