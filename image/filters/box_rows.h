@@ -71,12 +71,45 @@ KELM_INLINE void sumTaps(Out *__restrict out, const Sum *__restrict line, std::s
   }
 }
 
+// kStep neighbouring sums, in registers that every processor has.
+template <typename Sum>
+struct Run {
+  typedef Sum Lanes __attribute__((vector_size(16)));
+  static constexpr std::size_t kLanes = 16 / sizeof(Sum);
+  static constexpr std::size_t kParts = kStep / kLanes;
+  Lanes part[kParts];
+};
+
+template <typename Sum>
+KELM_INLINE void addTo(Run<Sum> &run, const Sum *samples) {
+  for (std::size_t k = 0; k < Run<Sum>::kParts; ++k) {
+    typename Run<Sum>::Lanes lanes;
+    std::memcpy(&lanes, samples + k * Run<Sum>::kLanes, sizeof(lanes));
+    run.part[k] += lanes;
+  }
+}
+
+template <typename Sum>
+KELM_INLINE void subtractFrom(Run<Sum> &run, const Sum *samples) {
+  for (std::size_t k = 0; k < Run<Sum>::kParts; ++k) {
+    typename Run<Sum>::Lanes lanes;
+    std::memcpy(&lanes, samples + k * Run<Sum>::kLanes, sizeof(lanes));
+    run.part[k] -= lanes;
+  }
+}
+
+template <typename Sum>
+KELM_INLINE void store(Sum *sums, const Run<Sum> &run) {
+  for (std::size_t k = 0; k < Run<Sum>::kParts; ++k) {
+    std::memcpy(sums + k * Run<Sum>::kLanes, &run.part[k], sizeof(run.part[k]));
+  }
+}
+
 // A sum of `span` samples moves on by 16 positions by adding the 16 samples that enter and subtracting the 16 that
 // leave: 16 neighbouring sums at once, at a cost that does not depend on the window.
 template <typename Sum, typename Out, typename Finish>
 KELM_INLINE void sumRunning(Out *__restrict out, const Sum *__restrict line, Sum *__restrict fours,
                             Sum *__restrict sixteens, std::size_t n, std::size_t span, Finish finish) {
-  typedef Sum Lanes __attribute__((vector_size(kStep * sizeof(Sum))));
   const std::size_t padded = roundUp(n, kStep);
   const std::size_t reach = padded + span - 1;
   for (std::size_t x = 0; x + 3 < reach; ++x) {
@@ -85,40 +118,26 @@ KELM_INLINE void sumRunning(Out *__restrict out, const Sum *__restrict line, Sum
   for (std::size_t x = 0; x + 15 < reach; ++x) {
     sixteens[x] = static_cast<Sum>(fours[x] + fours[x + 4] + fours[x + 8] + fours[x + 12]);
   }
-  Lanes run = {};
-  Lanes other;
-  const auto add = [&](const Sum *samples) KELM_INLINE_LAMBDA {
-    std::memcpy(&other, samples, sizeof(other));
-    run += other;
-  };
+  Run<Sum> run = {};
   std::size_t covered = 0;
   for (; covered + 16 <= span; covered += 16) {
-    add(sixteens + covered);
+    addTo(run, sixteens + covered);
   }
   for (; covered + 4 <= span; covered += 4) {
-    add(fours + covered);
+    addTo(run, fours + covered);
   }
   for (; covered < span; ++covered) {
-    add(line + covered);
+    addTo(run, line + covered);
   }
-  for (std::size_t x = 0;; x += kStep) {
-    Sum sums[kStep];
-    std::memcpy(sums, &run, sizeof(sums));
-    if (x + kStep > n) {
-      for (std::size_t i = 0; x + i < n; ++i) {
-        out[x + i] = finish(out[x + i], sums[i]);
-      }
-      return;
-    }
-    for (std::size_t i = 0; i < kStep; ++i) {
-      out[x + i] = finish(out[x + i], sums[i]);
-    }
-    if (x + kStep == n) {
-      return;
-    }
-    add(sixteens + x + span);
-    std::memcpy(&other, sixteens + x, sizeof(other));
-    run -= other;
+  Sum *__restrict sums = fours;  // not needed any more
+  store(sums, run);
+  for (std::size_t x = kStep; x < padded; x += kStep) {
+    addTo(run, sixteens + x - kStep + span);
+    subtractFrom(run, sixteens + x - kStep);
+    store(sums + x, run);
+  }
+  for (std::size_t x = 0; x < n; ++x) {
+    out[x] = finish(out[x], sums[x]);
   }
 }
 

@@ -1,6 +1,8 @@
 // Dilation and erosion: 3 x 3, and by the count of foreground pixels in a window.
 #include "image/filters/morphology.h"
 
+#include <type_traits>
+
 #include "image/filters/box_rows.h"
 #include "kelmtrova/image.h"
 
@@ -11,101 +13,151 @@ bool maskIsBad(const void *mask, int height, int width) { return mask == nullptr
 
 // ---- 3 x 3 ----
 //
-// Three lines of 0 / 255 hold the foreground of the rows above, at and below the current one as they were before the
-// call; a fourth holds what they have in common down each column.
+// Whether something is foreground around a pixel is known from the bitwise or of its neighbours, whether something is
+// background from their minimum. Both are taken along the rows first; the lines of the rows above and at the current
+// one were made before those rows were overwritten.
 
-struct Lines3x3 {
-  std::uint8_t *above;
-  std::uint8_t *here;
-  std::uint8_t *below;
-  std::uint8_t *together;
-};
+constexpr std::size_t kBlock = 64;
 
-KELM_INLINE void foregroundOfRow(std::uint8_t *__restrict line, const std::uint8_t *__restrict row, std::size_t n) {
-  for (std::size_t x = 0; x < n; ++x) {
-    line[x] = row[x] != 0 ? 255 : 0;
-  }
-}
-
-// The foreground that spreads: none from the border of the mask.
-KELM_INLINE void spreadingOfRow(std::uint8_t *line, const std::uint8_t *mask, std::size_t y, std::size_t height,
-                                std::size_t width) {
-  if (y == 0 || y + 1 >= height) {
-    std::memset(line, 0, width);
+// step(x, count) for blocks of samples that cover first to last - 1. The last block may overlap the one before, so a
+// step done twice must give what it gives when done once.
+template <typename Step>
+KELM_INLINE void inBlocks(std::size_t first, std::size_t last, Step step) {
+  if (last - first < kBlock) {
+    for (std::size_t x = first; x < last; ++x) {
+      step(x, std::integral_constant<std::size_t, 1>());
+    }
     return;
   }
-  foregroundOfRow(line, mask + y * width, width);
-  line[0] = 0;
-  line[width - 1] = 0;
+  for (std::size_t x = first; x + kBlock < last; x += kBlock) {
+    step(x, std::integral_constant<std::size_t, kBlock>());
+  }
+  step(last - kBlock, std::integral_constant<std::size_t, kBlock>());
 }
 
-KELM_INLINE void dilateRow(std::uint8_t *__restrict row, const Lines3x3 &lines, std::size_t width) {
-  const std::uint8_t *__restrict above = lines.above;
-  const std::uint8_t *__restrict here = lines.here;
-  const std::uint8_t *__restrict below = lines.below;
-  std::uint8_t *__restrict together = lines.together;
-  for (std::size_t x = 0; x < width; ++x) {
-    together[x] = static_cast<std::uint8_t>(above[x] | here[x] | below[x]);
+// Neighbours left and right of each pixel, without and with the pixel itself.
+struct Spread {
+  std::uint8_t *beside;
+  std::uint8_t *around;
+};
+
+template <std::size_t kCount>
+KELM_INLINE void spreadBlock(std::uint8_t *__restrict beside, std::uint8_t *__restrict around,
+                             const std::uint8_t *__restrict row) {
+  for (std::size_t i = 0; i < kCount; ++i) {
+    const std::uint8_t *here = row + i;
+    beside[i] = static_cast<std::uint8_t>(here[-1] | here[1]);
+    around[i] = static_cast<std::uint8_t>(here[-1] | here[0] | here[1]);
   }
-  row[0] = static_cast<std::uint8_t>(row[0] | together[1]);
-  for (std::size_t x = 1; x + 1 < width; ++x) {
-    row[x] = static_cast<std::uint8_t>(row[x] | together[x - 1] | above[x] | below[x] | together[x + 1]);
-  }
-  row[width - 1] = static_cast<std::uint8_t>(row[width - 1] | together[width - 2]);
 }
 
-KELM_INLINE void dilateRowsBody(std::uint8_t *mask, std::size_t height, std::size_t width, Lines3x3 lines) {
-  std::memset(lines.above, 0, width);
-  spreadingOfRow(lines.here, mask, 0, height, width);
+// The first and the last pixel of a row spread nothing.
+KELM_INLINE void spreadRow(const Spread &line, const std::uint8_t *row, std::size_t width) {
+  const auto source = [=](std::size_t x)
+                          KELM_INLINE_LAMBDA { return x >= 1 && x + 1 < width ? row[x] : std::uint8_t{0}; };
+  for (const std::size_t x : {std::size_t{0}, std::size_t{1}, width - 2, width - 1}) {
+    const std::uint8_t left = x == 0 ? std::uint8_t{0} : source(x - 1);
+    line.beside[x] = static_cast<std::uint8_t>(left | source(x + 1));
+    line.around[x] = static_cast<std::uint8_t>(line.beside[x] | source(x));
+  }
+  if (width > 4) {
+    inBlocks(2, width - 2, [=](std::size_t x, auto count) KELM_INLINE_LAMBDA {
+      spreadBlock<count>(line.beside + x, line.around + x, row + x);
+    });
+  }
+}
+
+template <std::size_t kCount>
+KELM_INLINE void dilateBlock(std::uint8_t *__restrict row, const std::uint8_t *__restrict above,
+                             const std::uint8_t *__restrict beside, const std::uint8_t *__restrict below) {
+  for (std::size_t i = 0; i < kCount; ++i) {
+    row[i] = (above[i] | beside[i] | below[i]) != 0 ? 255 : row[i];
+  }
+}
+
+KELM_INLINE void dilateRowsBody(std::uint8_t *mask, std::size_t height, std::size_t width, std::uint8_t *lines) {
+  std::memset(lines, 0, 4 * width);
+  Spread above = {lines, lines + width};
+  Spread here = {lines + 2 * width, lines + 3 * width};
+  Spread below = {lines + 4 * width, lines + 5 * width};
   for (std::size_t y = 0; y < height; ++y) {
-    spreadingOfRow(lines.below, mask, y + 1, height, width);
-    dilateRow(mask + y * width, lines, width);
-    lines = {lines.here, lines.below, lines.above, lines.together};
+    std::uint8_t *row = mask + y * width;
+    if (y + 2 < height) {
+      spreadRow(below, row + width, width);
+    } else {
+      std::memset(below.around, 0, width);
+      std::memset(below.beside, 0, width);
+    }
+    inBlocks(0, width, [=](std::size_t x, auto count) KELM_INLINE_LAMBDA {
+      dilateBlock<count>(row + x, above.around + x, here.beside + x, below.around + x);
+    });
+    const Spread free = above;
+    above = here;
+    here = below;
+    below = free;
   }
 }
-KELM_KERNEL(void, dilateRows, (std::uint8_t * mask, std::size_t height, std::size_t width, Lines3x3 lines),
+KELM_KERNEL(void, dilateRows, (std::uint8_t * mask, std::size_t height, std::size_t width, std::uint8_t *lines),
             (mask, height, width, lines), dilateRowsBody)
 
-KELM_INLINE void erodeRow(std::uint8_t *__restrict row, const Lines3x3 &lines, std::size_t width) {
-  const std::uint8_t *__restrict above = lines.above;
-  const std::uint8_t *__restrict here = lines.here;
-  const std::uint8_t *__restrict below = lines.below;
-  std::uint8_t *__restrict together = lines.together;
-  for (std::size_t x = 0; x < width; ++x) {
-    together[x] = static_cast<std::uint8_t>(above[x] & here[x] & below[x]);
-  }
-  for (std::size_t x = 1; x + 1 < width; ++x) {
-    row[x] = static_cast<std::uint8_t>(row[x] & together[x - 1] & together[x] & together[x + 1]);
+KELM_INLINE std::uint8_t least(std::uint8_t a, std::uint8_t b, std::uint8_t c) {
+  const std::uint8_t ab = a < b ? a : b;
+  return ab < c ? ab : c;
+}
+
+template <std::size_t kCount>
+KELM_INLINE void leastBlock(std::uint8_t *__restrict line, const std::uint8_t *__restrict row) {
+  for (std::size_t i = 0; i < kCount; ++i) {
+    const std::uint8_t *here = row + i;
+    line[i] = least(here[-1], here[0], here[1]);
   }
 }
 
-KELM_INLINE void erodeRowsBody(std::uint8_t *mask, std::size_t height, std::size_t width, Lines3x3 lines) {
-  foregroundOfRow(lines.above, mask, width);
-  foregroundOfRow(lines.here, mask + width, width);
-  for (std::size_t y = 1; y + 1 < height; ++y) {
-    foregroundOfRow(lines.below, mask + (y + 1) * width, width);
-    erodeRow(mask + y * width, lines, width);
-    lines = {lines.here, lines.below, lines.above, lines.together};
+template <std::size_t kCount>
+KELM_INLINE void erodeBlock(std::uint8_t *__restrict row, const std::uint8_t *__restrict above,
+                            const std::uint8_t *__restrict here, const std::uint8_t *__restrict below) {
+  for (std::size_t i = 0; i < kCount; ++i) {
+    row[i] = least(above[i], here[i], below[i]) != 0 ? row[i] : 0;
   }
 }
-KELM_KERNEL(void, erodeRows, (std::uint8_t * mask, std::size_t height, std::size_t width, Lines3x3 lines),
+
+KELM_INLINE void erodeRowsBody(std::uint8_t *mask, std::size_t height, std::size_t width, std::uint8_t *lines) {
+  std::uint8_t *above = lines;
+  std::uint8_t *here = lines + width;
+  std::uint8_t *below = lines + 2 * width;
+  const auto leastOfRow = [=](std::uint8_t *line, const std::uint8_t *row) KELM_INLINE_LAMBDA {
+    inBlocks(1, width - 1, [=](std::size_t x, auto count) KELM_INLINE_LAMBDA { leastBlock<count>(line + x, row + x); });
+  };
+  leastOfRow(above, mask);
+  leastOfRow(here, mask + width);
+  for (std::size_t y = 1; y + 1 < height; ++y) {
+    std::uint8_t *row = mask + y * width;
+    leastOfRow(below, row + width);
+    inBlocks(1, width - 1, [=](std::size_t x, auto count) KELM_INLINE_LAMBDA {
+      erodeBlock<count>(row + x, above + x, here + x, below + x);
+    });
+    std::uint8_t *const free = above;
+    above = here;
+    here = below;
+    below = free;
+  }
+}
+KELM_KERNEL(void, erodeRows, (std::uint8_t * mask, std::size_t height, std::size_t width, std::uint8_t *lines),
             (mask, height, width, lines), erodeRowsBody)
 
 std::int32_t morph3x3(std::uint8_t *mask, int height, int width,
-                      void (*rows)(std::uint8_t *, std::size_t, std::size_t, Lines3x3)) {
+                      void (*rows)(std::uint8_t *, std::size_t, std::size_t, std::uint8_t *)) {
   if (maskIsBad(mask, height, width)) {
     return 2;
   }
   const std::size_t columns = static_cast<std::size_t>(width);
-  const Block<std::uint8_t> block = allocate<std::uint8_t>(4 * columns);
-  if (block == nullptr) {
+  const Block<std::uint8_t> lines = allocate<std::uint8_t>(6 * columns);
+  if (lines == nullptr) {
     return 1;
   }
   // Without a pixel that is not on the border nothing spreads and nothing is examined.
   if (height > 2 && width > 2) {
-    std::uint8_t *line = block.get();
-    rows(mask, static_cast<std::size_t>(height), columns,
-         {line, line + columns, line + 2 * columns, line + 3 * columns});
+    rows(mask, static_cast<std::size_t>(height), columns, lines.get());
   }
   return 0;
 }

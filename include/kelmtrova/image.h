@@ -213,7 +213,8 @@ KELMTROVA_API void fvs_VectorLocalSumFloat2Float(float *out, const float *in, in
  * nothing is written.
  *
  * Scratch memory is one block: up to three lines of output samples, each sizeX + 32 samples longer than a row; in place
- * also (sizeY >> 1) + 1 rows of the input, but no more than there are; for Float up to 2 * (sizeY >> 1) + 17 rows.
+ * also (sizeY >> 1) + 1 rows of the input, but no more than there are; for Float it is up to
+ * 2 * (sizeY >> 1) + 17 lines, 16 samples longer than a row.
  */
 KELMTROVA_API int32_t fvs_ImageLocalSumChar2Char(uint8_t *out, const uint8_t *in, int16_t height, int16_t width,
                                                  uint8_t sizeX, uint8_t sizeY);
@@ -252,7 +253,7 @@ KELMTROVA_API int32_t fvs_ImageMeanInt2Int(int32_t *out, const int32_t *in, int1
  *  - BDilate sets the eight neighbours of each non-zero interior pixel to 255 and leaves everything else. Pixels of
  *    the border spread nothing, but are set by an interior neighbour.
  *  - BErode sets each interior pixel with a zero in its 3 x 3 neighbourhood to 0. The border never changes.
- * Scratch memory: four rows.
+ * Scratch memory is one block of six rows.
  */
 KELMTROVA_API int32_t BDilate(uint8_t *mask, int16_t height, int16_t width);
 KELMTROVA_API int32_t BErode(uint8_t *mask, int16_t height, int16_t width);
