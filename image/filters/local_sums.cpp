@@ -149,13 +149,8 @@ constexpr std::size_t kRowsTogether = 8;
 // group does not wrap around.
 std::size_t rowSumSlots(const BoxShape &shape) { return roundUp(2 * shape.halfY + 1 + kRowsTogether, kRowsTogether); }
 
-// Samples from line to line: not the image's width, which is often a power of two, so that the lines of a group do not
-// compete for the same places in the cache.
-std::size_t floatPitch(const BoxShape &shape) { return shape.width + 16; }
-
 template <std::size_t kRows>
-KELM_INLINE void rowSums(float *__restrict out, std::size_t pitch, const float *__restrict in, std::size_t n,
-                         std::size_t half) {
+KELM_INLINE void rowSums(float *__restrict out, const float *__restrict in, std::size_t n, std::size_t half) {
   float sum[kRows];
   for (std::size_t r = 0; r < kRows; ++r) {
     sum[r] = in[r * n];
@@ -171,25 +166,25 @@ KELM_INLINE void rowSums(float *__restrict out, std::size_t pitch, const float *
   std::size_t i = 0;
   for (; i < std::min(half, lastEntering); ++i) {
     for (std::size_t r = 0; r < kRows; ++r) {
-      out[r * pitch + i] = sum[r];
+      out[r * n + i] = sum[r];
       sum[r] += in[r * n + i + half + 1];
     }
   }
   for (; i < std::min(half, n); ++i) {
     for (std::size_t r = 0; r < kRows; ++r) {
-      out[r * pitch + i] = sum[r];
+      out[r * n + i] = sum[r];
     }
   }
   for (; i < lastEntering; ++i) {
     for (std::size_t r = 0; r < kRows; ++r) {
-      out[r * pitch + i] = sum[r];
+      out[r * n + i] = sum[r];
       sum[r] += in[r * n + i + half + 1];
       sum[r] -= in[r * n + i - half];
     }
   }
   for (; i < n; ++i) {
     for (std::size_t r = 0; r < kRows; ++r) {
-      out[r * pitch + i] = sum[r];
+      out[r * n + i] = sum[r];
       sum[r] -= in[r * n + i - half];
     }
   }
@@ -219,25 +214,24 @@ KELM_INLINE void columnSums(float *__restrict out, float *__restrict columns, co
   }
 }
 
-// `columns` is a line of floatPitch samples, `ring` min(rowSumSlots, height) such lines. Rows are read before they are
+// `columns` is a line of the image's width, `ring` min(rowSumSlots, height) such lines. Rows are read before they are
 // overwritten, so `out` may be `in`.
 KELM_INLINE void floatSumsBody(float *out, const float *in, const BoxShape &shape, float *columns, float *ring) {
   const std::size_t width = shape.width;
   const std::size_t slots = rowSumSlots(shape);
-  const std::size_t pitch = floatPitch(shape);
   std::size_t made = 0;
   const auto line = [&](std::size_t y) KELM_INLINE_LAMBDA {
     while (made <= y) {
-      float *sums = ring + made % slots * pitch;
+      float *sums = ring + made % slots * width;
       if (made + kRowsTogether <= shape.height) {
-        rowSums<kRowsTogether>(sums, pitch, in + made * width, width, shape.halfX);
+        rowSums<kRowsTogether>(sums, in + made * width, width, shape.halfX);
         made += kRowsTogether;
       } else {
-        rowSums<1>(sums, pitch, in + made * width, width, shape.halfX);
+        rowSums<1>(sums, in + made * width, width, shape.halfX);
         ++made;
       }
     }
-    return ring + y % slots * pitch;
+    return ring + y % slots * width;
   };
   std::memcpy(columns, line(0), width * sizeof(float));
   for (std::size_t y = 1; y <= shape.halfY && y < shape.height; ++y) {
@@ -249,7 +243,7 @@ KELM_INLINE void floatSumsBody(float *out, const float *in, const BoxShape &shap
   for (std::size_t y = 0; y < shape.height; ++y) {
     const std::size_t next = y + shape.halfY + 1;
     const float *entering = next < shape.height ? line(next) : nullptr;
-    const float *leaving = y >= shape.halfY ? ring + (y - shape.halfY) % slots * pitch : nullptr;
+    const float *leaving = y >= shape.halfY ? ring + (y - shape.halfY) % slots * width : nullptr;
     columnSums(out + y * width, columns, entering, leaving, width);
   }
 }
@@ -292,11 +286,11 @@ std::int32_t imageLocalSum(float *out, const float *in, int height, int width, s
     return 2;
   }
   const BoxShape shape(height, width, sizeX, sizeY);
-  const Block<float> lines = allocate<float>((1 + std::min(rowSumSlots(shape), shape.height)) * floatPitch(shape));
+  const Block<float> lines = allocate<float>((1 + std::min(rowSumSlots(shape), shape.height)) * shape.width);
   if (lines == nullptr) {
     return 1;
   }
-  floatSums(out, in, shape, lines.get(), lines.get() + floatPitch(shape));
+  floatSums(out, in, shape, lines.get(), lines.get() + shape.width);
   return 0;
 }
 
