@@ -108,7 +108,7 @@ TEST_F(ImageProgram, SingleStepsWriteWhatTheyName) {
   } cases[] = {
       {"segment", "'|u1', 'fortran_order': False, 'shape': (130, 100)"},
       {"orientation --block 16", "'<i2', 'fortran_order': False, 'shape': (9, 7)"},
-      {"frequency", "'<f4', 'fortran_order': False, 'shape': (32, 24)"},
+      {"frequency", "'<f4', 'fortran_order': False, 'shape': (32, 25)"},
       {"quality-map", "'|u1', 'fortran_order': False, 'shape': (8, 6)"},
       {"gradients", "'<u2', 'fortran_order': False, 'shape': (4, 32, 25)"},
       {"histogram --smooth", "'<u4', 'fortran_order': False, 'shape': (1, 128)"},
