@@ -17,7 +17,7 @@ function(kelmtrova_add_test_program name)
     BUILD_RPATH "${PROJECT_BINARY_DIR}/lib;${PROJECT_BINARY_DIR}/lib/simulator")
 endfunction()
 
-foreach(folder link token platform tools)
+foreach(folder link token platform tools robustness)
   file(GLOB sources CONFIGURE_DEPENDS tests/${folder}/*_test.cpp)
   if(sources)
     kelmtrova_add_test_program(${folder}_test ${sources})

@@ -77,4 +77,7 @@ std::uint64_t AllocationWatch::allocations() const { return state.count; }
 bool AllocationWatch::failed() const { return state.failing != 0 && state.count >= state.failing; }
 std::int64_t AllocationWatch::outstanding() const { return state.outstanding; }
 
+AllocationPause::AllocationPause() : watching_(state.watching) { state.watching = false; }
+AllocationPause::~AllocationPause() { state.watching = watching_; }
+
 }  // namespace kelm::test

@@ -20,6 +20,18 @@ class AllocationWatch {
   std::int64_t outstanding() const;   // blocks taken minus blocks released: 0 when nothing leaked
 };
 
+// While it lives, nothing is counted and nothing fails: for what stands outside the library, such as a device manager.
+class AllocationPause {
+ public:
+  AllocationPause();
+  ~AllocationPause();
+  AllocationPause(const AllocationPause &) = delete;
+  AllocationPause &operator=(const AllocationPause &) = delete;
+
+ private:
+  bool watching_;
+};
+
 }  // namespace kelm::test
 
 #endif

@@ -1,0 +1,140 @@
+// The program killed at random moments, by two drivers at once on one store: afterwards the store opens, index, counter
+// and files agree, and every slot whose command had answered success is there.
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <csignal>
+#include <cstdio>
+#include <map>
+#include <random>
+#include <set>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "kelmtrova/token.h"
+#include "platform/simulator.h"
+
+namespace {
+
+constexpr int kSlots = 10;
+constexpr int kCommandsOfADriver = 500;
+constexpr int kRefused = 3;
+
+// Runs the program; after `patience` microseconds it is killed (0 = never). Its exit code, or -1 when it was killed.
+int run(const std::vector<std::string> &arguments, int patience) {
+  const pid_t child = fork();
+  if (child == 0) {
+    std::vector<char *> argv;
+    for (const auto &argument : arguments) {
+      argv.push_back(const_cast<char *>(argument.c_str()));
+    }
+    argv.push_back(nullptr);
+    const int nothing = open("/dev/null", O_WRONLY);
+    dup2(nothing, 1);
+    dup2(nothing, 2);
+    execv(argv[0], argv.data());
+    _exit(127);
+  }
+  if (patience > 0) {
+    std::this_thread::sleep_for(std::chrono::microseconds(patience));
+    kill(child, SIGKILL);
+  }
+  int status = 0;
+  waitpid(child, &status, 0);
+  return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+}
+
+// What a driver knows of its slots: the finger of a slot whose last command answered success; empty when deleted.
+struct Driver {
+  int number;
+  std::map<int, std::string> known;
+  int killed = 0;
+  int succeeded = 0;
+
+  void work(const std::string &store) {
+    const std::string program = KELM_BUILD_DIR "/bin/kelmtrova";
+    std::mt19937 random(static_cast<unsigned>(number));
+    for (int i = 0; i < kCommandsOfADriver; ++i) {
+      const int slot = 1 + number * (kSlots / 2) + static_cast<int>(random() % (kSlots / 2));
+      const std::string finger = "finger-" + std::to_string(number) + "-" + std::to_string(i);
+      const bool enrolls = random() % 3 != 0;
+      std::vector<std::string> arguments{program, enrolls ? "enroll" : "delete", "--token", store, "--slot",
+                                         std::to_string(slot)};
+      if (enrolls) {
+        arguments.insert(arguments.end(), {"--finger", finger});
+      }
+      const int code = run(arguments, random() % 2 == 0 ? 1 + static_cast<int>(random() % 15000) : 0);
+      if (code == 0) {
+        known[slot] = enrolls ? finger : "";
+        ++succeeded;
+      } else {
+        known.erase(slot);  // it may or may not have been done
+        killed += code == -1 ? 1 : 0;
+        if (code == kRefused && enrolls) {
+          run({program, "repair", "--token", store}, 0);
+        }
+      }
+    }
+  }
+};
+
+TEST(Crash, KilledProgramsLeaveAWholeStore) {
+  const std::string store = testing::TempDir() + "crash-" + std::to_string(getpid()) + ".db";
+  const SimulatorPersonalisation personalisation{kSlots, 0, 15, nullptr};
+  unlink(store.c_str());
+  ASSERT_EQ(simulatorCreate(store.c_str(), &personalisation), 0) << simulatorError();
+  Driver drivers[2] = {{0, {}}, {1, {}}};
+  std::thread first([&] { drivers[0].work(store); });
+  drivers[1].work(store);
+  first.join();
+
+  const SCardConnection connection{3, {}, simulatorOpen(store.c_str()), 1};
+  ASSERT_NE(connection.hDevice, 0U) << simulatorError();
+  std::vector<TemplateIndexEntry> index(kSlots);
+  ASSERT_EQ(KelmTrovaReadIndexFile(&connection, reinterpret_cast<std::uint8_t *>(index.data())), 0U);
+  std::uint16_t counter = 0;
+  ASSERT_EQ(token_get_current_fid(&connection, &counter), 0U);
+  std::vector<std::uint16_t> files(4096);
+  const int count = simulatorListFiles(connection.hDevice, files.data(), files.size());
+  ASSERT_GT(count, 0);
+  const std::set<std::uint16_t> present(files.begin(), files.begin() + count);
+  std::set<std::uint16_t> named;
+  int withoutFile = 0;
+  for (const auto &entry : index) {
+    if (entry.fid != 0) {
+      EXPECT_TRUE(named.insert(Exchange(entry.fid)).second) << "two slots with one file";
+      EXPECT_LT(Exchange(entry.fid) >> 5, counter);
+      withoutFile += present.count(Exchange(entry.fid)) == 0 ? 1 : 0;
+    }
+  }
+  const int killed = drivers[0].killed + drivers[1].killed;
+  // A killed deletion can leave an entry whose file is gone, a killed enrollment a file without an entry.
+  EXPECT_LE(withoutFile, killed);
+  EXPECT_LE(static_cast<int>(present.size() - named.size()) - 3 + withoutFile, killed);
+  int checked = 0;
+  for (auto &driver : drivers) {
+    for (const auto &[slot, finger] : driver.known) {
+      const auto &entry = index[static_cast<std::size_t>(slot - 1)];
+      EXPECT_EQ(entry.fid != 0 && entry.enrolled == 1, !finger.empty()) << "slot " << slot;
+      if (!finger.empty()) {
+        std::uint8_t tries = 0;
+        simulatorPlaceFinger(connection.hDevice, finger.data(), finger.size());
+        KelmTrovaCaptureImage(&connection);
+        KelmTrovaFeatureExtract(&connection, 1);
+        EXPECT_EQ(KelmTrovaFeatureVerify(&connection, 0, static_cast<std::uint8_t>(slot), &tries), 0U) << slot;
+        ++checked;
+      }
+    }
+  }
+  std::printf("%d commands, %d killed, %d answered success, %d slots checked\n", 2 * kCommandsOfADriver, killed,
+              drivers[0].succeeded + drivers[1].succeeded, checked);
+  EXPECT_GT(killed, kCommandsOfADriver / 10) << "too few were killed to tell";
+  simulatorClose(connection.hDevice);
+  unlink(store.c_str());
+}
+
+}  // namespace

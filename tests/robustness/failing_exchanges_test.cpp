@@ -1,0 +1,260 @@
+// Every exchange of every command that makes several, failing in turn: with a status, without an answer, with the power
+// cut before and after it. What is left on the token must agree, and the next enrollment must work or say why not.
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cstdio>
+#include <cstring>
+#include <functional>
+#include <string>
+#include <vector>
+
+#include "kelmtrova/token.h"
+#include "platform/simulator.h"
+#include "tests/robustness/device_manager.h"
+
+namespace {
+
+constexpr std::uint8_t kSlots = 10;
+constexpr std::uint8_t kSlot = 3;    // the slot that the operations work on
+constexpr std::uint8_t kOther = 1;   // enrolled before; no operation may touch it
+constexpr std::uint16_t kPowerLost = 0x6F00;
+
+using Entries = std::vector<TemplateIndexEntry>;
+
+// One token in a store of its own, so that the power can be cut and the token opened again.
+class Token {
+ public:
+  Token() : store_(testing::TempDir() + "failing-" + std::to_string(getpid()) + ".db") {
+    removeStore();
+    const SimulatorPersonalisation personalisation{kSlots, 0, 2, nullptr};
+    EXPECT_EQ(simulatorCreate(store_.c_str(), &personalisation), 0) << simulatorError();
+    open();
+  }
+  ~Token() {
+    simulatorClose(connection.hDevice);
+    removeStore();
+  }
+
+  void reopen() {
+    simulatorClose(connection.hDevice);
+    open();
+  }
+
+  void present(const char *finger) const {
+    simulatorPlaceFinger(connection.hDevice, finger, std::strlen(finger));
+    ASSERT_EQ(KelmTrovaCaptureImage(&connection), 0U);
+    ASSERT_EQ(KelmTrovaFeatureExtract(&connection, 1), 0U);
+  }
+
+  std::uint64_t enroll(std::uint8_t slot) const {
+    const TemplateIndexEntry record{0, 0x77, 0, {'u', 's', 'e', 'r'}};
+    return KelmTrovaFeatureEnroll(&connection, slot, &record);
+  }
+
+  void fault(SimulatorFaultKind kind, std::uint32_t exchange, std::uint16_t status) const {
+    const SimulatorFault fault{kind, exchange, status, 0};
+    simulatorSetFault(connection.hDevice, &fault);
+  }
+
+  Entries entries() const {
+    Entries index(kSlots);
+    EXPECT_EQ(simulatorReadFile(connection.hDevice, 0x0520, reinterpret_cast<std::uint8_t *>(index.data()),
+                                index.size() * sizeof(TemplateIndexEntry)),
+              static_cast<int>(index.size() * sizeof(TemplateIndexEntry)));
+    return index;
+  }
+
+  // Template files that no entry names.
+  int orphans() const {
+    std::uint16_t fids[64];
+    const int count = simulatorListFiles(connection.hDevice, fids, std::size(fids));
+    const Entries index = entries();
+    int lost = 0;
+    for (int i = 0; i < count; ++i) {
+      const bool own = fids[i] == 0x0020 || fids[i] == 0x0040 || fids[i] == 0x0520 || fids[i] == 0x3F00;
+      const bool named = std::any_of(index.begin(), index.end(),
+                                     [&](const auto &entry) { return Exchange(entry.fid) == fids[i]; });
+      lost += own || named ? 0 : 1;
+    }
+    return lost;
+  }
+
+  SCardConnection connection{};
+
+ private:
+  void open() { connection = {3, {}, simulatorOpen(store_.c_str()), 1}; }
+  void removeStore() const {
+    for (const char *suffix : {"", "-wal", "-shm", "-journal"}) {
+      unlink((store_ + suffix).c_str());
+    }
+  }
+
+  std::string store_;
+};
+
+// What an operation answers when one of its exchanges fails; 0 means that the status decides.
+struct Operation {
+  const char *name;
+  std::function<void(Token &)> prepare;
+  std::function<std::uint64_t(Token &)> call;
+  std::vector<std::uint64_t> results;   // exchange 1, 2, ...: the result when it fails
+  std::vector<std::uint16_t> passedOn;  // status words that exchange `deciding` passes on
+};
+
+constexpr std::uint64_t kByStatus = 0;
+constexpr std::uint64_t kCount = 1;  // the slot count: 0x6982 is passed on
+
+const std::vector<Operation> &operations() {
+  static const std::uint8_t pixels[100 * 64] = {};
+  static const auto match = [](Token &token) {
+    std::uint8_t tries = 9;
+    return KelmTrovaFeatureVerify(&token.connection, 0, kOther, &tries);
+  };
+  static const auto own = [](Token &token) {
+    token.present("first");
+    ASSERT_EQ(token.enroll(kSlot), 0U);
+    token.present("second");
+  };
+  static const std::vector<Operation> list{
+      {"enrollment into a free slot", [](Token &token) { token.present("second"); },
+       [](Token &token) { return token.enroll(kSlot); },
+       {0x80006A0F, 0x80009902, 0x80009902, 0x80009902, 0x80009902, 0x80006A0F, 0x80006A0F, 0x80000101, 0x80006A0F,
+        0x80006A0F, kByStatus, 0x80000108, 0x80000108},
+       {0x6982, 0x6A10, 0x6A82}},
+      {"enrollment into an enrolled slot", own, [](Token &token) { return token.enroll(kSlot); },
+       {0x80006A0F, 0x80009902, 0x80009902, 0x80009902, 0x80009902, kByStatus, 0x80000108, 0x80000108},
+       {0x6982, 0x6A10, 0x6A82}},
+      {"deletion", own, [](Token &token) { return KelmTrovaDeleteFingerPrint(&token.connection, kSlot); },
+       {kCount, kCount, 0x80009902, 0x80009902, 0x80009902, 0x80009901, 0x80009901, 0x80009901},
+       {}},
+      {"verification that blocks",
+       [](Token &token) {
+         token.present("stranger");
+         EXPECT_EQ(match(token), 0x80006A21U);
+       },
+       match,
+       {kCount, kByStatus, 0x80006983, 0x80006983, 0x80006983},
+       {0x6982}},
+      {"reading the index", [](Token &) {},
+       [](Token &token) {
+         std::vector<std::uint8_t> index(kSlots * sizeof(TemplateIndexEntry));
+         return KelmTrovaReadIndexFile(&token.connection, index.data());
+       },
+       {kCount, 0x80009902, 0x80009902, 0x80009902},
+       {}},
+      {"image download", [](Token &) {},
+       [](Token &token) {
+         const TokenImage image{20, 64, 0, pixels};
+         return KelmTrovaDownloadImage(&token.connection, &image);
+       },
+       {kByStatus, kByStatus, kByStatus, kByStatus, kByStatus, kByStatus, kByStatus},
+       {}},
+  };
+  return list;
+}
+
+std::uint64_t statedResult(const Operation &operation, std::size_t exchange, std::uint16_t status) {
+  const std::uint64_t result = operation.results[exchange - 1];
+  const bool passed = std::count(operation.passedOn.begin(), operation.passedOn.end(), status) > 0;
+  if (result == kCount) {
+    return status == 0x6982 ? 0x80006982 : 0x8000B001;
+  }
+  return result != kByStatus ? result : passed ? 0x80000000U + status : 0x8000B001;
+}
+
+// The state of the token after a fault, and whether it can go on; `cut` when the power was lost inside.
+void expectWhole(Token &token, const Entries &before, std::uint64_t result, bool cut, const std::string &where) {
+  SCOPED_TRACE(where);
+  const Entries after = token.entries();
+  for (std::size_t i = 0; i < kSlots; ++i) {
+    EXPECT_TRUE(i + 1 == kSlot || std::memcmp(&before[i], &after[i], sizeof(after[i])) == 0) << "slot " << i + 1;
+  }
+  const int orphans = token.orphans();
+  // After a power cut the library cannot take back a file that it had just created.
+  EXPECT_LE(orphans, cut || result == 0x80000102 ? 1 : 0);
+  token.present("third");
+  std::uint64_t next = token.enroll(kSlot);
+  if (next == 0x80006A82) {  // the entry named a file that was gone: it has been created again
+    next = token.enroll(kSlot);
+  }
+  if (next == 0x80000101) {  // the counter names a file that is there already
+    EXPECT_TRUE(cut && orphans == 1);
+    return;
+  }
+  EXPECT_EQ(next, 0U);
+  std::uint8_t matched = 0;
+  std::uint8_t tries = 0;
+  simulatorUnblock(token.connection.hDevice);
+  EXPECT_EQ(KelmTrovaFeatureIdentify(&token.connection, 0, &matched, &tries), 0U);
+  EXPECT_EQ(matched, kSlot);
+}
+
+class FailingExchanges : public testing::Test {
+ protected:
+  // Runs an operation on a fresh token with `inject` in place, and looks at what is left.
+  void visit(const Operation &operation, const std::function<void(Token &)> &inject,
+             const std::function<void(std::uint64_t)> &judge, bool cut, const std::string &where) {
+    Token token;
+    token.present("other");
+    ASSERT_EQ(token.enroll(kOther), 0U);
+    operation.prepare(token);
+    const Entries before = token.entries();
+    inject(token);
+    const std::uint64_t result = operation.call(token);
+    kelm::test::failTransport(0, 0);
+    token.fault(SIMULATOR_FAULT_NONE, 0, 0);
+    {
+      SCOPED_TRACE(where);
+      judge(result);
+    }
+    if (cut) {
+      token.reopen();
+    }
+    expectWhole(token, before, result, cut, where);
+    ++points_;
+  }
+
+  void TearDown() override { std::printf("%d fault points visited\n", points_); }
+
+  int points_ = 0;
+};
+
+TEST_F(FailingExchanges, EachOfEveryOperation) {
+  for (const Operation &operation : operations()) {
+    for (std::uint32_t exchange = 1; exchange <= operation.results.size(); ++exchange) {
+      const std::string where = std::string(operation.name) + ", exchange " + std::to_string(exchange);
+      // 0x6110 has nothing to fetch: the token then refuses GET RESPONSE with a status that no command lists.
+      for (const std::uint16_t status : {0x6982, 0x6A10, 0x6A82, 0x6F00, 0xFFFF, 0x6110}) {
+        visit(
+            operation, [&](Token &token) { token.fault(SIMULATOR_FAULT_STATUS, exchange, status); },
+            [&](std::uint64_t result) { EXPECT_EQ(result, statedResult(operation, exchange, status)); }, false,
+            where + " answers " + std::to_string(status));
+      }
+      visit(
+          operation, [&](Token &) { kelm::test::failTransport(exchange, 1); },
+          [&](std::uint64_t result) {
+            EXPECT_TRUE(result == 0 || result == 0x80006983) << "the command is sent once more";
+          },
+          false, where + ", transport fails once");
+      visit(
+          operation, [&](Token &) { kelm::test::failTransport(exchange, 2); },
+          [&](std::uint64_t result) { EXPECT_EQ(result, statedResult(operation, exchange, 0xFFFF)); }, false,
+          where + ", transport fails twice");
+      for (const auto kind : {SIMULATOR_FAULT_POWER_BEFORE, SIMULATOR_FAULT_POWER_AFTER}) {
+        visit(
+            operation, [&](Token &token) { token.fault(kind, exchange, kPowerLost); },
+            [&](std::uint64_t result) {
+              const std::uint64_t stated = statedResult(operation, exchange, kPowerLost);
+              // A new file can then not be erased again.
+              const bool lost = result == 0x80000102 && (stated == 0x80000108 || stated == 0x8000B001);
+              EXPECT_TRUE(result == stated || lost) << std::hex << result << ", stated " << stated;
+            },
+            true, where + (kind == SIMULATOR_FAULT_POWER_BEFORE ? ", power cut before" : ", power cut after"));
+      }
+    }
+  }
+}
+
+}  // namespace
