@@ -20,6 +20,7 @@ constexpr std::uint8_t kSlots = 10;
 constexpr std::uint8_t kSlot = 3;    // the slot that the operations work on
 constexpr std::uint8_t kOther = 1;   // enrolled before; no operation may touch it
 constexpr std::uint16_t kPowerLost = 0x6F00;
+constexpr std::uint16_t kStatuses[] = {0x6982, 0x6A10, 0x6A82, 0x6F00, 0xFFFF, 0x6110};
 
 using Entries = std::vector<TemplateIndexEntry>;
 
@@ -226,7 +227,7 @@ TEST_F(FailingExchanges, EachOfEveryOperation) {
     for (std::uint32_t exchange = 1; exchange <= operation.results.size(); ++exchange) {
       const std::string where = std::string(operation.name) + ", exchange " + std::to_string(exchange);
       // 0x6110 has nothing to fetch: the token then refuses GET RESPONSE with a status that no command lists.
-      for (const std::uint16_t status : {0x6982, 0x6A10, 0x6A82, 0x6F00, 0xFFFF, 0x6110}) {
+      for (const std::uint16_t status : kStatuses) {
         visit(
             operation, [&](Token &token) { token.fault(SIMULATOR_FAULT_STATUS, exchange, status); },
             [&](std::uint64_t result) { EXPECT_EQ(result, statedResult(operation, exchange, status)); }, false,
