@@ -1,4 +1,5 @@
-// Image functions with any dimensions, windows, steps and contents, in buffers of exactly the size they are said to have.
+// Image functions with any dimensions, windows, steps and contents, in buffers of exactly the size they are said to
+// have.
 #include <array>
 #include <cstdlib>
 #include <iterator>
@@ -179,8 +180,8 @@ void orientation(Input &input) {
   FingerprintBlockField fine{};
   FingerprintBlockField change{};
   FingerprintBlockField coarse{};
-  FingerprintGetDirectionFloat(picture.data(), size.rows(), size.columns(), fullHeight, fullWidth, window, 0,
-                               &products, &differences, &fine, &change, &coarse);
+  FingerprintGetDirectionFloat(picture.data(), size.rows(), size.columns(), fullHeight, fullWidth, window, 0, &products,
+                               &differences, &fine, &change, &coarse);
   std::free(products);
   std::free(differences);
   std::free(fine.data);

@@ -12,9 +12,9 @@ constexpr std::array<std::uint16_t, 16> kStatuses{0x9000, 0x9000, 0x9000, 0x9000
 
 // The device manager's entry, in place of the simulated token's.
 extern "C" __attribute__((visibility("default"))) std::int32_t Icc_tsi_apiKelmDev(std::uint64_t, std::uint64_t,
-                                                                                const std::uint8_t *,
-                                                                                std::uint64_t *answerLength,
-                                                                                std::uint8_t *answer) {
+                                                                                  const std::uint8_t *,
+                                                                                  std::uint64_t *answerLength,
+                                                                                  std::uint8_t *answer) {
   const std::uint8_t kind = answers->byte();
   const std::size_t delivered = std::min<std::size_t>(answers->byte(), *answerLength);
   answers->fill(answer, delivered);

@@ -9,9 +9,9 @@ kelm::fuzz::Input *answers = nullptr;
 
 // Takes the place of the library's transport; the receive buffer has room for 8192 bytes.
 extern "C" __attribute__((visibility("default"))) std::int64_t SCardTransmit(std::uint64_t, const SCardPci *,
-                                                                           const std::uint8_t *, std::uint64_t,
-                                                                           SCardPci *, std::uint8_t *recv,
-                                                                           std::uint64_t *recvLength) {
+                                                                             const std::uint8_t *, std::uint64_t,
+                                                                             SCardPci *, std::uint8_t *recv,
+                                                                             std::uint64_t *recvLength) {
   const std::uint8_t kind = answers->byte();
   const std::size_t delivered =
       std::min<std::size_t>((kind & 1) != 0 ? answers->take<std::uint16_t>() : answers->byte(), *recvLength - 2);

@@ -62,8 +62,8 @@ struct Driver {
       const int slot = 1 + number * (kSlots / 2) + static_cast<int>(random() % (kSlots / 2));
       const std::string finger = "finger-" + std::to_string(number) + "-" + std::to_string(i);
       const bool enrolls = random() % 3 != 0;
-      std::vector<std::string> arguments{program, enrolls ? "enroll" : "delete", "--token", store, "--slot",
-                                         std::to_string(slot)};
+      std::vector<std::string> arguments{program,  enrolls ? "enroll" : "delete", "--token", store,
+                                         "--slot", std::to_string(slot)};
       if (enrolls) {
         arguments.insert(arguments.end(), {"--finger", finger});
       }

@@ -21,17 +21,17 @@ extern "C" {
 
 // What the simulated token allocates is not the library's.
 __attribute__((visibility("default"))) std::int32_t Icc_tsi_apiKelmDev(std::uint64_t device, std::uint64_t length,
-                                                                     const std::uint8_t *command,
-                                                                     std::uint64_t *answerLength,
-                                                                     std::uint8_t *answer) {
+                                                                       const std::uint8_t *command,
+                                                                       std::uint64_t *answerLength,
+                                                                       std::uint8_t *answer) {
   const kelm::test::AllocationPause pause;
   return next<decltype(&Icc_tsi_apiKelmDev)>("Icc_tsi_apiKelmDev")(device, length, command, answerLength, answer);
 }
 
 __attribute__((visibility("default"))) std::int64_t SCardTransmit(std::uint64_t hCard, const SCardPci *sendPci,
-                                                                const std::uint8_t *send, std::uint64_t sendLength,
-                                                                SCardPci *recvPci, std::uint8_t *recv,
-                                                                std::uint64_t *recvLength) {
+                                                                  const std::uint8_t *send, std::uint64_t sendLength,
+                                                                  SCardPci *recvPci, std::uint8_t *recv,
+                                                                  std::uint64_t *recvLength) {
   if (failuresLeft > 0 && (callsLeft == 0 || --callsLeft == 0)) {
     --failuresLeft;
     return 1117;

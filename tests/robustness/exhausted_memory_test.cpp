@@ -112,8 +112,8 @@ bool directions(bool failed) {
   FingerprintBlockField fine{};
   FingerprintBlockField change{};
   FingerprintBlockField coarse{};
-  const int result = FingerprintGetDirectionFloat(grey.data(), 32, 48, 64, 96, 9, 0, &products, &differences, &fine,
-                                                  &change, &coarse);
+  const int result =
+      FingerprintGetDirectionFloat(grey.data(), 32, 48, 64, 96, 9, 0, &products, &differences, &fine, &change, &coarse);
   const bool whole = products != nullptr && differences != nullptr && fine.data != nullptr && change.data != nullptr &&
                      coarse.data != nullptr;
   for (void *block : {static_cast<void *>(products), static_cast<void *>(differences), static_cast<void *>(fine.data),
@@ -228,7 +228,8 @@ void everyAllocation(const std::vector<Case> &cases) {
 #define SUM(function, Out, In) \
   outOfPlace<Out, In>(#function, [](Out *out, const In *in) { return function(out, in, kHeight, kWidth, 5, 3); })
 #define MASK(function, T) \
-  inPlace<T>(#function, [](T *mask) { return function(mask, kHeight, kWidth, 3, 3); }, 1)
+  inPlace<T>(             \
+      #function, [](T *mask) { return function(mask, kHeight, kWidth, 3, 3); }, 1)
 
 TEST(ExhaustedMemory, Toolkit) {
   everyAllocation({
@@ -236,7 +237,8 @@ TEST(ExhaustedMemory, Toolkit) {
       handsBack("ImageReduce", [] { return ImageReduce(grey.data(), kHeight, kWidth, kHeight / 2, kWidth / 2); }),
       handsBack("HistogramCreate", [] { return HistogramCreate(); }),
       handsBack("HistogramCompute", [] { return HistogramCompute(grey.data(), kHeight, kWidth); }),
-      inPlace<std::uint8_t>("ImageNormalize", [](auto *p) { return ImageNormalize(p, kHeight, kWidth, 99, 400); }, 0),
+      inPlace<std::uint8_t>(
+          "ImageNormalize", [](auto *p) { return ImageNormalize(p, kHeight, kWidth, 99, 400); }, 0),
       {"HistogramPrint", 1, bars},
       {"AxisTransform", 8, rotations},
       SUM(fvs_ImageLocalSumChar2Char, std::uint8_t, std::uint8_t),
@@ -248,8 +250,10 @@ TEST(ExhaustedMemory, Toolkit) {
       SUM(fvs_ImageLocalSumFloat2Float, float, float),
       SUM(fvs_ImageMeanChar2Char, std::uint8_t, std::uint8_t),
       SUM(fvs_ImageMeanInt2Int, std::int32_t, std::int32_t),
-      inPlace<std::uint8_t>("BDilate", [](auto *mask) { return BDilate(mask, kHeight, kWidth); }, 1),
-      inPlace<std::uint8_t>("BErode", [](auto *mask) { return BErode(mask, kHeight, kWidth); }, 1),
+      inPlace<std::uint8_t>(
+          "BDilate", [](auto *mask) { return BDilate(mask, kHeight, kWidth); }, 1),
+      inPlace<std::uint8_t>(
+          "BErode", [](auto *mask) { return BErode(mask, kHeight, kWidth); }, 1),
       MASK(BWDilateFast, std::uint8_t),
       MASK(BWErodeFast, std::uint8_t),
       MASK(BWDilateFastUint16, std::uint16_t),
@@ -259,8 +263,8 @@ TEST(ExhaustedMemory, Toolkit) {
       {"RegionGrow", 1, growsAll},
       {"zooInitList", 1, stack},
       {"RemoveSmallArea", 1, removesAreas},
-      outOfPlace<std::uint8_t, std::uint8_t>(
-          "MeanSmooth", [](auto *out, auto *in) { return MeanSmooth(in, out, kHeight, kWidth); }),
+      outOfPlace<std::uint8_t, std::uint8_t>("MeanSmooth",
+                                             [](auto *out, auto *in) { return MeanSmooth(in, out, kHeight, kWidth); }),
       inPlace<std::uint8_t>(
           "FpThresholdingGradsImage", [](auto *p) { return FpThresholdingGradsImage(p, kHeight, kWidth); }, 255),
       inPlace<std::uint8_t>(
@@ -291,7 +295,8 @@ TEST(ExhaustedMemory, TokenCommands) {
     std::vector<std::uint64_t> results;  // when the first, second, ... allocation fails; then 0
   } jobs[] = {
       {"index", [&] { return KelmTrovaReadIndexFile(&connection, index); }, {0x80009902}},
-      {"enrollment", [&] { return KelmTrovaFeatureEnroll(&connection, 3, &record); },
+      {"enrollment",
+       [&] { return KelmTrovaFeatureEnroll(&connection, 3, &record); },
        {0x8000B003, 0x80009902, 0x80006A0F}},
       {"deletion", [&] { return KelmTrovaDeleteFingerPrint(&connection, 3); }, {0x8000B003, 0x80009902}},
       {"read", [&] { return std::uint64_t{SCardReadBin(&connection, 0x0520, 0, index, 20) == 0}; }, {1}},
