@@ -1,5 +1,7 @@
 # script/fuzz: the harnesses of fuzz/ under libFuzzer. The preset `fuzz` builds everything with clang, the sanitizers and
 # the fuzzer's edge counters; the harnesses replace the device manager or the transport by their own.
+find_package(PNG REQUIRED)
+find_package(nlohmann_json REQUIRED)
 file(GLOB KELMTROVA_HARNESSES CONFIGURE_DEPENDS fuzz/*_fuzz.cpp)
 foreach(source ${KELMTROVA_HARNESSES})
   get_filename_component(name ${source} NAME_WE)

@@ -97,6 +97,15 @@ inline void fileCall(const SCardConnection *handle, Input &input) {
   token_set_next_fid(handle, counter);
 }
 
+inline void otherCall(const SCardConnection *handle, Input &input) {
+  KelmTrovaUploadImage(handle, input.byte());
+  (TEST)(ToBigEndian(Exchange(input.take<std::uint16_t>())));
+  KelmTrovaDownloadImage(handle, nullptr);
+  std::uint8_t command[5] = {};
+  SCardAPDU(handle, command, sizeof(command), nullptr, nullptr);
+  SCardTransmit(0, nullptr, nullptr, 0, nullptr, nullptr, nullptr);
+}
+
 constexpr std::array kTokenCalls{
     TokenCall{plainCall<KelmIsTrova>},
     TokenCall{plainCall<KelmTrovaSelfTest>},
@@ -127,15 +136,20 @@ constexpr std::array kTokenCalls{
     TokenCall{readCall},
     TokenCall{writeCall},
     TokenCall{fileCall},
+    TokenCall{otherCall},
 };
 
-// A slot is enrolled, deleted or verified only when the token counts it, so small numbers come often.
+// Most often over a connection that is ready; sometimes over one that is not, or is none.
 inline void makeTokenCalls(Input &input) {
   SCardConnection connection{};
-  connection.bState = input.byte() < 250 ? 3 : 0;
+  const std::uint8_t kind = input.byte();
+  connection.bState = kind < 250 ? 3 : 0;
   connection.dwProtocol = input.byte() % 3;
   for (int calls = 0; calls < 8 && !input.empty(); ++calls) {
-    kTokenCalls[input.byte() % kTokenCalls.size()](&connection, input);
+    const SCardConnection *handle = kind == 255   ? nullptr
+                                    : kind == 254 ? reinterpret_cast<const SCardConnection *>(UINTPTR_MAX)
+                                                  : &connection;
+    kTokenCalls[input.byte() % kTokenCalls.size()](handle, input);
   }
 }
 
