@@ -11,6 +11,7 @@
 #include <map>
 #include <random>
 #include <set>
+#include <shared_mutex>
 #include <string>
 #include <thread>
 #include <vector>
@@ -48,6 +49,14 @@ int run(const std::vector<std::string> &arguments, int patience) {
   return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
 }
 
+// Commands run beside each other, but nothing runs beside a repair.
+std::shared_mutex storeInUse;
+
+int runBeside(const std::vector<std::string> &arguments, int patience) {
+  const std::shared_lock use(storeInUse);
+  return run(arguments, patience);
+}
+
 // What a driver knows of its slots: the finger of a slot whose last command answered success; empty when deleted.
 struct Driver {
   int number;
@@ -67,7 +76,7 @@ struct Driver {
       if (enrolls) {
         arguments.insert(arguments.end(), {"--finger", finger});
       }
-      const int code = run(arguments, random() % 2 == 0 ? 1 + static_cast<int>(random() % 15000) : 0);
+      const int code = runBeside(arguments, random() % 2 == 0 ? 1 + static_cast<int>(random() % 15000) : 0);
       if (code == 0) {
         known[slot] = enrolls ? finger : "";
         ++succeeded;
@@ -75,7 +84,8 @@ struct Driver {
         known.erase(slot);  // it may or may not have been done
         killed += code == -1 ? 1 : 0;
         if (code == kRefused && enrolls) {
-          run({program, "repair", "--token", store}, 0);
+          const std::lock_guard alone(storeInUse);
+          run({program, "token", "repair", "--token", store}, 0);
         }
       }
     }

@@ -37,6 +37,7 @@ Report enroll(Session &session, const FingerOptions &options);
 Report verify(Session &session, const FingerOptions &options);
 Report identify(Session &session, const FingerOptions &options);
 Report deleteSlot(Session &session, int slot);
+Report repair(Session &session);
 Report parameters(Session &session, const ParameterOptions &options);
 Report cache(Session &session, const std::string &action);
 Report sendImage(Session &session, const std::string &file);

@@ -211,6 +211,8 @@ void addFingerCommands(Builder &builder) {
       builder.add("delete", "Deletes the finger in a slot", "kelmtrova token delete --slot 3",
                   [](Session &session, const Options &options) { return deleteSlot(session, *options.finger.slot); });
   builder.addSlot(deleteCommand, "the slot")->required();
+  builder.add("repair", "Clears what an interrupted enrollment left in the way of the next", "kelmtrova token repair",
+              [](Session &session, const Options &) { return repair(session); });
 }
 
 void addSettingCommands(Builder &builder) {

@@ -16,7 +16,8 @@ constexpr const char *kOwnBug = "please report it with the output of -v";
 constexpr ResultWords kResults[] = {
     {KELM_RESULT_OK, "done", ""},
     {KELM_RESULT_CREATE_FILE, "the token would not create the template file",
-     "its memory may be full (delete a slot), or its FID counter yields the file of another: the FIDs 0x0020, 0x0040 "
+     "an enrollment may have been cut off (`kelmtrova token repair` clears what it left), its memory may be full "
+     "(delete a slot), or its FID counter yields the file of another: the FIDs 0x0020, 0x0040 "
      "and 0x0520 are the token's own files, so personalise it with a counter that starts beyond 0x29"},
     {KELM_RESULT_ERASE_FILE, "a template file had to be erased again after a failure, and could not be",
      "a file that no slot names may be left on the token; try again, or personalise the token anew"},
