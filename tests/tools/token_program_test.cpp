@@ -294,7 +294,7 @@ TEST_F(Program, HelpsAndCompletes) {
   EXPECT_EQ(complete("kelmtrova token enroll --finger de", 4), "\n");
 
   const std::string commands = complete("kelmtrova token \"\"", 2);
-  EXPECT_EQ(std::count(commands.begin(), commands.end(), ' '), 12) << commands;
+  EXPECT_EQ(std::count(commands.begin(), commands.end(), ' '), 13) << commands;
   std::istringstream names(commands);
   for (std::string name; names >> name;) {
     const Outcome help = run("token " + name + " --help");
