@@ -141,7 +141,12 @@ Analysis analyseAt(int scale, const Picture &picture) {
   });
   Numbers &numbers = out.numbers;
   numbers.lightLevel = lightLevelOf(out);
-  numbers.continuous = watch.time("continuity", [&] { return continuous(heartOf(out, picture), numbers.lightLevel); });
+  numbers.continuous = watch.time("continuity", [&] {
+    const Picture heart = heartOf(out, picture);
+    // A row is compared with the level times its width less ten.
+    const int level = heart.width > 20 ? numbers.lightLevel * heart.width / (heart.width - 10) : numbers.lightLevel;
+    return continuous(heart, level);
+  });
   watch.time("numbers", [&] {
     const std::vector<uint8_t> &mask = out.segmentation.mask.samples;
     numbers.foreground =
