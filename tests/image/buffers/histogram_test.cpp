@@ -13,12 +13,10 @@
 #include <vector>
 
 #include "kelmtrova/image.h"
-#include "tests/support/allocation.h"
 #include "tests/support/guarded.h"
 
 namespace {
 
-using kelm::test::AllocationWatch;
 using kelm::test::Guarded;
 
 TEST(Histogram, CountsEveryPixelOnce) {
@@ -67,15 +65,8 @@ TEST(Histogram, StatisticsWrapInThirtyTwoBits) {
     EXPECT_EQ(HistogramGetVariance(&histogram), c.variance);
     EXPECT_EQ(HistogramGetVariance2(&histogram, 0), c.varianceAboutZero);
   }
-  EXPECT_EQ(HistogramGetMean(nullptr) + HistogramGetVariance(nullptr) + HistogramGetVariance2(nullptr, 9), 0U);
-}
-
-TEST(Histogram, MemoryThatFailsGivesNull) {
-  const std::uint8_t pixel = 1;
-  const AllocationWatch watch(1);
-  EXPECT_EQ(HistogramCompute(&pixel, 1, 1), nullptr);
   EXPECT_EQ(HistogramCompute(nullptr, 1, 1), nullptr);
-  EXPECT_EQ(watch.outstanding(), 0);
+  EXPECT_EQ(HistogramGetMean(nullptr) + HistogramGetVariance(nullptr) + HistogramGetVariance2(nullptr, 9), 0U);
 }
 
 class HistogramPicture : public testing::Test {
@@ -86,18 +77,6 @@ class HistogramPicture : public testing::Test {
   std::string read() const {
     std::ifstream file(path_, std::ios::binary);
     return {std::istreambuf_iterator<char>(file), {}};
-  }
-  // Number of white pixels of a column, which must all stand on the bottom row.
-  static int barOf(const std::string &picture, std::size_t columns, std::size_t column) {
-    int height = 0;
-    for (std::size_t row = 256; row-- > 0 && picture[row * columns + column] == '\xFF';) {
-      ++height;
-    }
-    int white = 0;
-    for (std::size_t row = 0; row < 256; ++row) {
-      white += picture[row * columns + column] != 0;
-    }
-    return white == height ? height : -1;
   }
 
   const std::string path_ = testing::TempDir() + "kelmtrova_histogram_" + std::to_string(getpid()) + ".raw";
@@ -113,23 +92,20 @@ TEST_F(HistogramPicture, DrawsBarsOnTheBottomRow) {
     EXPECT_EQ(HistogramPrint(c.counters.empty() ? std::vector<std::uint32_t>(1).data() : c.counters.data(),
                              static_cast<std::int16_t>(c.counters.size()), path_.c_str()),
               0);
-    ASSERT_TRUE(std::filesystem::exists(path_));
-    const std::string picture = read();
-    ASSERT_EQ(picture.size(), c.counters.size() * 256);
-    for (std::size_t column = 0; column < c.bars.size(); ++column) {
-      EXPECT_EQ(barOf(picture, c.bars.size(), column), c.bars[column]);
+    std::string expected;
+    for (int row = 256; row-- > 0;) {
+      for (const int bar : c.bars) {
+        expected += row < bar ? '\xFF' : '\0';
+      }
     }
+    ASSERT_TRUE(std::filesystem::exists(path_));
+    EXPECT_TRUE(read() == expected) << c.counters.size();
   }
 }
 
 TEST_F(HistogramPicture, LeavesTheFileAloneWithoutPicture) {
   std::ofstream(path_) << "kept";
   const std::uint32_t counters[4] = {1, 2, 3, 4};
-  {
-    const AllocationWatch watch(1);
-    EXPECT_EQ(HistogramPrint(counters, 4, path_.c_str()), 0);
-    EXPECT_EQ(watch.outstanding(), 0);
-  }
   EXPECT_EQ(HistogramPrint(counters, -1, path_.c_str()), 0);
   EXPECT_EQ(HistogramPrint(nullptr, 4, path_.c_str()), 0);
   EXPECT_EQ(HistogramPrint(counters, 4, nullptr), 0);
