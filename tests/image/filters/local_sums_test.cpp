@@ -1,28 +1,21 @@
-#include <gtest/gtest.h>
-
 #include <algorithm>
 #include <array>
-#include <cstdint>
-#include <random>
 #include <type_traits>
-#include <vector>
 
 #include "kelmtrova/image.h"
 #include "tests/support/allocation.h"
-#include "tests/support/guarded.h"
+#include "tests/support/samples.h"
 
 namespace {
 
-using kelm::test::AllocationWatch;
-using kelm::test::Guard;
-using kelm::test::Guarded;
+using namespace kelm::test;
 
-std::mt19937 generator(41);
+Random numbers(41);
 
 template <typename T>
 void fillRandom(T *samples, std::size_t n) {
   for (std::size_t i = 0; i < n; ++i) {
-    const std::uint32_t bits = static_cast<std::uint32_t>(generator());
+    const auto bits = static_cast<std::uint32_t>(numbers.bits());
     if constexpr (std::is_same_v<T, float>) {
       // Of very different sizes, so that any other order of the additions shows; negative zeros among them.
       samples[i] =
@@ -69,26 +62,17 @@ std::vector<Out> modelImage(const In *in, int height, int width, int sizeX, int 
   return out;
 }
 
-std::vector<std::uint8_t> modelMean(const std::uint8_t *in, int height, int width, int sizeX, int sizeY) {
-  std::vector<std::uint8_t> out;
-  for (const std::uint16_t sum : modelImage<std::uint16_t>(in, height, width, sizeX, sizeY)) {
-    out.push_back(static_cast<std::uint8_t>((sum + ((sizeX * sizeY + 1) >> 1)) / (sizeX * sizeY)));
-  }
-  return out;
-}
-
-std::vector<std::int32_t> modelMean(const std::int32_t *in, int height, int width, int sizeX, int sizeY) {
-  std::vector<std::int32_t> out = modelImage<std::int32_t>(in, height, width, sizeX, sizeY);
-  for (std::int32_t &v : out) {
-    const auto rounding = static_cast<std::uint32_t>((sizeX * sizeY + 1) >> 1);
-    v = static_cast<std::int32_t>(static_cast<std::uint32_t>(v) + rounding) / (sizeX * sizeY);
-  }
-  return out;
-}
-
+// The sums of bytes are of 16 bits, those of 32-bit samples of 32.
 template <typename T>
-bool sameBytes(const T *a, const std::vector<T> &b) {
-  return std::memcmp(a, b.data(), b.size() * sizeof(T)) == 0;
+std::vector<T> modelMean(const T *in, int height, int width, int sizeX, int sizeY) {
+  using Sum = std::conditional_t<sizeof(T) == 1, std::uint16_t, std::int32_t>;
+  const int area = std::max(sizeX, 1) * std::max(sizeY, 1);
+  std::vector<T> out;
+  for (const Sum sum : modelImage<Sum>(in, height, width, sizeX, sizeY)) {
+    const std::uint32_t rounded = static_cast<std::uint32_t>(sum) + static_cast<std::uint32_t>((area + 1) >> 1);
+    out.push_back(static_cast<T>(static_cast<std::int32_t>(rounded) / area));
+  }
+  return out;
 }
 
 struct Case {
@@ -100,7 +84,7 @@ std::vector<Case> cases() {
   std::vector<Case> all = {
       {361, 257, 31, 9}, {130, 1025, 3, 31}, {520, 33, 255, 255}, {3, 2000, 201, 3}, {1000, 1, 9, 99}};
   for (int n = 1; n <= 130; ++n) {
-    const int size = static_cast<int>(generator() % 40);
+    const int size = numbers(40);
     all.push_back({1 + n % 21, n, size, 1 + n % 12});
     all.push_back({n, 1 + n % 35, 1 + n % 12, size});
   }
@@ -111,54 +95,34 @@ std::vector<Case> cases() {
   return all;
 }
 
-// `call` on images hard against a guard page, into a separate image, and in place where that is provided for.
-template <typename Out, typename In, typename Call, typename Model>
-void compareWithModel(Call call, Model model, bool inPlace) {
+// `function` on images hard against a guard page, into a separate image and in place.
+template <typename Out, typename In, typename Function, typename Model>
+void compareWithModel(Function function, Model model, bool zeroRefused) {
   int index = 0;
-  for (const Case &c : cases()) {
-    SCOPED_TRACE(testing::Message() << c.height << " x " << c.width << ", window " << c.sizeX << " x " << c.sizeY);
-    const Guard guard = ++index % 2 == 0 ? Guard::kBefore : Guard::kAfter;
-    const std::size_t n = static_cast<std::size_t>(c.height * c.width);
-    Guarded<In> in(n, guard);
-    Guarded<Out> out(n, guard);
+  for (const auto &[height, width, sizeX, sizeY] : cases()) {
+    SCOPED_TRACE(testing::Message() << height << " x " << width << ", window " << sizeX << " x " << sizeY);
+    const auto n = static_cast<std::size_t>(height * width);
+    Guarded<In> in(n, guardOf(++index));
+    Guarded<Out> out(n, guardOf(index));
     fillRandom(in.data(), n);
     const std::vector<In> before(in.begin(), in.end());
-    const auto expected = model(in.data(), c.height, c.width, c.sizeX, c.sizeY);
-    const auto height = static_cast<std::int16_t>(c.height);
-    const auto width = static_cast<std::int16_t>(c.width);
-    const auto sizeX = static_cast<std::uint8_t>(c.sizeX);
-    const auto sizeY = static_cast<std::uint8_t>(c.sizeY);
-    ASSERT_EQ(call(out.data(), in.data(), height, width, sizeX, sizeY), 0);
-    ASSERT_TRUE(sameBytes(out.data(), expected));
-    ASSERT_TRUE(sameBytes(in.data(), before));
+    const bool refused = zeroRefused && sizeX * sizeY == 0;
+    const auto expected =
+        refused ? std::vector<Out>(out.begin(), out.end()) : model(in.data(), height, width, sizeX, sizeY);
+    ASSERT_EQ(call(function, out.data(), in.data(), height, width, sizeX, sizeY), refused ? 2 : 0);
+    ASSERT_TRUE(same(out.data(), expected) && same(in.data(), before));
     if constexpr (std::is_same_v<In, Out>) {
-      if (inPlace) {
-        ASSERT_EQ(call(in.data(), in.data(), height, width, sizeX, sizeY), 0);
-        ASSERT_TRUE(sameBytes(in.data(), expected));
+      if (!refused) {
+        ASSERT_EQ(call(function, in.data(), in.data(), height, width, sizeX, sizeY), 0);
+        ASSERT_TRUE(same(in.data(), expected));
       }
     }
   }
 }
 
-template <typename Out, typename In, typename Call>
-void compareSums(Call call, bool inPlace = true) {
-  compareWithModel<Out, In>(call, modelImage<Out, In>, inPlace);
-}
-
-template <typename T, typename Call>
-void compareMeans(Call call) {
-  compareWithModel<T, T>(
-      [&](T *out, const T *in, std::int16_t height, std::int16_t width, std::uint8_t sizeX, std::uint8_t sizeY) {
-        if (sizeX != 0 && sizeY != 0) {
-          return call(out, in, height, width, sizeX, sizeY);
-        }
-        EXPECT_EQ(call(out, in, height, width, sizeX, sizeY), 2);
-        return call(out, in, height, width, std::max<std::uint8_t>(sizeX, 1), std::max<std::uint8_t>(sizeY, 1));
-      },
-      [](const T *in, int height, int width, int sizeX, int sizeY) {
-        return modelMean(in, height, width, std::max(sizeX, 1), std::max(sizeY, 1));
-      },
-      true);
+template <typename Out, typename In, typename Function>
+void compareSums(Function function) {
+  compareWithModel<Out, In>(function, modelImage<Out, In>, false);
 }
 
 TEST(ImageLocalSum, EqualsPlainModel) {
@@ -170,8 +134,8 @@ TEST(ImageLocalSum, EqualsPlainModel) {
 }
 
 TEST(ImageMean, EqualsPlainModel) {
-  compareMeans<std::uint8_t>(fvs_ImageMeanChar2Char);
-  compareMeans<std::int32_t>(fvs_ImageMeanInt2Int);
+  compareWithModel<std::uint8_t, std::uint8_t>(fvs_ImageMeanChar2Char, modelMean<std::uint8_t>, true);
+  compareWithModel<std::int32_t, std::int32_t>(fvs_ImageMeanInt2Int, modelMean<std::int32_t>, true);
 }
 
 // Every sum that a window can make, for every area that two sizes can have: a row whose windows, 1 wide and as high as
@@ -187,8 +151,8 @@ TEST(ImageMean, DividesExactly) {
       seen[static_cast<std::size_t>(area)] = true;
       std::vector<std::int32_t> wanted;
       for (int i = 0; i < 40; ++i) {
-        const std::int64_t quotient = static_cast<std::int32_t>(generator()) / area;
-        const std::int64_t sum = quotient * area - ((area + 1) >> 1) + static_cast<int>(generator() % 3) - 1;
+        const std::int64_t quotient = static_cast<std::int32_t>(numbers.bits()) / area;
+        const std::int64_t sum = quotient * area - ((area + 1) >> 1) + numbers(3) - 1;
         wanted.push_back(static_cast<std::int32_t>(sum));
       }
       // Samples far apart: each window holds one of them.
@@ -196,17 +160,15 @@ TEST(ImageMean, DividesExactly) {
       for (std::size_t i = 0; i < wanted.size(); ++i) {
         in[i * 256 + 128] = wanted[i];
       }
-      ASSERT_EQ(fvs_ImageMeanInt2Int(out.data(), in.data(), 1, static_cast<std::int16_t>(in.size()),
-                                     static_cast<std::uint8_t>(sizeX), static_cast<std::uint8_t>(sizeY)),
-                0);
+      ASSERT_EQ(call(fvs_ImageMeanInt2Int, out.data(), in.data(), 1, in.size(), sizeX, sizeY), 0);
       const auto expected = modelMean(in.data(), 1, static_cast<int>(in.size()), sizeX, sizeY);
       ASSERT_EQ(out, expected) << "area " << area;
     }
   }
 }
 
-template <typename Out, typename In, typename Call>
-void compareVectors(Call call) {
+template <typename Out, typename In, typename Function>
+void compareVectors(Function function) {
   for (int n : {1, 2, 3, 5, 8, 17, 64, 130}) {
     for (int size = 0; size < 256; size += n < 10 ? 1 : 7) {
       for (const auto [outStride, inStride] :
@@ -223,9 +185,8 @@ void compareVectors(Call call) {
         for (int i = 0; i < n; ++i) {
           expected[static_cast<std::size_t>(outBase - out.begin() + i * outStride)] = sums[static_cast<std::size_t>(i)];
         }
-        call(outBase, inBase, static_cast<std::int16_t>(outStride), static_cast<std::int16_t>(inStride),
-             static_cast<std::int16_t>(n), static_cast<std::uint8_t>(size));
-        ASSERT_TRUE(sameBytes(out.data(), expected)) << n << ", window " << size << ", stride " << outStride;
+        call(function, outBase, inBase, outStride, inStride, n, size);
+        ASSERT_TRUE(same(out.data(), expected)) << n << ", window " << size << ", stride " << outStride;
       }
     }
   }
@@ -240,22 +201,23 @@ TEST(VectorLocalSum, EqualsPlainModel) {
 }
 
 TEST(LocalSums, WorkedExamples) {
-  const std::array<std::uint8_t, 5> vector = {1, 2, 3, 4, 5};
-  std::array<std::uint8_t, 5> sums{};
+  const Bytes vector = {1, 2, 3, 4, 5};
+  Bytes sums(5);
   fvs_VectorLocalSumChar2Char(sums.data(), vector.data(), 1, 1, 5, 3);
-  EXPECT_EQ(sums, (std::array<std::uint8_t, 5>{3, 6, 9, 12, 9}));
-
-  std::vector<std::uint8_t> image(25, 255), out(25);
-  ASSERT_EQ(fvs_ImageLocalSumChar2Char(out.data(), image.data(), 5, 5, 3, 3), 0);
-  EXPECT_EQ(out[12], 247);
-  ASSERT_EQ(fvs_ImageMeanChar2Char(out.data(), image.data(), 5, 5, 1, 1), 0);
-  EXPECT_EQ(out[12], 0);
-  std::fill(image.begin(), image.end(), std::uint8_t{100});
-  ASSERT_EQ(fvs_ImageMeanChar2Char(out.data(), image.data(), 5, 5, 3, 3), 0);
-  EXPECT_EQ(out[12], 100);
-  EXPECT_EQ(out[2], 67);
-  EXPECT_EQ(out[0], 45);
-
+  EXPECT_EQ(sums, (Bytes{3, 6, 9, 12, 9}));
+  const struct {
+    decltype(&fvs_ImageMeanChar2Char) function;
+    std::uint8_t level, size;
+    std::array<int, 3> middleEdgeCorner;
+  } cases[] = {{fvs_ImageLocalSumChar2Char, 255, 3, {247, 250, 252}},
+               {fvs_ImageMeanChar2Char, 255, 1, {0, 0, 0}},
+               {fvs_ImageMeanChar2Char, 100, 3, {100, 67, 45}}};
+  for (const auto &c : cases) {
+    const Bytes image(25, c.level);
+    Bytes out(25);
+    ASSERT_EQ(c.function(out.data(), image.data(), 5, 5, c.size, c.size), 0);
+    EXPECT_EQ((std::array<int, 3>{out[12], out[2], out[0]}), c.middleEdgeCorner);
+  }
   const std::array<std::int32_t, 9> minus14 = {0, -14};
   std::array<std::int32_t, 9> mean{};
   ASSERT_EQ(fvs_ImageMeanInt2Int(mean.data(), minus14.data(), 3, 3, 3, 3), 0);
@@ -296,45 +258,13 @@ TEST(LocalSums, BadArguments) {
   EXPECT_EQ(one, 7);
 }
 
-template <typename Out, typename In, typename Call>
-void expectMemoryFailure(Call call, const std::vector<Out> &expected) {
-  std::vector<In> in(20 * 30);
-  for (std::size_t i = 0; i < in.size(); ++i) {
-    in[i] = static_cast<In>(i % 200);
-  }
-  std::vector<Out> out(in.size(), Out{9});
-  std::int64_t outstanding = 1;
-  std::int32_t result = 0;
-  {
-    AllocationWatch watch(1);
-    result = call(out.data(), in.data(), 20, 30, 13, 7);
-  }
-  EXPECT_EQ(result, 1);
-  EXPECT_EQ(out, expected.empty() ? std::vector<Out>(in.size(), Out{9}) : expected);
-  {
-    AllocationWatch watch;
-    result = call(out.data(), in.data(), 20, 30, 13, 7);
-    outstanding = watch.outstanding();
-    EXPECT_EQ(watch.allocations(), 1U);
-  }
-  EXPECT_EQ(result, 0);
-  EXPECT_EQ(outstanding, 0);
-}
-
-TEST(LocalSums, ExhaustedMemory) {
-  expectMemoryFailure<std::uint8_t, std::uint8_t>(fvs_ImageLocalSumChar2Char, {});
-  expectMemoryFailure<std::uint16_t, std::uint16_t>(fvs_ImageLocalSumUint162Uint16, {});
-  expectMemoryFailure<std::int32_t, std::int32_t>(fvs_ImageLocalSumInt2Int, {});
-  expectMemoryFailure<float, float>(fvs_ImageLocalSumFloat2Float, {});
-  expectMemoryFailure<std::uint8_t, std::uint8_t>(fvs_ImageMeanChar2Char, {});
-  expectMemoryFailure<std::int32_t, std::int32_t>(fvs_ImageMeanInt2Int, {});
-  // The one member that delivers the sums along the rows when memory is short.
-  std::vector<std::uint8_t> in(20 * 30);
-  for (std::size_t i = 0; i < in.size(); ++i) {
-    in[i] = static_cast<std::uint8_t>(i % 200);
-  }
-  expectMemoryFailure<std::uint16_t, std::uint8_t>(fvs_ImageLocalSumChar2Uint16,
-                                                   modelImage<std::uint16_t>(in.data(), 20, 30, 13, 1));
+// The one member that delivers the sums along the rows when memory is short.
+TEST(LocalSums, ExhaustedMemoryLeavesTheSumsAlongTheRows) {
+  const Bytes in = noise(20, 30, numbers);
+  std::vector<std::uint16_t> out(in.size());
+  const AllocationWatch watch(1);
+  EXPECT_EQ(fvs_ImageLocalSumChar2Uint16(out.data(), in.data(), 20, 30, 13, 7), 1);
+  EXPECT_EQ(out, modelImage<std::uint16_t>(in.data(), 20, 30, 13, 1));
 }
 
 }  // namespace

