@@ -1,21 +1,13 @@
-#include <gtest/gtest.h>
-
 #include <algorithm>
 #include <cmath>
-#include <cstdlib>
-#include <random>
-#include <vector>
 
 #include "kelmtrova/image.h"
-#include "tests/support/allocation.h"
-#include "tests/support/guarded.h"
+#include "tests/support/samples.h"
 
 namespace {
 
-using kelm::test::AllocationWatch;
-using kelm::test::Guard;
-using kelm::test::Guarded;
-using Grades = std::vector<std::uint8_t>;
+using namespace kelm::test;
+using Grades = Bytes;
 
 std::int16_t s16(int value) { return static_cast<std::int16_t>(value); }
 std::uint8_t u8(int value) { return static_cast<std::uint8_t>(value); }
@@ -55,37 +47,36 @@ Grades plainQuality(const std::uint16_t *const *grads, int height, int width) {
   return grades;
 }
 
+void expectGrades(const BlockQualityMap &map, const std::uint16_t *const *grads, int height, int width) {
+  const Owned<std::uint8_t> owner(map.grades);
+  const Grades expected = plainQuality(grads, height, width);
+  ASSERT_EQ(expected.size(), static_cast<std::size_t>(map.rows * map.cols));
+  EXPECT_TRUE(same(map.grades, expected)) << height << " x " << width;
+}
+
 TEST(BlockQuality, EqualsThePlainGrades) {
-  std::mt19937 random(6);
+  Random random(6);
   for (int round = 0; round < 160; ++round) {
-    const int width = round < 130 ? 16 + round : 200 + static_cast<int>(random() % 2400);
-    const int height = 16 + static_cast<int>(random() % 90);
-    const auto size = static_cast<std::size_t>(height * width);
-    Guarded<std::uint8_t> image(size, round % 2 == 0 ? Guard::kAfter : Guard::kBefore);
-    const int contrast = 1 + static_cast<int>(random() % 256);
-    for (std::size_t i = 0; i < size; ++i) {
-      const auto across = static_cast<double>(static_cast<int>(i) % width + round % 3 * (static_cast<int>(i) / width));
-      image[i] = u8(static_cast<int>(127 + 100 * std::sin(across)) +
-                    static_cast<int>(random() % static_cast<std::uint32_t>(contrast)) / 10);
-    }
+    const int width = round < 130 ? 16 + round : 200 + random(2400);
+    const int height = 16 + random(90);
+    const int contrast = 1 + random(256);
+    const Guarded<std::uint8_t> image(picture(height, width,
+                                              [&](int x, int y) {
+                                                return static_cast<int>(127 + 100 * std::sin(x + round % 3 * y)) +
+                                                       random(contrast) / 10;
+                                              }),
+                                      guardOf(round));
     BlockQualityMap map = {};
     ASSERT_EQ(ImageBlkQuality(&map, image.data(), s16(height), s16(width), ~0ULL), 0U);
     std::uint16_t **grads = FpGetImg4DirectionGradsEx(image.data(), s16(height), s16(width), 4);
     ASSERT_NE(grads, nullptr);
-    EXPECT_EQ(plainQuality(grads, height, width), Grades(map.grades, map.grades + map.rows * map.cols));
-    std::free(map.grades);
+    expectGrades(map, grads, height, width);
     // The caller's maps may hold any values.
-    const auto cells = static_cast<std::size_t>(height / 4 * (width / 4));
-    for (int d = 0; d < 4; ++d) {
-      std::free(grads[d]);
-      auto *values = static_cast<std::uint16_t *>(std::malloc(cells * sizeof(std::uint16_t)));
-      const std::uint32_t mask = round % 2 == 0 ? 0xFFFF : 0x7;
-      std::generate_n(values, cells, [&] { return static_cast<std::uint16_t>(random() & mask); });
-      grads[d] = values;
+    for (int i = 0; i < 4 * (height / 4) * (width / 4); ++i) {
+      grads[i % 4][i / 4] = static_cast<std::uint16_t>(random(round % 2 == 0 ? 0x10000 : 8));
     }
     ASSERT_EQ(ImageBlkQualityEx(&map, image.data(), s16(height), s16(width), 0, grads), 0U);
-    EXPECT_EQ(plainQuality(grads, height, width), Grades(map.grades, map.grades + map.rows * map.cols));
-    std::free(map.grades);
+    expectGrades(map, grads, height, width);
     std::for_each_n(grads, 4, std::free);
     std::free(grads);
   }
@@ -127,10 +118,7 @@ TEST(BlockQuality, HeaderPartialBlocksAndRefusals) {
   for (const auto &c : cases) {
     BlockQualityMap map = {};
     EXPECT_EQ(ImageBlkQuality(&map, flat.data(), s16(c.height), s16(c.width), 0), c.result);
-    EXPECT_EQ(map.blkH, 16);
-    EXPECT_EQ(map.blkW, 16);
-    EXPECT_EQ(map.rows, c.rows);
-    EXPECT_EQ(map.cols, c.cols);
+    EXPECT_TRUE(map.blkH == 16 && map.blkW == 16 && map.rows == c.rows && map.cols == c.cols) << c.height;
     ASSERT_NE(map.grades, nullptr);
     EXPECT_EQ(std::count(map.grades, map.grades + c.rows * c.cols, 0), c.rows * c.cols);
     std::free(map.grades);
@@ -147,49 +135,6 @@ TEST(BlockQuality, HeaderPartialBlocksAndRefusals) {
   EXPECT_EQ(ImageBlkQualityEx(&map, flat.data(), 16, 16, 0, nullptr), 2U);
   EXPECT_EQ(map.rows, 3);
   EXPECT_EQ(map.grades, &mark);
-}
-
-TEST(BlockQuality, ExhaustedMemoryLeavesZeroGradesToTheCaller) {
-  std::vector<std::uint8_t> image(64 * 64);
-  std::generate(image.begin(), image.end(), [i = 0]() mutable { return i++ % 4 < 2 ? u8(0) : u8(255); });
-  bool failed = true;
-  for (std::uint64_t failing = 1; failed; ++failing) {
-    BlockQualityMap map = {};
-    AllocationWatch watch(failing);
-    const std::uint32_t result = ImageBlkQuality(&map, image.data(), 64, 64, 0);
-    failed = watch.failed();
-    EXPECT_EQ(result, failed ? 1U : 0U);
-    EXPECT_EQ(map.grades == nullptr, failing == 1);
-    EXPECT_EQ(watch.outstanding(), map.grades == nullptr ? 0 : 1);
-    EXPECT_EQ(map.grades == nullptr || map.grades[5] == 0, failed);
-    std::free(map.grades);
-  }
-}
-
-TEST(BlockQuality, RidgesGradeAboveNoiseAndNoiseAboveNothing) {
-  std::mt19937 random(7);
-  for (int degrees = 0; degrees < 180; degrees += 15) {
-    constexpr int kEdge = 192;  // a third each of ridges, noise and paper
-    std::vector<std::uint8_t> image(kEdge * kEdge);
-    const double angle = degrees * 3.14159265358979 / 180;
-    for (int i = 0; i < kEdge * kEdge; ++i) {
-      const double phase = (i % kEdge * std::sin(angle) + i / kEdge * std::cos(angle)) * 6.2831853 / 9;
-      const int noise = static_cast<int>(random() % 161);
-      image[static_cast<std::size_t>(i)] =
-          i % kEdge < 64 ? u8(static_cast<int>(128 + 80 * std::sin(phase))) : u8(i % kEdge < 128 ? 48 + noise : 230);
-    }
-    BlockQualityMap map = {};
-    ASSERT_EQ(ImageBlkQuality(&map, image.data(), kEdge, kEdge, 0), 0U);
-    int mean[3] = {};
-    for (int row = 2; row < 10; ++row) {
-      for (int third = 0; third < 3; ++third) {
-        mean[third] += map.grades[row * 12 + 4 * third + 1] + map.grades[row * 12 + 4 * third + 2];
-      }
-    }
-    EXPECT_GT(mean[0], mean[1] * 5 / 4) << degrees;
-    EXPECT_GT(mean[1], mean[2]) << degrees;
-    std::free(map.grades);
-  }
 }
 
 }  // namespace

@@ -1,19 +1,12 @@
-#include <gtest/gtest.h>
-
 #include <algorithm>
 #include <climits>
-#include <cmath>
-#include <random>
-#include <vector>
 
 #include "kelmtrova/image.h"
-#include "tests/support/guarded.h"
+#include "tests/support/samples.h"
 
 namespace {
 
-using kelm::test::Guard;
-using kelm::test::Guarded;
-using Picture = std::vector<std::uint8_t>;
+using namespace kelm::test;
 
 std::uint8_t u8(int value) { return static_cast<std::uint8_t>(value); }
 
@@ -77,42 +70,38 @@ int plainNotContinue(const std::uint8_t *image, int height, int width, long leve
   return static_cast<double>(static_cast<float>(gaps * 16) / static_cast<float>(print)) > 0.45 ? 1 : 0;
 }
 
+// Everything of `picture` within these rows and columns becomes light.
+void lighten(std::uint8_t *picture, int width, int top, int bottom, int left, int right) {
+  for (int y = top; y < bottom; ++y) {
+    std::fill(picture + y * width + left, picture + y * width + right, u8(255));
+  }
+}
+
 TEST(NotContinue, EqualsThePlainCheck) {
-  std::mt19937 random(8);
+  Random random(8);
   int found = 0;
   const int rounds = 1500;
-  const auto below = [&](int n) { return static_cast<int>(random() % static_cast<std::uint32_t>(n)); };
   for (int round = 0; round < rounds; ++round) {
-    const int h = 1 + below(round % 50 == 0 ? 1024 : 120);
-    const int w = round < 130 ? round + 1 : 1 + below(round % 50 == 0 ? 1024 : 140);
-    Guarded<std::uint8_t> image(static_cast<std::size_t>(h * w), round % 2 == 0 ? Guard::kAfter : Guard::kBefore);
-    std::generate(image.begin(), image.end(), [&] { return u8(below(40)); });
+    const int h = 1 + random(round % 50 == 0 ? 1024 : 120);
+    const int w = round < 130 ? round + 1 : 1 + random(round % 50 == 0 ? 1024 : 140);
+    const Guarded<std::uint8_t> image(picture(h, w, [&](int, int) { return random(40); }), guardOf(round));
     // Light bands across and down, anywhere, sometimes reaching the edges.
-    for (int band = below(4); band > 0; --band) {
-      const bool across = below(4) == 0;
-      const int top = across ? below(h) : below(2) * below(h);
-      const int bottom = across ? std::min(h, top + 1 + below(9)) : h;
-      const int left = across ? 0 : below(w);
-      const int right = across ? w : std::min(w, left + 5 + below(6));
-      for (int y = top; y < bottom; ++y) {
-        std::fill(image.data() + y * w + left, image.data() + y * w + right, u8(200 + below(56)));
+    for (int band = random(4); band > 0; --band) {
+      const int from = random(h);
+      const int left = random(w);
+      if (random(4) == 0) {
+        lighten(image.data(), w, from, std::min(h, from + 1 + random(9)), 0, w);
+      } else {
+        lighten(image.data(), w, random(2) * from, h, left, std::min(w, left + 5 + random(6)));
       }
     }
-    const int level = below(8) == 0 ? below(255) : 150;
+    const int level = random(8) == 0 ? random(255) : 150;
     const int expected = plainNotContinue(image.data(), h, w, level);
     ASSERT_EQ(NotContinue(image.data(), h, w, level), expected) << h << " x " << w << " level " << level;
     found += expected;
   }
   EXPECT_GT(found, rounds / 10);
   EXPECT_LT(found, rounds - rounds / 10);
-}
-
-Picture withLight(int height, int width, int top, int bottom, int left, int right) {
-  Picture picture(static_cast<std::size_t>(height * width), 0);
-  for (int y = top; y < bottom; ++y) {
-    std::fill(picture.begin() + y * width + left, picture.begin() + y * width + right, u8(255));
-  }
-  return picture;
 }
 
 TEST(NotContinue, WorkedExamples) {
@@ -136,7 +125,8 @@ TEST(NotContinue, WorkedExamples) {
       {64, 9, 0, 0, 0, 0, 128, 0, "narrow: every row is light"},
   };
   for (const auto &c : cases) {
-    const Picture picture = withLight(c.height, c.width, c.top, c.bottom, c.left, c.right);
+    Bytes picture(static_cast<std::size_t>(c.height * c.width));
+    lighten(picture.data(), c.width, c.top, c.bottom, c.left, c.right);
     EXPECT_EQ(NotContinue(picture.data(), c.height, c.width, c.level), c.result) << c.what;
   }
   EXPECT_EQ(NotContinue(nullptr, 10, 10, 0), 0);
@@ -145,42 +135,21 @@ TEST(NotContinue, WorkedExamples) {
   EXPECT_EQ(NotContinue(&sample, INT_MIN, INT_MIN, 0), 0);
 }
 
-TEST(NotContinue, FindsTheGapBetweenRidges) {
-  constexpr int kHeight = 360;
-  constexpr int kWidth = 256;
-  for (int degrees = 0; degrees < 180; degrees += 30) {
-    const double angle = degrees * 3.14159265358979 / 180;
-    for (const char gap : {'n', 'r', 'c'}) {  // none, rows, columns
-      Picture picture(kHeight * kWidth);
-      for (int i = 0; i < kHeight * kWidth; ++i) {
-        const int x = i % kWidth;
-        const int y = i / kWidth;
-        const bool inGap = (gap == 'r' && y > 150 && y < 170) || (gap == 'c' && x > 120 && x < 140);
-        const double phase = (x * std::sin(angle) + y * std::cos(angle)) * 6.2831853 / 9;
-        picture[static_cast<std::size_t>(i)] = inGap ? u8(245) : u8(static_cast<int>(110 + 80 * std::sin(phase)));
-      }
-      EXPECT_EQ(NotContinue(picture.data(), kHeight, kWidth, 200), gap == 'n' ? 0 : 1) << degrees << gap;
-    }
-  }
-}
-
 TEST(Project, EqualsPlainSumsAndWritesNothingElse) {
-  std::mt19937 random(9);
+  Random random(9);
   for (int width = 1; width <= 140; ++width) {
-    const int rows = 1 + static_cast<int>(random() % 70);
-    Guarded<std::uint8_t> image(static_cast<std::size_t>(rows * width),
-                                width % 2 == 0 ? Guard::kAfter : Guard::kBefore);
-    std::generate(image.begin(), image.end(),
-                  [&] { return random() % 2 == 0 ? u8(255) : u8(static_cast<int>(random() & 255)); });
+    const int rows = 1 + random(70);
+    const Bytes image = picture(rows, width, [&](int, int) { return random(2) == 0 ? 255 : random(256); });
+    const Guarded<std::uint8_t> guarded(image, guardOf(width));
     for (const std::uint32_t mode : {0U, 1U, 0x80000000U}) {
       std::vector<std::int32_t> expected(static_cast<std::size_t>(mode == 0 ? rows : width), 0);
       for (int i = 0; i < rows * width; ++i) {
         expected[static_cast<std::size_t>(mode == 0 ? i / width : i % width)] += image[static_cast<std::size_t>(i)];
       }
-      Guarded<std::int32_t> sums(expected.size());
+      const Guarded<std::int32_t> sums(expected.size());
       std::fill(sums.begin(), sums.end(), -1);
-      Project(sums.data(), image.data(), rows, width, mode);
-      ASSERT_TRUE(std::equal(expected.begin(), expected.end(), sums.begin())) << rows << " x " << width;
+      Project(sums.data(), guarded.data(), rows, width, mode);
+      ASSERT_TRUE(same(sums.data(), expected)) << rows << " x " << width;
     }
   }
   std::int32_t sum = -1;
