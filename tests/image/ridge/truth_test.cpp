@@ -1,25 +1,17 @@
 // What the functions make of ridge pictures whose truth is known.
-#include <gtest/gtest.h>
-
 #include <cmath>
-#include <cstdlib>
-#include <memory>
 #include <numeric>
-#include <vector>
 
 #include "kelmtrova/image.h"
 #include "tests/support/ridges.h"
+#include "tests/support/samples.h"
 
 namespace {
 
+using kelm::test::Bytes;
+using kelm::test::call;
+using kelm::test::Owned;
 using kelm::test::RidgePicture;
-using Bytes = std::vector<std::uint8_t>;
-
-struct Freeing {
-  void operator()(void *block) const { std::free(block); }
-};
-template <typename T>
-using Owned = std::unique_ptr<T[], Freeing>;
 
 struct Fields {
   FingerprintBlockField direction8 = {}, orientGrad = {};
@@ -30,10 +22,8 @@ struct Fields {
     std::int32_t *products = nullptr;
     std::int32_t *differences = nullptr;
     FingerprintBlockField direction16 = {};
-    const auto size = [](int n) { return static_cast<std::uint16_t>(n); };
-    EXPECT_EQ(FingerprintGetDirectionFloat(half.pixels.data(), size(half.height), size(half.width),
-                                           size(2 * half.height), size(2 * half.width), 9, 0, &products, &differences,
-                                           &direction8, &orientGrad, &direction16),
+    EXPECT_EQ(call(FingerprintGetDirectionFloat, half.pixels.data(), half.height, half.width, 2 * half.height,
+                   2 * half.width, 9, 0, &products, &differences, &direction8, &orientGrad, &direction16),
               0);
     directions.reset(direction8.data);
     changes.reset(orientGrad.data);
@@ -107,8 +97,7 @@ RidgePicture gradients(const RidgePicture &p) {
     };
     return (std::abs(at(x + 1, y) - at(x - 1, y)) + std::abs(at(x, y + 1) - at(x, y - 1))) / 2.0;
   });
-  fvs_ImageMeanChar2Char(strength.pixels.data(), Bytes(strength.pixels).data(), static_cast<std::int16_t>(p.height),
-                         static_cast<std::int16_t>(p.width), 9, 9);
+  call(fvs_ImageMeanChar2Char, strength.pixels.data(), Bytes(strength.pixels).data(), p.height, p.width, 9, 9);
   return strength;
 }
 
@@ -135,9 +124,7 @@ TEST(Truth, TheMarginIsBackground) {
 
 int meanQuality(const RidgePicture &p) {
   BlockQualityMap map = {};
-  EXPECT_EQ(ImageBlkQuality(&map, p.pixels.data(), static_cast<std::int16_t>(p.height),
-                            static_cast<std::int16_t>(p.width), 0),
-            0U);
+  EXPECT_EQ(call(ImageBlkQuality, &map, p.pixels.data(), p.height, p.width, 0), 0U);
   const Owned<std::uint8_t> owner(map.grades);
   return std::accumulate(map.grades, map.grades + map.rows * map.cols, 0) / (map.rows * map.cols);
 }
