@@ -52,9 +52,9 @@ struct Directions {
 };
 
 int directionOf(const FingerprintBlockField *field, int by, int bx) {
-  const int row = std::min<int>(by, field->rows - 1);
+  const int row = field->rows - 1 - std::min<int>(by, field->rows - 1);
   const int col = std::min<int>(bx, field->cols - 1);
-  return foldDirection(field->data[col + field->cols * (field->rows - 1 - row)]);
+  return foldDirection(field->data[static_cast<std::ptrdiff_t>(row) * field->cols + col]);
 }
 
 int planeOf(Directions *directions, const RidgeSpan &span) {
