@@ -1,7 +1,6 @@
 #include <gtest/gtest.h>
 
 #include "kelmtrova/token.h"
-#include "tests/support/allocation.h"
 #include "tests/support/device.h"
 #include "tests/support/guarded.h"
 
@@ -51,23 +50,6 @@ TEST(CardFile, AnswersOfAnotherLengthThanAskedFor) {
       ASSERT_EQ(out[i], static_cast<int>(i % 176) < chunk + surplus ? 0x5A : 0) << i << ' ' << surplus;
     }
   }
-}
-
-TEST(CardFile, ReadTakesOneBlockOfMemory) {
-  const SCardConnection connection = readyConnection();
-  const Answer success;
-  device.fixed = &success;
-  for (const std::uint64_t failing : {0U, 1U}) {
-    std::uint8_t out[400];
-    device.exchanges = 0;
-    AllocationWatch watch(failing);
-    const std::int32_t read = SCardReadBin(&connection, 0x0520, 0, out, sizeof out);
-    EXPECT_EQ(watch.allocations(), 1U);
-    EXPECT_EQ(watch.outstanding(), 0);
-    EXPECT_EQ(read, failing == 0 ? 1 : 0);
-    EXPECT_EQ(device.exchanges, failing == 0 ? 4U : 1U);
-  }
-  device.fixed = nullptr;
 }
 
 TEST(CardFile, Writes) {

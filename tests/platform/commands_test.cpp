@@ -147,35 +147,38 @@ TEST(SimulatedToken, FaultsComeOnDemand) {
 
 TEST(SimulatedToken, SurvivesBadCalls) {
   const Device token;
+  const std::uint64_t closed = simulatorOpenInMemory(&kTenSlots);
+  simulatorClose(closed);
+  EXPECT_EQ(simulatorRemoveFinger(closed), -1);
+  EXPECT_STREQ(simulatorError(), "no such device");
+  const std::array<std::uint8_t, 300> information = {0x80, 0xFA, 0x02, 0x00, 0x2F};
   std::array<std::uint8_t, 4> answer{};
-  constexpr std::array<std::uint8_t, 5> kInformation = {0x80, 0xFA, 0x02, 0x00, 0x2F};
-  const auto call = [&](std::uint64_t device, std::uint64_t length, const std::uint8_t *command, std::uint64_t capacity,
-                        std::uint8_t *area) {
-    const std::int32_t status = Icc_tsi_apiKelmDev(device, length, command, &capacity, area);
+  const struct {
+    std::uint64_t device, length;
+    const std::uint8_t *command;
+    std::uint64_t capacity;
+    std::uint8_t *area;
+    int status;
+  } cases[] = {{0, 5, information.data(), 4, answer.data(), 0x6F00},
+               {closed, 5, information.data(), 4, answer.data(), 0x6F00},
+               {token.number, 5, nullptr, 4, answer.data(), 0x6F00},
+               {token.number, 5, information.data(), 3, answer.data(), 0x6F01},
+               {token.number, 5, information.data(), ~0ULL, nullptr, 0x6F01},
+               {token.number, ~0ULL, information.data(), 4, answer.data(), 0x6700}};
+  for (const auto &c : cases) {
+    std::uint64_t capacity = c.capacity;
+    EXPECT_EQ(Icc_tsi_apiKelmDev(c.device, c.length, c.command, &capacity, c.area), c.status);
     EXPECT_EQ(capacity, 0U);
-    return status;
-  };
-  EXPECT_EQ(call(0, 5, kInformation.data(), 4, answer.data()), 0x6F00);
-  EXPECT_EQ(call(token.number, 5, nullptr, 4, answer.data()), 0x6F00);
-  EXPECT_EQ(call(token.number, 5, kInformation.data(), 3, answer.data()), 0x6F01);
-  EXPECT_EQ(call(token.number, 5, kInformation.data(), ~0ULL, nullptr), 0x6F01);
-  EXPECT_EQ(
-      call(token.number, ~0ULL, std::array<std::uint8_t, 300>{0x80, 0xFA, 0x02, 0x00, 0x2F}.data(), 4, answer.data()),
-      0x6700);
-  EXPECT_EQ(Icc_tsi_apiKelmDev(token.number, 5, kInformation.data(), nullptr, answer.data()), 0x6F00);
+  }
+  EXPECT_EQ(Icc_tsi_apiKelmDev(token.number, 5, information.data(), nullptr, answer.data()), 0x6F00);
   EXPECT_EQ(answer, (std::array<std::uint8_t, 4>{}));
   // Claims beyond the area, which is left alone all the same.
   const SimulatorFault tooMuch = {SIMULATOR_FAULT_TOO_MUCH, 0, 0, 1ULL << 40};
   ASSERT_EQ(simulatorSetFault(token.number, &tooMuch), 0);
   std::uint64_t capacity = 3;
-  EXPECT_EQ(Icc_tsi_apiKelmDev(token.number, 5, kInformation.data(), &capacity, answer.data()), 0x9000);
+  EXPECT_EQ(Icc_tsi_apiKelmDev(token.number, 5, information.data(), &capacity, answer.data()), 0x9000);
   EXPECT_EQ(capacity, 1ULL << 40);
   EXPECT_EQ(answer[3], 0);
-  const std::uint64_t closed = simulatorOpenInMemory(&kTenSlots);
-  simulatorClose(closed);
-  EXPECT_EQ(call(closed, 5, kInformation.data(), 4, answer.data()), 0x6F00);
-  EXPECT_EQ(simulatorRemoveFinger(closed), -1);
-  EXPECT_STREQ(simulatorError(), "no such device");
 }
 
 }  // namespace

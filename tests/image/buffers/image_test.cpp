@@ -116,7 +116,7 @@ TEST(Image, NormalizesAsThePlainLoop) {
     const int height = round % 3 == 0 ? 5 : 1;
     const Image pixels = picture(height, width, [&](int, int) { return random(256) >> (round % 4); });
     const auto mean = static_cast<std::uint8_t>(random(256));
-    const std::uint32_t variance = static_cast<std::uint32_t>(random.bits()) >> random(32);
+    const std::uint32_t variance = random() >> random(32);
     const Guarded<std::uint8_t> image(pixels, guardOf(round));
     EXPECT_EQ(call(ImageNormalize, image.data(), height, width, mean, variance), 0);
     ASSERT_TRUE(same(image.data(), plainNormalize(pixels, mean, variance))) << round;

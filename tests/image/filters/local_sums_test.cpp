@@ -15,7 +15,7 @@ Random numbers(41);
 template <typename T>
 void fillRandom(T *samples, std::size_t n) {
   for (std::size_t i = 0; i < n; ++i) {
-    const auto bits = static_cast<std::uint32_t>(numbers.bits());
+    const auto bits = numbers();
     if constexpr (std::is_same_v<T, float>) {
       // Of very different sizes, so that any other order of the additions shows; negative zeros among them.
       samples[i] =
@@ -151,7 +151,7 @@ TEST(ImageMean, DividesExactly) {
       seen[static_cast<std::size_t>(area)] = true;
       std::vector<std::int32_t> wanted;
       for (int i = 0; i < 40; ++i) {
-        const std::int64_t quotient = static_cast<std::int32_t>(numbers.bits()) / area;
+        const std::int64_t quotient = static_cast<std::int32_t>(numbers()) / area;
         const std::int64_t sum = quotient * area - ((area + 1) >> 1) + numbers(3) - 1;
         wanted.push_back(static_cast<std::int32_t>(sum));
       }

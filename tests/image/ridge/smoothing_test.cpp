@@ -81,7 +81,7 @@ TEST(RemoveStripe, EqualsWalkingEveryLine) {
     const bool down = random(2) == 1;
     const int h = down ? length : other;
     const int w = down ? other : length;
-    const int longest = std::array{1, 2, 3, 7, 8, 63, 64, 65, 127, 128, 129, 200, 254, 255, 0}[random.bits() % 15];
+    const int longest = std::array{1, 2, 3, 7, 8, 63, 64, 65, 127, 128, 129, 200, 254, 255, 0}[random() % 15];
     const int mean = 1 + random(2 * longest + 2);
     Picture expected(static_cast<std::size_t>(h * w));
     for (int i = 0, sample = 0; i < h * w; ++i) {
@@ -89,7 +89,7 @@ TEST(RemoveStripe, EqualsWalkingEveryLine) {
       expected[static_cast<std::size_t>(down ? i % h * w + i / h : i)] = static_cast<std::uint8_t>(sample);
     }
     const int value = 255 * random(2);
-    const int fill = std::array{0, 255, 100}[random.bits() % 3];
+    const int fill = std::array{0, 255, 100}[random() % 3];
     const Guarded<std::uint8_t> image(expected, guardOf(round));
     for (int line = 0; line < other; ++line) {
       plainStrip(expected.data() + (down ? line : line * w), length, down ? w : 1, value, fill, longest);
