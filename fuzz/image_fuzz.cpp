@@ -31,7 +31,7 @@ Size takeSize(Input &input) {
   } else if ((kind & 0x20) != 0) {
     size.width = input.take<std::int16_t>();
   }
-  while (size.pixels() > 1U << 16) {
+  while (size.pixels() > 1U << 13) {
     (size.height > size.width ? size.width : size.height) /= 2;
   }
   return size;

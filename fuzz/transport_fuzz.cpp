@@ -12,6 +12,9 @@ extern "C" __attribute__((visibility("default"))) std::int64_t SCardTransmit(std
                                                                              const std::uint8_t *, std::uint64_t,
                                                                              SCardPci *, std::uint8_t *recv,
                                                                              std::uint64_t *recvLength) {
+  if (recv == nullptr || recvLength == nullptr) {
+    return 0;
+  }
   const std::uint8_t kind = answers->byte();
   const std::size_t delivered =
       std::min<std::size_t>((kind & 1) != 0 ? answers->take<std::uint16_t>() : answers->byte(), *recvLength - 2);
