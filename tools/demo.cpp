@@ -106,7 +106,7 @@ bool showLife() {
 
 }  // namespace
 
-int runDemo() {
+int runDemo(const std::string &reports) {
   if (simulatorLink() == nullptr) {
     throw Failure(kExitNoToken, "the demo needs a simulated token; the device manager libkelmkmgr.so is a real one");
   }
@@ -117,12 +117,7 @@ int runDemo() {
   const bool whole = showLife();
   std::cerr.rdbuf(before);
   if (!whole) throw Failure(kExitRefused, "the demo stopped: the last command did not do what it should");
-  const std::string pictures = makeFolder("kelmtrova-report");
-  const int exitCode = demoImage(pictures);
-  // Stays when there is a report in it.
-  std::error_code ignored;
-  std::filesystem::remove(pictures, ignored);
-  return exitCode;
+  return demoImage(reports.empty() ? makeFolder("kelmtrova-report") : reports);
 }
 
 }  // namespace kelm::tools

@@ -4,6 +4,7 @@
 #include <algorithm>
 #include <exception>
 #include <iostream>
+#include <memory>
 
 #include "tools/completion.h"
 #include "tools/demo.h"
@@ -36,7 +37,10 @@ void addCompletionCommand(CLI::App &app) {
 void addDemoCommand(CLI::App &app, int &exitCode) {
   CLI::App *demo = app.add_subcommand("demo", "Shows the life of a token on a simulated one");
   demo->footer("The token lives in a temporary folder; nothing else is touched.");
-  demo->callback([&exitCode] { exitCode = runDemo(); });
+  const auto reports = std::make_shared<std::string>();
+  demo->add_option("--report", *reports, "where the analysed print goes; default: a new temporary folder")
+      ->type_name("FOLDER");
+  demo->callback([reports, &exitCode] { exitCode = runDemo(*reports); });
 }
 
 // The command that the words got as far as: "kelmtrova token enroll".
@@ -87,7 +91,8 @@ int runProgram(std::vector<std::string> words) {
   } catch (const CLI::ParseError &error) {
     std::string line = error.what();
     line = line.substr(0, line.find('\n'));
-    if (const std::string word = strayWord(app); !word.empty()) line.assign("\"").append(word).append("\" means nothing here");
+    if (const std::string word = strayWord(app); !word.empty())
+      line.assign("\"").append(word).append("\" means nothing here");
     return complain(line + " (`" + commandOf(app) + " --help` shows how)", kExitUsage);
   } catch (const Failure &failure) {
     return complain(failure.what(), failure.exitCode);
