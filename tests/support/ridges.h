@@ -5,8 +5,8 @@
 #include <algorithm>
 #include <cmath>
 #include <cstdint>
-#include <random>
-#include <vector>
+
+#include "tests/support/samples.h"
 
 namespace kelm::test {
 
@@ -20,13 +20,8 @@ struct RidgePicture {
 
   // Every pixel from its position.
   static RidgePicture of(int height, int width, auto &&grey) {
-    RidgePicture picture = {height, width, {}};
-    for (int y = 0; y < height; ++y) {
-      for (int x = 0; x < width; ++x) {
-        picture.pixels.push_back(static_cast<std::uint8_t>(std::clamp(std::lround(grey(x, y)), 0L, 255L)));
-      }
-    }
-    return picture;
+    return {height, width,
+            picture(height, width, [&](int x, int y) { return std::clamp(std::lround(grey(x, y)), 0L, 255L); })};
   }
 };
 
@@ -52,8 +47,8 @@ inline RidgePicture loopRidges(int height, int width, double cx, double cy, doub
 }
 
 inline RidgePicture noise(int height, int width, std::uint32_t seed) {
-  std::mt19937 random(seed);
-  return RidgePicture::of(height, width, [&](int, int) { return 96.0 + static_cast<double>(random() % 64); });
+  Random random(seed);
+  return RidgePicture::of(height, width, [&](int, int) { return 96.0 + random(64); });
 }
 
 // A bright margin of `edge` pixels all around.

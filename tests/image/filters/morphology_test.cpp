@@ -40,29 +40,14 @@ Bytes model3x3(const Bytes &mask, int height, int width, bool dilate) {
   return out;
 }
 
-// Wrapping counts over the window.
-template <typename T>
-Mask<T> modelCounts(const Mask<T> &mask, int height, int width, int sizeX, int sizeY) {
-  Mask<T> rows(mask.size()), counts(mask.size());
-  const auto box = [](const Mask<T> &in, Mask<T> &out, int lines, int lineStep, int n, int step, int half) {
-    for (int l = 0; l < lines; ++l) {
-      for (int i = 0; i < n; ++i) {
-        std::uint32_t sum = 0;
-        for (int k = std::max(0, i - half); k <= std::min(n - 1, i + half); ++k) {
-          sum += in[static_cast<std::size_t>(l * lineStep + k * step)];
-        }
-        out[static_cast<std::size_t>(l * lineStep + i * step)] = static_cast<T>(sum);
-      }
-    }
-  };
-  box(mask, rows, height, width, width, 1, sizeX / 2);
-  box(rows, counts, width, 1, height, width, sizeY / 2);
-  return counts;
-}
-
 template <typename T>
 Mask<T> modelByCount(const Mask<T> &mask, int height, int width, int sizeX, int sizeY, bool dilate) {
-  const Mask<T> counts = modelCounts(mask, height, width, sizeX, sizeY);
+  Mask<T> counts(mask.size());  // the sums that wrap are compared with a model of their own
+  if constexpr (sizeof(T) == 1) {
+    call(fvs_ImageLocalSumChar2Char, counts.data(), mask.data(), height, width, sizeX, sizeY);
+  } else {
+    call(fvs_ImageLocalSumUint162Uint16, counts.data(), mask.data(), height, width, sizeX, sizeY);
+  }
   const int area = sizeX * sizeY;
   Mask<T> out = mask;
   for (std::size_t i = 0; i < mask.size(); ++i) {

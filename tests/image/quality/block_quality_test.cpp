@@ -82,32 +82,6 @@ TEST(BlockQuality, EqualsThePlainGrades) {
   }
 }
 
-// Blocks in the middle of 3 x 3 equal ones keep their grade through the smoothing.
-TEST(BlockQuality, CoherenceAndMeanAreTruncatedApart) {
-  for (const int surplus : {0, 15, 16}) {
-    std::vector<std::uint16_t> maps[4];
-    std::uint16_t *grads[4];
-    for (int d = 0; d < 4; ++d) {
-      maps[d].assign(12 * 12, 0);
-      grads[d] = maps[d].data();
-    }
-    for (int i = 0; i < 144; ++i) {
-      const int cell = i / 12 % 4 * 4 + i % 4;
-      const int mean = 100 + (cell < surplus ? 1 : 0);
-      // Twelve cells of direction 0, four of direction 2; the four values make up four times the mean.
-      const int least = cell < 12 ? 0 : 2;
-      for (int d = 0; d < 4; ++d) {
-        maps[d][static_cast<std::size_t>(i)] = static_cast<std::uint16_t>(mean + (d == least ? -3 : 1));
-      }
-    }
-    const std::uint8_t image = 0;
-    BlockQualityMap map = {};
-    ASSERT_EQ(ImageBlkQualityEx(&map, &image, 48, 48, 0, grads), 0U);
-    EXPECT_EQ(map.grades[4], 75) << surplus;
-    std::free(map.grades);
-  }
-}
-
 TEST(BlockQuality, HeaderPartialBlocksAndRefusals) {
   const std::vector<std::uint8_t> flat(360 * 256, 80);
   struct {

@@ -62,21 +62,6 @@ TEST(Truth, DirectionAndPeriodOfStraightRidges) {
   }
 }
 
-TEST(Truth, DirectionOfRings) {
-  const Fields fields(kelm::test::concentricRidges(160, 160, 80, 80, 5.5));
-  const FingerprintBlockField &field = fields.direction8;
-  for (int r = 4; r < field.rows - 4; ++r) {
-    for (int c = 4; c < field.cols - 4; ++c) {
-      const double dx = 4 * c + 2 - 80;
-      const double dy = 4 * r + 2 - 80;
-      if (std::hypot(dx, dy) > 30) {
-        const double tangent = std::atan2(-dy, dx) * 180 / kelm::test::kPi + 90;
-        EXPECT_LE(apart(field.data[r * field.cols + c], tangent), 3) << r << ' ' << c;
-      }
-    }
-  }
-}
-
 TEST(Truth, TheCoreOfALoopIsWhereTheDirectionTurns) {
   const Fields fields(kelm::test::loopRidges(128, 128, 60, 52, 4.5));
   const FingerprintBlockField &turn = fields.orientGrad;
