@@ -28,9 +28,8 @@ inline std::uint32_t heightAt(const std::uint32_t *heights, int index) {
   return index >= 0 && index < kShapeLevels ? heights[index] : 0;
 }
 
-// From the silhouette of the histogram, drawn and cleaned with morphology. The counters are changed. Writes a threshold
-// from 0 to 255 and returns 0, or returns 1 without memory.
-std::int32_t silhouetteThreshold(int *threshold, std::uint32_t *counters);
+// From the silhouette of the histogram, cleaned with morphology: 0 to 255. The counters are changed.
+int silhouetteThreshold(std::uint32_t *counters);
 
 // From the place and the width of the foreground's mode in the smoothed histogram. The counters are changed. The
 // threshold may lie below 0.

@@ -138,10 +138,10 @@ int32_t FpThresholdingGradsImage(uint8_t *image, int16_t height, int16_t width) 
     return kRefused;
   }
   const Block<Histogram> histogram = newHistogram(image, pixels);
-  int threshold = 0;
-  if (!histogram || silhouetteThreshold(&threshold, histogram[0].counter) != 0) {
+  if (!histogram) {
     return kRefused;
   }
+  const int threshold = silhouetteThreshold(histogram[0].counter);
   binarise(image, pixels, threshold);
   return threshold;
 }

@@ -1,24 +1,19 @@
 // The threshold from the histogram's silhouette.
 #include <cmath>
-#include <cstddef>
 #include <cstdlib>
 #include <cstring>
 
-#include "image/filters/morphology.h"
 #include "image/ridge/histogram_shape.h"
-#include "image/support/dispatch.h"
-#include "image/support/memory.h"
+#include "image/ridge/silhouette_cleaning.h"
 
 namespace kelm::image {
 namespace {
 
-// The canvas: column i stands for grey level i, row j for height j; a bar fills the rows below its height.
-constexpr int kCanvas = kShapeLevels;
 constexpr float kBeyondPeak = 1.5F;
 constexpr int kVisibleBar = 10;  // higher bars mark the range of grey levels that occur
 
 struct Silhouette {
-  std::uint8_t bars[kCanvas];
+  std::uint8_t bars[kShapeLevels];
   int first, last;  // visible bars; -1 when there is none
 };
 
@@ -65,45 +60,6 @@ Silhouette silhouetteOf(const std::uint32_t *h) {
     }
   }
   return silhouette;
-}
-
-KELM_INLINE void drawBarsBody(std::uint8_t *canvas, const std::uint8_t *bars) {
-  for (int j = 0; j < kCanvas; ++j) {
-    for (int i = 0; i < kCanvas; ++i) {
-      canvas[j * kCanvas + i] = j < bars[i] ? 255 : 0;
-    }
-  }
-}
-KELM_KERNEL(void, drawBars, (std::uint8_t * canvas, const std::uint8_t *bars), (canvas, bars), drawBarsBody)
-
-KELM_INLINE void readTopsBody(std::uint8_t *tops, const std::uint8_t *canvas) {
-  std::memset(tops, 0, kCanvas);
-  for (int j = 0; j < kCanvas; ++j) {
-    for (int i = 0; i < kCanvas; ++i) {
-      tops[i] = canvas[j * kCanvas + i] != 0 ? static_cast<std::uint8_t>(j) : tops[i];
-    }
-  }
-}
-KELM_KERNEL(void, readTops, (std::uint8_t * tops, const std::uint8_t *canvas), (tops, canvas), readTopsBody)
-
-// Replaces the heights by those of the cleaned silhouette.
-std::int32_t cleanSilhouette(std::uint32_t *h, const Silhouette &silhouette) {
-  const Block<std::uint8_t> canvas = allocate<std::uint8_t>(std::size_t{kCanvas} * kCanvas);
-  if (!canvas) {
-    return 1;
-  }
-  drawBars(canvas.get(), silhouette.bars);
-  if (dilateByCount(canvas.get(), kCanvas, kCanvas, 9, 9) != 0 ||
-      erodeByCount(canvas.get(), kCanvas, kCanvas, 9, 9) != 0 || erode3x3(canvas.get(), kCanvas, kCanvas) != 0 ||
-      dilate3x3(canvas.get(), kCanvas, kCanvas) != 0) {
-    return 1;
-  }
-  std::uint8_t tops[kCanvas];
-  readTops(tops, canvas.get());
-  for (int i = 0; i < kCanvas; ++i) {
-    h[i] = tops[i];
-  }
-  return 0;
 }
 
 int lowByte(double value) { return static_cast<std::uint8_t>(static_cast<std::int32_t>(value)); }
@@ -162,11 +118,13 @@ int valleyAfter(const Positions &valleys, int peak) {
 
 }  // namespace
 
-std::int32_t silhouetteThreshold(int *threshold, std::uint32_t *counters) {
+int silhouetteThreshold(std::uint32_t *counters) {
   smoothCounters(counters);
   const Silhouette silhouette = silhouetteOf(counters);
-  if (cleanSilhouette(counters, silhouette) != 0) {
-    return 1;
+  std::uint8_t tops[kShapeLevels];
+  cleanSilhouette(tops, silhouette.bars);
+  for (int i = 0; i < kShapeLevels; ++i) {
+    counters[i] = tops[i];
   }
   Extremes extremes = {};
   if (silhouette.first >= 0) {
@@ -175,8 +133,7 @@ std::int32_t silhouetteThreshold(int *threshold, std::uint32_t *counters) {
   const int peak0 = extremes.peaks.at[0];
   const Shape shape = {counters, silhouette.first,     silhouette.last,
                        peak0,    extremes.peaks.at[1], valleyAfter(extremes.valleys, peak0)};
-  *threshold = thresholdOf(shape, extremes.peaks.count);
-  return 0;
+  return thresholdOf(shape, extremes.peaks.count);
 }
 
 }  // namespace kelm::image

@@ -371,8 +371,7 @@ KELMTROVA_API int32_t RemoveStripe(uint8_t *image, int16_t height, int16_t width
  * pixel 255. A smoothed histogram without a peak gets the threshold 0.
  *
  * Both return 255 and leave the picture alone when memory is short, for a null picture and for a dimension below 1; 255
- * can also be a threshold. Scratch memory: a Histogram each, FpThresholdingGradsImage also the canvas of 65536 bytes
- * and what the morphology takes.
+ * can also be a threshold. Scratch memory: a Histogram each; the silhouette is cleaned without a canvas.
  */
 KELMTROVA_API int32_t FpThresholdingGradsImage(uint8_t *image, int16_t height, int16_t width);
 KELMTROVA_API int32_t FpThresholdingGradsImageEx(uint8_t *image, int16_t height, int16_t width);
