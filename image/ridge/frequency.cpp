@@ -27,6 +27,7 @@ constexpr int kBandRows = kBandBlocks * kBlock + 2 * kProfileReach;
 constexpr int kReadAhead = 8;  // two cells are read as one 64-bit word
 constexpr int kBlockCells = 4;
 constexpr int kBatchBlocks = kPeriodLanes / kBlockCells;
+constexpr int kMostBlocks = INT16_MAX / kBlock + 1;
 
 struct Picture {
   const std::uint8_t *pixels;
@@ -87,10 +88,12 @@ void makeCrossings(Directions *directions, const Picture &picture, const Fingerp
 
 KELM_INLINE void fiveMeansBody(std::uint8_t *means, const std::uint8_t *pixels, std::ptrdiff_t count,
                                std::ptrdiff_t near, std::ptrdiff_t far) {
+  // 2^16 / 5, rounded up: exact for the quotients of sums up to 5 x 255.
+  constexpr std::uint32_t kFifth = 13108;
   for (std::ptrdiff_t i = 0; i < count; ++i) {
     const std::uint16_t sum =
         static_cast<std::uint16_t>(pixels[i] + pixels[i + near] + pixels[i - near] + pixels[i + far] + pixels[i - far]);
-    means[i] = static_cast<std::uint8_t>(sum / 5);
+    means[i] = static_cast<std::uint8_t>(sum * kFifth >> 16);
   }
 }
 KELM_KERNEL(void, fiveMeans,
@@ -143,15 +146,25 @@ Sample samplePoints(const Picture &picture, const RidgeSpan &span, int x, int y)
   return {count > 0, static_cast<std::uint8_t>(count > 0 ? sum / count : 0)};
 }
 
-Sample sampleAt(const Picture &picture, const MeanPlane &plane, int x, int y) {
-  const auto within = [](int v, int low, int end) { return v >= low && v < end; };
-  if (within(x, kSpanReach, picture.width - kSpanReach) && within(y, kSpanReach, picture.height - kSpanReach)) {
-    return {true, plane.means[static_cast<std::ptrdiff_t>(y - plane.first) * picture.width + x]};
+struct Range {
+  int first, end;
+};
+
+// Shortens a range of a profile's samples to those at least `margin` pixels inside the image. They lie on a line, more
+// or less, so these are neighbours.
+Range shorten(Range range, const Picture &picture, const Crossing &crossing, int x, int y, int margin) {
+  const auto beyond = [&](int i) {
+    const int px = x + crossing.dx[i];
+    const int py = y + crossing.dy[i];
+    return px < margin || px >= picture.width - margin || py < margin || py >= picture.height - margin;
+  };
+  while (range.first < range.end && beyond(range.first)) {
+    ++range.first;
   }
-  if (within(x, -kSpanReach, picture.width + kSpanReach) && within(y, -kSpanReach, picture.height + kSpanReach)) {
-    return samplePoints(picture, plane.span, x, y);
+  while (range.first < range.end && beyond(range.end - 1)) {
+    --range.end;
   }
-  return {false, 0};
+  return range;
 }
 
 // The profiles of a block row. A block's four cells are neighbouring lanes: upper left, upper right, lower left, lower
@@ -166,73 +179,95 @@ bool isInterior(const Picture &picture, const Crossing &crossing, int x, int y) 
          y + crossing.minY >= kSpanReach && y + kCell + crossing.maxY < picture.height - kSpanReach;
 }
 
-// Two cells side by side, in the low 16 bits in the order of memory.
-inline std::uint32_t twoCells(const std::uint8_t *p) {
+// Two cells side by side of each of two rows, in the order of lanes.
+inline void putCells(std::uint8_t *lanes, const std::uint8_t *upper, const std::uint8_t *lower) {
   if constexpr (std::endian::native == std::endian::little) {
-    std::uint64_t word;
-    std::memcpy(&word, p, sizeof word);
-    word &= 0x000000FF000000FFU;
-    return static_cast<std::uint16_t>(word | word >> 24);
+    constexpr std::uint64_t kCells = 0x000000FF000000FFU;
+    std::uint64_t first;
+    std::uint64_t second;
+    std::memcpy(&first, upper, sizeof first);
+    std::memcpy(&second, lower, sizeof second);
+    const std::uint64_t apart = (first & kCells) | (second & kCells) << 16;  // each in the low byte of 16 bits
+    const std::uint32_t cells = static_cast<std::uint32_t>(apart | apart >> 24);
+    std::memcpy(lanes, &cells, sizeof cells);
   } else {
-    return static_cast<std::uint32_t>(p[0] << 8 | p[kCell]);
+    lanes[0] = upper[0];
+    lanes[1] = upper[kCell];
+    lanes[2] = lower[0];
+    lanes[3] = lower[kCell];
   }
-}
-
-// Four cells, in the order of lanes.
-inline void putCells(std::uint8_t *lanes, std::uint32_t upper, std::uint32_t lower) {
-  const bool little = std::endian::native == std::endian::little;
-  const std::uint32_t cells = little ? upper | lower << 16 : upper << 16 | lower;
-  std::memcpy(lanes, &cells, sizeof cells);
 }
 
 void sampleBlock(std::uint8_t *profiles, const std::uint8_t *means, const std::int32_t *offsets, int width) {
   const std::uint8_t *below = means + std::ptrdiff_t{kCell} * width;
   for (int i = 0; i < kProfileSamples; ++i) {
-    putCells(profiles + i * kPeriodLanes, twoCells(means + offsets[i]), twoCells(below + offsets[i]));
+    putCells(profiles + i * kPeriodLanes, means + offsets[i], below + offsets[i]);
   }
 }
 
-// One cell near the border, after the cell whose profile is given.
-void sampleCell(std::uint8_t *profile, const std::uint8_t *previous, int previousStride, const Picture &picture,
-                const MeanPlane &plane, const Crossing &crossing, int x, int y) {
-  for (int i = 0; i < kProfileSamples; ++i) {
-    const Sample sample = sampleAt(picture, plane, x + crossing.dx[i], y + crossing.dy[i]);
-    profile[i * kPeriodLanes] = sample.inside ? sample.mean : previous[i * previousStride];
+// A profile among others.
+struct Lane {
+  std::uint8_t *samples;
+  int stride;
+  std::uint8_t &operator[](int i) const { return samples[i * stride]; }
+};
+
+// One cell near the border, after the cell whose profile is given: a sample without a point inside keeps its value.
+void sampleCell(const Lane &profile, const Lane &previous, const Picture &picture, const Directions &directions, int d,
+                int x, int y) {
+  const Crossing &crossing = directions.crossing[d];
+  const MeanPlane &plane = directions.planes[directions.plane[d]];
+  const Range some = shorten({0, kProfileSamples}, picture, crossing, x, y, -kSpanReach);
+  const Range whole = shorten(some, picture, crossing, x, y, kSpanReach);
+  const std::ptrdiff_t cell = static_cast<std::ptrdiff_t>(y - plane.first) * picture.width + x;
+  const auto nearBorder = [&](int first, int end) {
+    for (int i = first; i < end; ++i) {
+      const bool reached = i >= some.first && i < some.end;
+      const Sample sample =
+          reached ? samplePoints(picture, crossing.span, x + crossing.dx[i], y + crossing.dy[i]) : Sample{false, 0};
+      profile[i] = sample.inside ? sample.mean : previous[i];
+    }
+  };
+  nearBorder(0, whole.first);
+  for (int i = whole.first; i < whole.end; ++i) {
+    profile[i] = plane.means[cell + directions.offsets[d][i]];
   }
+  nearBorder(whole.end, kProfileSamples);
 }
 
 // The profiles of a block row: blocks away from the border in any order, then the other cells in the order of visits,
 // because a sample without a point inside the image keeps the value of the cell before.
 void sampleBlockRow(ProfileBatch *batches, Directions *directions, const Picture &picture,
                     const FingerprintBlockField *field, int by) {
+  constexpr std::uint8_t kSampled = kDirections;  // in place of the direction
+  std::uint8_t pending[kMostBlocks];
   const int y = by * kBlock;
   for (int bx = 0; bx < picture.blockCols; ++bx) {
     const int d = directionOf(field, by, bx);
-    const Crossing &crossing = directions->crossing[d];
-    if (isInterior(picture, crossing, bx * kBlock, y)) {
+    pending[bx] = static_cast<std::uint8_t>(d);
+    if (isInterior(picture, directions->crossing[d], bx * kBlock, y)) {
       const MeanPlane &plane = directions->planes[directions->plane[d]];
       sampleBlock(profileOf(batches, bx, 0),
                   plane.means + static_cast<std::ptrdiff_t>(y - plane.first) * picture.width + bx * kBlock,
                   directions->offsets[d], picture.width);
+      pending[bx] = kSampled;
     }
   }
-  const std::uint8_t *previous = directions->profile;
-  int previousStride = 1;
+  const auto laneOf = [batches](int cy, int cx) {
+    return Lane{profileOf(batches, cx / 2, cy % 2 * 2 + cx % 2), kPeriodLanes};
+  };
+  Lane previous = {directions->profile, 1};
   for (int cy = 2 * by; cy < std::min(2 * by + 2, picture.cellRows); ++cy) {
     for (int cx = 0; cx < picture.cellCols; ++cx) {
-      std::uint8_t *profile = profileOf(batches, cx / 2, cy % 2 * 2 + cx % 2);
-      const int d = directionOf(field, by, cx / 2);
-      const Crossing &crossing = directions->crossing[d];
-      if (!isInterior(picture, crossing, cx / 2 * kBlock, y)) {
-        sampleCell(profile, previous, previousStride, picture, directions->planes[directions->plane[d]], crossing,
-                   cx * kCell, cy * kCell);
+      const Lane profile = laneOf(cy, cx);
+      if (pending[cx / 2] != kSampled) {
+        sampleCell(profile, previous, picture, *directions, pending[cx / 2], cx * kCell, cy * kCell);
       }
       previous = profile;
-      previousStride = kPeriodLanes;
     }
   }
   for (int i = 0; i < kProfileSamples; ++i) {
-    directions->profile[i] = previous[i * previousStride];
+    directions->profile[i] = previous[i];
   }
 }
 
