@@ -128,7 +128,7 @@ testing::AssertionResult equalsModel(const Bytes &image, int height, int width, 
 TEST(Frequency, StripesOfKnownPeriod) {
   // All gaps equal the period, three windows tie and the longest wins: one pixel more than the period.
   for (const auto &[period, expected] : {std::array{8, 72}, std::array{10, 88}}) {
-    const Bytes image = picture(64, 64, [&](int, int y) { return y % period < period / 2 ? 200 : 50; });
+    const Bytes image = picture(64, 64, [p = period](int, int y) { return y % p < p / 2 ? 200 : 50; });
     const Field field = constantField(64, 64, 0);
     ASSERT_TRUE(equalsModel(image, 64, 64, field));
     const Bytes map = Model(image, 64, 64).map(field);

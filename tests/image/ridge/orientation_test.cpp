@@ -148,7 +148,7 @@ TEST(Orientation, EqualsTheModel) {
                           {40, 33, 80, 70, 17}, {57, 90, 116, 180, 9}, {64, 48, 128, 100, 255}};
   for (const Shape &s : shapes) {
     for (const auto &[levels, step] : {std::array{1, 1}, std::array{12, 1}, std::array{2, 255}}) {
-      const Bytes image = picture(s.height, s.width, [&](int, int) { return random(levels) * step; });
+      const Bytes image = picture(s.height, s.width, [&, n = levels, by = step](int, int) { return random(n) * by; });
       ASSERT_TRUE(fieldsOf(image, s) == model(image, s)) << s.height << " x " << s.width << " / " << levels;
     }
   }
