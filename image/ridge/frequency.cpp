@@ -1,9 +1,10 @@
 // Ridge frequency.
 //
 // The five-point mean that a profile sample is depends on the pixel and on the direction's span only, and all
-// directions together have six spans. So the means are computed for whole rows of pixels first, a plane for each span
-// in use, and a profile is 33 reads from a plane instead of 165 from the image. The planes hold one band of the image
-// at a time, to stay in the cache. Cells whose profile comes too near the image's border are sampled point by point.
+// directions together have six spans. So the means are computed side by side first, a plane for each span in use, and a
+// profile is 33 reads from a plane instead of 165 from the image. The planes hold one band of the image at a time, to
+// stay in the cache, and of that only the strips that some profile reaches. Samples too near the image's border are
+// taken point by point.
 #include <algorithm>
 #include <bit>
 #include <cstddef>
@@ -28,6 +29,9 @@ constexpr int kReadAhead = 8;  // two cells are read as one 64-bit word
 constexpr int kBlockCells = 4;
 constexpr int kBatchBlocks = kPeriodLanes / kBlockCells;
 constexpr int kMostBlocks = INT16_MAX / kBlock + 1;
+constexpr int kStrip = 64;
+constexpr int kMostStrips = INT16_MAX / kStrip + 1;
+constexpr int kMostSpans = 8;  // six occur
 
 struct Picture {
   const std::uint8_t *pixels;
@@ -36,18 +40,19 @@ struct Picture {
   int blockRows, blockCols;  // blocks that hold a cell
 };
 
-// Five-point means of the rows first to end - 1.
+// Five-point means of the rows first to end - 1, in those strips of kStrip columns that are held.
 struct MeanPlane {
   RidgeSpan span;
   std::uint8_t *means;
   int first, end;
+  bool held[kMostStrips];
 };
 
 struct Directions {
   Crossing crossing[kDirections];
   std::int32_t offsets[kDirections][kProfileSamples];  // of the samples, from the cell's first pixel
   std::uint8_t plane[kDirections];                     // which plane holds the means
-  MeanPlane planes[kDirections];
+  MeanPlane planes[kMostSpans];
   int planeCount;
   std::uint8_t profile[kProfileSamples];  // of the cell visited last
 };
@@ -64,7 +69,7 @@ int planeOf(Directions *directions, const RidgeSpan &span) {
     ++i;
   }
   if (i == directions->planeCount) {
-    directions->planes[i] = {span, nullptr, 0, 0};
+    directions->planes[i].span = span;
     ++directions->planeCount;
   }
   return i;
@@ -86,24 +91,44 @@ void makeCrossings(Directions *directions, const Picture &picture, const Fingerp
   }
 }
 
-KELM_INLINE void fiveMeansBody(std::uint8_t *means, const std::uint8_t *pixels, std::ptrdiff_t count,
-                               std::ptrdiff_t near, std::ptrdiff_t far) {
-  // 2^16 / 5, rounded up: exact for the quotients of sums up to 5 x 255.
-  constexpr std::uint32_t kFifth = 13108;
+KELM_INLINE void fiveMeansOf(std::uint8_t *__restrict means, const std::uint8_t *__restrict pixels,
+                             std::ptrdiff_t count, std::ptrdiff_t near, std::ptrdiff_t far) {
+  constexpr std::uint32_t kFifth = 13108;  // 2^16 / 5, rounded up: exact for sums up to 5 x 255
   for (std::ptrdiff_t i = 0; i < count; ++i) {
     const std::uint16_t sum =
         static_cast<std::uint16_t>(pixels[i] + pixels[i + near] + pixels[i - near] + pixels[i + far] + pixels[i - far]);
     means[i] = static_cast<std::uint8_t>(sum * kFifth >> 16);
   }
 }
-KELM_KERNEL(void, fiveMeans,
-            (std::uint8_t * means, const std::uint8_t *pixels, std::ptrdiff_t count, std::ptrdiff_t near,
-             std::ptrdiff_t far),
-            (means, pixels, count, near, far), fiveMeansBody)
 
-// Makes the plane hold the rows `first` to `end` - 1, of which the pixels nearest to the border have no five points.
-void holdRows(MeanPlane *plane, const Picture &picture, int first, int end) {
+// The means of a part of the image, whose rows lie `width` apart as those of the image do. In chunks, of which the last
+// overlaps the one before.
+KELM_INLINE void fiveMeansBody(std::uint8_t *means, const std::uint8_t *pixels, std::ptrdiff_t width,
+                               std::ptrdiff_t rows, std::ptrdiff_t cols, const RidgeSpan &span) {
+  constexpr std::ptrdiff_t kChunk = 32;
+  const std::ptrdiff_t near = span.v1 * width + span.u1;
+  const std::ptrdiff_t far = span.v2 * width + span.u2;
+  for (; rows > 0; --rows, means += width, pixels += width) {
+    if (cols < kChunk) {
+      fiveMeansOf(means, pixels, cols, near, far);
+      continue;
+    }
+    for (std::ptrdiff_t i = 0; i < cols; i += kChunk) {
+      const std::ptrdiff_t from = std::min(i, cols - kChunk);
+      fiveMeansOf(means + from, pixels + from, kChunk, near, far);
+    }
+  }
+}
+KELM_KERNEL(void, fiveMeans,
+            (std::uint8_t * means, const std::uint8_t *pixels, std::ptrdiff_t width, std::ptrdiff_t rows,
+             std::ptrdiff_t cols, const RidgeSpan &span),
+            (means, pixels, width, rows, cols, span), fiveMeansBody)
+
+// Makes the plane hold the rows `first` to `end` - 1 of the strips that are needed. The pixels nearest to the border
+// have no five points.
+void holdRows(MeanPlane *plane, const Picture &picture, const bool *needed, int first, int end) {
   const std::ptrdiff_t width = picture.width;
+  const int strips = (picture.width + kStrip - 1) / kStrip;
   first = std::max(first, kSpanReach);
   end = std::min(end, picture.height - kSpanReach);
   if (first >= end || width <= 2 * kSpanReach) {
@@ -114,12 +139,20 @@ void holdRows(MeanPlane *plane, const Picture &picture, int first, int end) {
     kept = plane->end - first;
     std::memmove(plane->means, plane->means + (first - plane->first) * width, static_cast<std::size_t>(kept * width));
   }
-  const std::ptrdiff_t near = plane->span.v1 * width + plane->span.u1;
-  const std::ptrdiff_t far = plane->span.v2 * width + plane->span.u2;
-  for (int y = first + kept; y < end; ++y) {
-    fiveMeans(plane->means + (y - first) * width + kSpanReach, picture.pixels + y * width + kSpanReach,
-              width - 2 * kSpanReach, near, far);
+  for (int s = 0; s < strips;) {
+    const int start = s;
+    const int done = plane->held[s] ? kept : 0;
+    while (s < strips && needed[s] == needed[start] && plane->held[s] == plane->held[start]) {
+      ++s;
+    }
+    const int left = std::max(start * kStrip, kSpanReach);
+    const int right = std::min(s * kStrip, picture.width - kSpanReach);
+    if (needed[start] && left < right) {
+      fiveMeans(plane->means + done * width + left, picture.pixels + (first + done) * width + left, width,
+                end - first - done, right - left, plane->span);
+    }
   }
+  std::memcpy(plane->held, needed, sizeof plane->held);
   plane->first = first;
   plane->end = end;
 }
@@ -138,7 +171,8 @@ Sample samplePoints(const Picture &picture, const RidgeSpan &span, int x, int y)
   int sum = 0;
   int count = 0;
   for (const auto &[px, py] : points) {
-    if (px >= 0 && px < picture.width && py >= 0 && py < picture.height) {
+    if (static_cast<unsigned>(px) < static_cast<unsigned>(picture.width) &&
+        static_cast<unsigned>(py) < static_cast<unsigned>(picture.height)) {
       sum += picture.pixels[static_cast<std::ptrdiff_t>(py) * picture.width + px];
       ++count;
     }
@@ -213,13 +247,15 @@ struct Lane {
 };
 
 // One cell near the border, after the cell whose profile is given: a sample without a point inside keeps its value.
-void sampleCell(const Lane &profile, const Lane &previous, const Picture &picture, const Directions &directions, int d,
-                int x, int y) {
+void sampleCell(Lane profile, Lane previous, const Picture &picture, const Directions &directions, int d, int x,
+                int y) {
   const Crossing &crossing = directions.crossing[d];
   const MeanPlane &plane = directions.planes[directions.plane[d]];
   const Range some = shorten({0, kProfileSamples}, picture, crossing, x, y, -kSpanReach);
   const Range whole = shorten(some, picture, crossing, x, y, kSpanReach);
   const std::ptrdiff_t cell = static_cast<std::ptrdiff_t>(y - plane.first) * picture.width + x;
+  const std::uint8_t *const means = plane.means;
+  const std::int32_t *const offsets = directions.offsets[d];
   const auto nearBorder = [&](int first, int end) {
     for (int i = first; i < end; ++i) {
       const bool reached = i >= some.first && i < some.end;
@@ -230,7 +266,7 @@ void sampleCell(const Lane &profile, const Lane &previous, const Picture &pictur
   };
   nearBorder(0, whole.first);
   for (int i = whole.first; i < whole.end; ++i) {
-    profile[i] = plane.means[cell + directions.offsets[d][i]];
+    profile[i] = means[cell + offsets[i]];
   }
   nearBorder(whole.end, kProfileSamples);
 }
@@ -288,18 +324,24 @@ void storePeriods(std::uint8_t *map, const ProfileBatch *batches, const Picture 
   }
 }
 
+// Of every plane, the strips that the profiles of these block rows reach.
 void holdBand(Directions *directions, const Picture &picture, const FingerprintBlockField *field, int firstBlock,
               int endBlock) {
-  bool needed[kDirections] = {};
+  bool needed[kMostSpans][kMostStrips] = {};
   for (int by = firstBlock; by < endBlock; ++by) {
-    for (int bx = 0; bx < std::min<int>(picture.blockCols, field->cols); ++bx) {
-      needed[directions->plane[directionOf(field, by, bx)]] = true;
+    for (int bx = 0; bx < picture.blockCols; ++bx) {
+      const int d = directionOf(field, by, bx);
+      const Crossing &crossing = directions->crossing[d];
+      const int left = std::max(bx * kBlock + crossing.minX, 0);
+      const int right = std::min(bx * kBlock + kCell + crossing.maxX, picture.width - 1);
+      for (int s = left / kStrip; s <= right / kStrip; ++s) {
+        needed[directions->plane[d]][s] = true;
+      }
     }
   }
   for (int i = 0; i < directions->planeCount; ++i) {
-    if (needed[i]) {
-      holdRows(&directions->planes[i], picture, firstBlock * kBlock - kProfileReach, endBlock * kBlock + kProfileReach);
-    }
+    holdRows(&directions->planes[i], picture, needed[i], firstBlock * kBlock - kProfileReach,
+             endBlock * kBlock + kProfileReach);
   }
 }
 

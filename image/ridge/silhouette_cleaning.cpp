@@ -52,7 +52,7 @@ KELM_INLINE void dilate(std::uint8_t *__restrict lowest, std::uint8_t *__restric
     for (int i = 0; i < kShapeLevels; ++i) {
       const std::uint8_t foot = static_cast<std::uint8_t>(highest[i] + bit);
       const bool enough = filledIn(bars + i - kReach, foot, kWindow) >= kFilled;
-      highest[i] = (foot <= kHighestFoot) & enough ? foot : highest[i];
+      highest[i] = ((foot <= kHighestFoot) & enough) != 0 ? foot : highest[i];
     }
   }
   for (int i = 0; i < kShapeLevels; ++i) {
