@@ -305,7 +305,7 @@ TEST(Thresholds, EveryRuleEqualsTheModel) {
   for (int trial = 0; trial < 300; ++trial) {  // ragged and sparse, with bars of all heights side by side
     Heights counts(256, 0);
     for (std::uint32_t &count : counts) {
-      const std::uint32_t r = random.bits();
+      const std::uint32_t r = random();
       count = r % 64 < static_cast<std::uint32_t>(trial % 80) ? (r >> 8) % static_cast<std::uint32_t>(1 + trial) : 0;
     }
     check(counts, &rules);
