@@ -27,7 +27,7 @@ std::string count(std::size_t number, const std::string &thing) {
 std::string dump(std::span<const std::uint8_t> bytes) {
   constexpr std::size_t kPerLine = 16;
   std::string text;
-  char digits[8];
+  char digits[24];
   for (std::size_t start = 0; start < bytes.size(); start += kPerLine) {
     const auto line = bytes.subspan(start, std::min(kPerLine, bytes.size() - start));
     std::snprintf(digits, sizeof digits, "  %02zX ", start);
