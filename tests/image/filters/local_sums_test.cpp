@@ -147,8 +147,8 @@ TEST(ImageMean, EqualsPlainModel) {
   compareWithModel<std::int32_t, std::int32_t>(fvs_ImageMeanInt2Int, modelMean<std::int32_t>, true);
 }
 
-// Every sum that a window can make, for every area that two sizes can have: a row whose windows, 1 wide and as high as
-// the image, hold the sums wanted. The 32-bit mean gets the multiples of the area and their neighbours.
+// Where a reciprocal would show its error first: sums that are a multiple of the area, or next to one, for every area
+// that two sizes can have.
 TEST(ImageMean, DividesExactly) {
   std::vector<bool> seen(255 * 255 + 1);
   for (int sizeX = 1; sizeX < 256; ++sizeX) {
