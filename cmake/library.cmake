@@ -22,7 +22,7 @@ function(kelmtrova_add_library name level)
     target_link_options(${name} PRIVATE LINKER:-z,defs)
   endif()
   if(KELMTROVA_COVERAGE)
-    target_compile_options(${name} PRIVATE --coverage)
+    target_compile_options(${name} PRIVATE --coverage -fprofile-update=atomic)
     target_link_options(${name} PRIVATE --coverage)
   endif()
   set_target_properties(${name} PROPERTIES
