@@ -149,6 +149,16 @@ constexpr std::size_t kRowsTogether = 8;
 // group does not wrap around.
 std::size_t rowSumSlots(const BoxShape &shape) { return roundUp(2 * shape.halfY + 1 + kRowsTogether, kRowsTogether); }
 
+// Lines of so many bytes, or a multiple, all fall into one set of a first-level cache: the rows read and those written
+// side by side would then drive each other out.
+constexpr std::size_t kCacheSpan = 4096;
+
+// How many samples further `scratch` lies half a span away from `in`.
+std::size_t offsetAgainst(const float *in, const float *scratch) {
+  const std::uintptr_t apart = reinterpret_cast<std::uintptr_t>(scratch) - reinterpret_cast<std::uintptr_t>(in);
+  return (kCacheSpan / 2 - apart) % kCacheSpan / sizeof(float);
+}
+
 template <std::size_t kRows>
 KELM_INLINE void rowSums(float *__restrict out, const float *__restrict in, std::size_t n, std::size_t half) {
   float sum[kRows];
@@ -286,11 +296,13 @@ std::int32_t imageLocalSum(float *out, const float *in, int height, int width, s
     return 2;
   }
   const BoxShape shape(height, width, sizeX, sizeY);
-  const Block<float> lines = allocate<float>((1 + std::min(rowSumSlots(shape), shape.height)) * shape.width);
+  const std::size_t needed = (1 + std::min(rowSumSlots(shape), shape.height)) * shape.width;
+  const Block<float> lines = allocate<float>(needed + kCacheSpan / sizeof(float));
   if (lines == nullptr) {
     return 1;
   }
-  floatSums(out, in, shape, lines.get(), lines.get() + shape.width);
+  float *columns = lines.get() + offsetAgainst(in, lines.get() + shape.width);
+  floatSums(out, in, shape, columns, columns + shape.width);
   return 0;
 }
 
