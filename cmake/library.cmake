@@ -22,8 +22,8 @@ function(kelmtrova_add_library name level)
     target_link_options(${name} PRIVATE LINKER:-z,defs)
   endif()
   if(KELMTROVA_COVERAGE)
-    target_compile_options(${name} PRIVATE --coverage -fprofile-update=atomic)
-    target_link_options(${name} PRIVATE --coverage)
+    target_compile_options(${name} PRIVATE -fprofile-instr-generate -fcoverage-mapping -fprofile-update=atomic)
+    target_link_options(${name} PRIVATE -fprofile-instr-generate)
   endif()
   set_target_properties(${name} PROPERTIES
     OUTPUT_NAME kelmtrova VERSION ${PROJECT_VERSION} SOVERSION ${PROJECT_VERSION_MAJOR} LINKER_LANGUAGE C

@@ -40,5 +40,6 @@ std::uint64_t KelmTrovaGetFingerCacheState(const SCardConnection *handle, std::u
 std::uint64_t KelmTrovaClearFingerCache(const SCardConnection *handle) { return run(kClear, handle); }
 
 std::uint64_t KelmTrovaEnableFingerCache(const SCardConnection *handle, std::uint8_t enable) {
-  return run(kSwitch, handle, {.value = enable, .patch = enable == 1 ? kSwitchOn : kSwitchOff});
+  const std::uint8_t function = enable == 1 ? kSwitchOn : kSwitchOff;
+  return run(kSwitch, handle, {.value = enable, .patch = function});
 }

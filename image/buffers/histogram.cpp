@@ -156,8 +156,9 @@ void writeFile(const char *path, const std::uint8_t *bytes, std::size_t size) {
   if (file == nullptr) {
     return;
   }
-  struct stat status;
-  const bool ordinary = fstat(fileno(file), &status) == 0 && S_ISREG(status.st_mode);
+  struct stat status = {};
+  fstat(fileno(file), &status);
+  const bool ordinary = S_ISREG(status.st_mode);
   bool written = std::fwrite(bytes, 1, size, file) == size && std::fflush(file) == 0;
   if (!written && ordinary) {
     // The path may be a link: the file behind it must not stay half-written.

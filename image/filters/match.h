@@ -57,13 +57,11 @@ KELM_INLINE std::uint64_t match64(const std::uint8_t *samples, GreyRange range) 
 #endif
 }
 
-// Bit i stands for sample at + i; samples past the end do not match. Reads nothing outside the samples.
+// Bit i stands for sample at + i, the first of which exists; samples past the end do not match. Reads nothing outside
+// the samples.
 KELM_INLINE std::uint64_t matchFrom(const Matcher &matcher, std::size_t at) {
   if (at + 64 <= matcher.size) {
     return match64(matcher.samples + at, matcher.range);
-  }
-  if (at >= matcher.size) {
-    return 0;
   }
   const std::size_t left = matcher.size - at;
   if (matcher.size >= 64) {
@@ -72,12 +70,12 @@ KELM_INLINE std::uint64_t matchFrom(const Matcher &matcher, std::size_t at) {
   return matchSome(matcher.samples + at, left, matcher.range);
 }
 
-// The same for the samples before `at`: bit 63 stands for sample at - 1, bit 62 for at - 2, and so on.
+// The same for the samples before `at`, which is not 0: bit 63 stands for sample at - 1, bit 62 for at - 2, and so on.
 KELM_INLINE std::uint64_t matchBefore(const Matcher &matcher, std::size_t at) {
   if (at >= 64) {
     return match64(matcher.samples + at - 64, matcher.range);
   }
-  return at == 0 ? 0 : matchFrom(matcher, 0) << (64 - at);
+  return matchFrom(matcher, 0) << (64 - at);
 }
 
 // Of the `count` samples from `at` on, at most 64.

@@ -19,21 +19,17 @@ FixedPoint fixedPoint(int degrees) {
 
 std::int8_t steps(int count, int fixedStep) { return static_cast<std::int8_t>((count * fixedStep) >> 8); }
 
-// The same five points whichever of two opposite points is named.
-void orient(std::int8_t *u, std::int8_t *v) {
-  if (*v < 0 || (*v == 0 && *u < 0)) {
-    *u = static_cast<std::int8_t>(-*u);
-    *v = static_cast<std::int8_t>(-*v);
-  }
-}
+// The same five points whichever of two opposite points is named; v, from the sine of 0 to 180 degrees, is not
+// negative.
+std::int8_t oriented(std::int8_t u, std::int8_t v) { return static_cast<std::int8_t>(v == 0 && u < 0 ? -u : u); }
 
 }  // namespace
 
 void makeCrossing(Crossing *crossing, int direction) {
   const FixedPoint t = fixedPoint(direction);
   crossing->span = {steps(1, t.cosine), steps(1, t.sine), steps(2, t.cosine), steps(2, t.sine)};
-  orient(&crossing->span.u1, &crossing->span.v1);
-  orient(&crossing->span.u2, &crossing->span.v2);
+  crossing->span.u1 = oriented(crossing->span.u1, crossing->span.v1);
+  crossing->span.u2 = oriented(crossing->span.u2, crossing->span.v2);
   for (int i = 0; i < kProfileSamples; ++i) {
     crossing->dx[i] = static_cast<std::int8_t>(-steps(i - kProfileReach, t.sine));
     crossing->dy[i] = steps(i - kProfileReach, t.cosine);

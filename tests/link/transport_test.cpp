@@ -147,7 +147,13 @@ TEST(Transport, NothingSentWithoutUsableHandleOrBuffers) {
   EXPECT_EQ(SCardAPDU(&call.connection, nullptr, 5, call.response.data(), &call.length), 0xFFFFU);
   EXPECT_EQ(SCardAPDU(&call.connection, call.command.data(), 5, nullptr, &call.length), 0xFFFFU);
   EXPECT_EQ(SCardAPDU(&call.connection, call.command.data(), 5, call.response.data(), nullptr), 0xFFFFU);
-  EXPECT_EQ(SCardTransmit(kScriptedDevice, nullptr, nullptr, 0, nullptr, call.response.data(), &call.length), 0);
+  const std::uint8_t *const send = call.command.data();
+  std::uint8_t *const room = call.response.data();
+  call.length = 99;
+  EXPECT_EQ(SCardTransmit(kScriptedDevice, nullptr, send, 5, nullptr, nullptr, &call.length), 0);
+  EXPECT_EQ(call.length, 0U);
+  EXPECT_EQ(SCardTransmit(kScriptedDevice, nullptr, nullptr, 5, nullptr, room, &call.length), 0);
+  EXPECT_EQ(SCardTransmit(kScriptedDevice, nullptr, send, 5, nullptr, room, nullptr), 0);
   EXPECT_EQ(device.exchanges, 0U);
 }
 

@@ -1,18 +1,12 @@
 // Every exchange of every command that makes several, failing in turn: with a status, without an answer, with the power
 // cut before and after it. What is left on the token must agree, and the next enrollment must work or say why not.
-#include <gtest/gtest.h>
-#include <unistd.h>
-
 #include <algorithm>
 #include <cstdio>
 #include <cstring>
 #include <functional>
-#include <string>
-#include <vector>
 
-#include "kelmtrova/token.h"
-#include "platform/simulator.h"
 #include "tests/robustness/device_manager.h"
+#include "tests/support/simulated.h"
 
 namespace {
 
@@ -22,80 +16,22 @@ constexpr std::uint8_t kOther = 1;  // enrolled before; no operation may touch i
 constexpr std::uint16_t kPowerLost = 0x6F00;
 constexpr std::uint16_t kStatuses[] = {0x6982, 0x6A10, 0x6A82, 0x6F00, 0xFFFF, 0x6110};
 
-using Entries = std::vector<TemplateIndexEntry>;
-
-// One token in a store of its own, so that the power can be cut and the token opened again.
-class Token {
+class Token : public kelm::test::SimulatedToken {
  public:
-  // In memory where there is such a folder: thousands of stores are made.
-  Token()
-      : store_((access("/dev/shm", W_OK) == 0 ? "/dev/shm/" : testing::TempDir()) + "kelmtrova-failing-" +
-               std::to_string(getpid()) + ".db") {
-    removeStore();
-    const SimulatorPersonalisation personalisation{kSlots, 0, 2, nullptr};
-    EXPECT_EQ(simulatorCreate(store_.c_str(), &personalisation), 0) << simulatorError();
-    open();
-  }
-  ~Token() {
-    simulatorClose(connection.hDevice);
-    removeStore();
-  }
-
-  void reopen() {
-    simulatorClose(connection.hDevice);
-    open();
-  }
-
-  void present(const char *finger) const {
-    simulatorPlaceFinger(connection.hDevice, finger, std::strlen(finger));
-    ASSERT_EQ(KelmTrovaCaptureImage(&connection), 0U);
-    ASSERT_EQ(KelmTrovaFeatureExtract(&connection, 1), 0U);
-  }
-
-  std::uint64_t enroll(std::uint8_t slot) const {
-    const TemplateIndexEntry record{0, 0x77, 0, {'u', 's', 'e', 'r'}};
-    return KelmTrovaFeatureEnroll(&connection, slot, &record);
-  }
+  Token() : SimulatedToken({kSlots, 0, 2, nullptr}) {}
 
   void fault(SimulatorFaultKind kind, std::uint32_t exchange, std::uint16_t status) const {
     const SimulatorFault fault{kind, exchange, status, 0};
     simulatorSetFault(connection.hDevice, &fault);
   }
-
-  Entries entries() const {
-    Entries index(kSlots);
-    EXPECT_EQ(simulatorReadFile(connection.hDevice, 0x0520, reinterpret_cast<std::uint8_t *>(index.data()),
-                                index.size() * sizeof(TemplateIndexEntry)),
-              static_cast<int>(index.size() * sizeof(TemplateIndexEntry)));
-    return index;
-  }
-
   // Template files that no entry names.
-  int orphans() const {
-    std::uint16_t fids[64];
-    const int count = simulatorListFiles(connection.hDevice, fids, std::size(fids));
-    const Entries index = entries();
-    int lost = 0;
-    for (int i = 0; i < count; ++i) {
-      const bool own = fids[i] == 0x0020 || fids[i] == 0x0040 || fids[i] == 0x0520 || fids[i] == 0x3F00;
-      const bool named =
-          std::any_of(index.begin(), index.end(), [&](const auto &entry) { return Exchange(entry.fid) == fids[i]; });
-      lost += own || named ? 0 : 1;
+  std::size_t orphans() const {
+    std::set<std::uint16_t> files = templateFiles();
+    for (const TemplateIndexEntry &entry : entries()) {
+      files.erase(Exchange(entry.fid));
     }
-    return lost;
+    return files.size();
   }
-
-  SCardConnection connection{};
-
- private:
-  void open() { connection = {3, {}, simulatorOpen(store_.c_str()), 1}; }
-  void removeStore() const {
-    for (const char *suffix : {"", "-wal", "-shm", "-journal"}) {
-      unlink((store_ + suffix).c_str());
-    }
-  }
-
-  std::string store_;
 };
 
 // What an operation answers when one of its exchanges fails; 0 means that the status decides.
@@ -179,15 +115,16 @@ std::uint64_t statedResult(const Operation &operation, std::size_t exchange, std
 }
 
 // The state of the token after a fault, and whether it can go on; `cut` when the power was lost inside.
-void expectWhole(Token &token, const Entries &before, std::uint64_t result, bool cut, const std::string &where) {
+void expectWhole(Token &token, const kelm::test::Entries &before, std::uint64_t result, bool cut,
+                 const std::string &where) {
   SCOPED_TRACE(where);
-  const Entries after = token.entries();
+  const kelm::test::Entries after = token.entries();
   for (std::size_t i = 0; i < kSlots; ++i) {
     EXPECT_TRUE(i + 1 == kSlot || std::memcmp(&before[i], &after[i], sizeof(after[i])) == 0) << "slot " << i + 1;
   }
-  const int orphans = token.orphans();
+  const std::size_t orphans = token.orphans();
   // After a power cut the library cannot take back a file that it had just created.
-  EXPECT_LE(orphans, cut || result == 0x80000102 ? 1 : 0);
+  EXPECT_LE(orphans, cut || result == 0x80000102 ? 1U : 0U);
   token.present("third");
   std::uint64_t next = token.enroll(kSlot);
   if (next == 0x80006A82) {  // the entry named a file that was gone: it has been created again
@@ -214,7 +151,7 @@ class FailingExchanges : public testing::Test {
     token.present("other");
     ASSERT_EQ(token.enroll(kOther), 0U);
     operation.prepare(token);
-    const Entries before = token.entries();
+    const kelm::test::Entries before = token.entries();
     inject(token);
     const std::uint64_t result = operation.call(token);
     kelm::test::failTransport(0, 0);

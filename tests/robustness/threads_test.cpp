@@ -7,62 +7,53 @@
 #include <thread>
 #include <vector>
 
-#include "kelmtrova/image.h"
-#include "kelmtrova/token.h"
-#include "platform/simulator.h"
+#include "tests/support/fields.h"
+#include "tests/support/simulated.h"
 
 namespace {
 
 constexpr std::int16_t kHeight = 120;
 constexpr std::int16_t kWidth = 96;
 
-std::vector<std::uint8_t> picture(std::uint32_t seed) {
-  std::vector<std::uint8_t> pixels(std::size_t{kHeight} * kWidth);
-  for (std::size_t i = 0; i < pixels.size(); ++i) {
-    seed = seed * 1664525U + 1013904223U;
-    const std::size_t ridge = (i % kWidth + 2 * (i / kWidth)) % 9 < 5 ? 190 : 60;
-    pixels[i] = static_cast<std::uint8_t>(ridge + (seed >> 27));
-  }
-  return pixels;
+std::vector<std::uint8_t> ridges(std::uint32_t seed) {
+  kelm::test::Random random(seed);
+  return kelm::test::picture(kHeight, kWidth,
+                             [&](int x, int y) { return random(32) + ((x + 2 * y) % 9 < 5 ? 190 : 60); });
 }
 
-void append(std::string &log, void *block, std::size_t bytes) {
-  log.append(static_cast<const char *>(block), bytes);
-  std::free(block);
+void append(std::string &log, const auto *samples, std::size_t count) {
+  log.append(reinterpret_cast<const char *>(samples), count * sizeof(*samples));
 }
 
 // The results of the toolkit's main stages on one picture, one after the other.
 std::string analyse(std::uint32_t seed) {
-  const auto source = picture(seed);
+  const auto source = ridges(seed);
   std::string log;
   auto work = source;
   ImageNormalize(work.data(), kHeight, kWidth, 128, 2000);
   log.append(work.begin(), work.end());
   std::vector<std::int32_t> wide(source.begin(), source.end());
   fvs_ImageMeanInt2Int(wide.data(), wide.data(), kHeight, kWidth, 9, 7);
-  log.append(reinterpret_cast<const char *>(wide.data()), wide.size() * sizeof(wide[0]));
+  append(log, wide.data(), wide.size());
   work = source;
   log += std::to_string(FpThresholdingGradsImage(work.data(), kHeight, kWidth));
   RemoveSmallArea(work.data(), kHeight, kWidth, 255, 0, 20);
   log.append(work.begin(), work.end());
-  std::int32_t *products = nullptr;
-  std::int32_t *differences = nullptr;
-  FingerprintBlockField fine{};
-  FingerprintBlockField change{};
-  FingerprintBlockField coarse{};
-  FingerprintGetDirectionFloat(source.data(), kHeight, kWidth, 2 * kHeight, 2 * kWidth, 9, 0, &products, &differences,
-                               &fine, &change, &coarse);
-  std::uint8_t *period = nullptr;
-  FpGetFrequency(source.data(), kHeight, kWidth, &fine, &period);
-  append(log, period, std::size_t{kHeight / 4} * (kWidth / 4));
-  append(log, products, source.size() * sizeof(*products));
-  append(log, differences, source.size() * sizeof(*differences));
-  for (auto *field : {&fine, &change, &coarse}) {
-    append(log, field->data, std::size_t{field->rows} * field->cols * sizeof(*field->data));
+  kelm::test::DirectionFields fields;
+  fields.compute(source.data(), {kHeight, kWidth, 2 * kHeight, 2 * kWidth, 9});
+  append(log, fields.products, source.size());
+  append(log, fields.differences, source.size());
+  for (const auto *field : {&fields.direction8, &fields.orientGrad, &fields.direction16}) {
+    append(log, field->data, std::size_t{field->rows} * field->cols);
   }
+  std::uint8_t *period = nullptr;
+  FpGetFrequency(source.data(), kHeight, kWidth, &fields.direction8, &period);
+  append(log, period, std::size_t{kHeight / 4} * (kWidth / 4));
+  std::free(period);
   BlockQualityMap map{};
   ImageBlkQuality(&map, source.data(), kHeight, kWidth, 0);
   append(log, map.grades, std::size_t{map.rows} * map.cols);
+  std::free(map.grades);
   log += std::to_string(NotContinue(source.data(), kHeight, kWidth, 200));
   return log;
 }
@@ -91,22 +82,16 @@ TEST(Threads, ToolkitGivesTheSameOnEight) {
 
 // Enrolls, matches and deletes on a token of its own; the count of calls that went as they should.
 void useToken(int number, int *right) {
-  const SimulatorPersonalisation personalisation{5, 0, 0, nullptr};
-  const SCardConnection connection{3, {}, simulatorOpenInMemory(&personalisation), 1};
-  const std::string finger = "finger " + std::to_string(number);
-  simulatorPlaceFinger(connection.hDevice, finger.data(), finger.size());
+  const kelm::test::SimulatedToken token({5, 0, 0, nullptr});
   for (std::uint8_t round = 0; round < 50; ++round) {
     const auto slot = static_cast<std::uint8_t>(1 + round % 5);
-    const TemplateIndexEntry record{0, round, 0, {}};
     std::uint8_t matched = 0;
     std::uint8_t tries = 0;
-    KelmTrovaCaptureImage(&connection);
-    KelmTrovaFeatureExtract(&connection, 1);
-    *right += KelmTrovaFeatureEnroll(&connection, slot, &record) == 0 ? 1 : 0;
-    *right += KelmTrovaFeatureIdentify(&connection, 0, &matched, &tries) == 0 && matched == slot ? 1 : 0;
-    *right += KelmTrovaDeleteFingerPrint(&connection, slot) == 0 ? 1 : 0;
+    token.present("finger " + std::to_string(number));
+    *right += token.enroll(slot) == 0 ? 1 : 0;
+    *right += KelmTrovaFeatureIdentify(&token.connection, 0, &matched, &tries) == 0 && matched == slot ? 1 : 0;
+    *right += KelmTrovaDeleteFingerPrint(&token.connection, slot) == 0 ? 1 : 0;
   }
-  simulatorClose(connection.hDevice);
 }
 
 TEST(Threads, TwoConnections) {

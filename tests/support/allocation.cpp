@@ -46,6 +46,8 @@ void *taken(void *block) {
 
 }  // namespace
 
+#pragma GCC visibility push(default)  // seen by the library
+
 extern "C" {
 
 void *malloc(std::size_t size) noexcept { return refuse() ? nullptr : taken(REAL(malloc)(size)); }
@@ -68,6 +70,8 @@ void free(void *block) noexcept {
   REAL(free)(block);
 }
 }
+
+#pragma GCC visibility pop
 
 namespace kelm::test {
 

@@ -223,6 +223,11 @@ TEST(Enrollment, SlotsRecordsAndLocks) {
   EXPECT_EQ(device.log.back(), "unlock 0");
   EXPECT_EQ(sent().back(), "00 E4 00 00 02 00 A0");
   EXPECT_EQ(token.files.size(), 2U);
+  EXPECT_EQ(enroll(), 0U);
+  hooks = {};
+  hooks.lockFails = 3;
+  EXPECT_EQ(enroll(), 0x80009909);
+  EXPECT_EQ(token.files.size(), 3U) << "the file was not made by this call";
 }
 
 // The slot count is asked for twice; a token that answers differently is not believed.

@@ -6,7 +6,7 @@
 #include <sstream>
 #include <vector>
 
-#include "tests/tools/image_program.h"
+#include "tests/tools/program.h"
 
 namespace {
 
@@ -31,20 +31,20 @@ std::vector<Sample> samplesOf(const std::string &bytes) {
   return samples;
 }
 
-TEST_F(ImageProgram, SameSeedSameBytes) {
-  succeed("synth --class whorl --seed 7 --size 120x160 --noise 40 -o a.pgm");
+TEST_F(Program, SameSeedSameBytes) {
+  succeed("image synth --class whorl --seed 7 --size 120x160 --noise 40 -o a.pgm");
   EXPECT_EQ(fnv(read("a.pgm")), 0x77e55f8b6348139eu);
-  succeed("synth --class arch --seed 7 --size 120x160 --noise 40 -o b.pgm");
+  succeed("image synth --class arch --seed 7 --size 120x160 --noise 40 -o b.pgm");
   EXPECT_EQ(fnv(read("b.pgm")), 0x4982276fd9500992u);
 }
 
 // The truth is in blocks of 8 pixels; periods come for cells of 4, upright and in pixels.
-TEST_F(ImageProgram, ToolkitFindsTheTruthOfSyntheticPrints) {
+TEST_F(Program, ToolkitFindsTheTruthOfSyntheticPrints) {
   for (const char *printClass : {"arch", "tented-arch", "left-loop", "right-loop", "whorl"}) {
     SCOPED_TRACE(printClass);
-    succeed(std::string("synth --size 420x556 --truth t.json -o p.png --class ") + printClass);
+    succeed(std::string("image synth --size 420x556 --truth t.json -o p.png --class ") + printClass);
     for (const char *step : {"orientation", "frequency", "segment"})
-      succeed(std::string(step) + " p.png -o " + step + ".npy");
+      succeed(std::string("image ") + step + " p.png -o " + step + ".npy");
     const json truth = json::parse(read("t.json"));
     const auto directions = samplesOf<int16_t>(raw("orientation.npy"));
     const auto periods = samplesOf<float>(raw("frequency.npy"));
@@ -78,9 +78,9 @@ TEST_F(ImageProgram, ToolkitFindsTheTruthOfSyntheticPrints) {
   }
 }
 
-TEST_F(ImageProgram, AnalysesPrintsOfBothResolutions) {
-  succeed("synth --class left-loop --seed 3 -o p.png");
-  const Outcome full = run("analyze p.png --json -o sheet.png");
+TEST_F(Program, AnalysesPrintsOfBothResolutions) {
+  succeed("image synth --class left-loop --seed 3 -o p.png");
+  const Outcome full = run("image analyze p.png --json -o sheet.png");
   ASSERT_EQ(full.exitCode, 0) << full.err;
   EXPECT_EQ(read("sheet.png").substr(1, 3), "PNG");
   const json numbers = json::parse(full.out);
@@ -90,18 +90,18 @@ TEST_F(ImageProgram, AnalysesPrintsOfBothResolutions) {
   EXPECT_EQ(numbers["continuous"], true);
   EXPECT_GT(numbers["quality"], 150);
 
-  succeed("reduce p.png -o half.png");
-  const json half = json::parse(run("analyze half.png --json").out);
+  succeed("image reduce p.png -o half.png");
+  const json half = json::parse(run("image analyze half.png --json").out);
   EXPECT_EQ(half["scale"], 2);
   EXPECT_NEAR(half["period"], numbers["period"].get<double>() / 2, 0.5);
   EXPECT_NEAR(half["foreground"], numbers["foreground"], 0.05);
 
-  EXPECT_EQ(run("analyze p.png").exitCode, 2);
-  EXPECT_EQ(run("analyze p.png -o report.pdf").exitCode, 2);
+  EXPECT_EQ(run("image analyze p.png").exitCode, 2);
+  EXPECT_EQ(run("image analyze p.png -o report.pdf").exitCode, 2);
 }
 
-TEST_F(ImageProgram, SingleStepsWriteWhatTheyName) {
-  succeed("synth --class arch --size 100x130 -o p.png");
+TEST_F(Program, SingleStepsWriteWhatTheyName) {
+  succeed("image synth --class arch --size 100x130 -o p.png");
   const struct {
     const char *step;
     const char *shape;
@@ -117,21 +117,21 @@ TEST_F(ImageProgram, SingleStepsWriteWhatTheyName) {
   };
   for (const auto &test : cases) {
     SCOPED_TRACE(test.step);
-    succeed(std::string(test.step) + " p.png -o o.npy");
+    succeed(std::string("image ") + test.step + " p.png -o o.npy");
     EXPECT_NE(read("o.npy").find(test.shape), std::string::npos) << read("o.npy").substr(0, 128);
     EXPECT_EQ(read("o.npy").size() % 2, 0u);
-    succeed(std::string(test.step) + " p.png -o o.png");
-    EXPECT_EQ(run("reduce o.png -o reread.npy").exitCode, 0);
+    succeed(std::string("image ") + test.step + " p.png -o o.png");
+    EXPECT_EQ(run("image reduce o.png -o reread.npy").exitCode, 0);
   }
 }
 
-TEST_F(ImageProgram, BatchKeepsTheOrderAndSurvivesBrokenFiles) {
+TEST_F(Program, BatchKeepsTheOrderAndSurvivesBrokenFiles) {
   std::filesystem::create_directories(folder / "prints/deep");
-  succeed("synth --class whorl --size 200x260 -o prints/b.png");
-  succeed("synth --class arch --size 96x96 -o prints/deep/a.pgm");
+  succeed("image synth --class whorl --size 200x260 -o prints/b.png");
+  succeed("image synth --class arch --size 96x96 -o prints/deep/a.pgm");
   write("prints/a broken.png", "PNG?");
   write("prints/notes.txt", "left out");
-  const Outcome one = run("quality prints missing.pgm prints/b.png");
+  const Outcome one = run("image quality prints missing.pgm prints/b.png");
   EXPECT_EQ(one.exitCode, 2);
   EXPECT_EQ(one.err, "");
   std::istringstream lines(one.out);
@@ -149,11 +149,9 @@ TEST_F(ImageProgram, BatchKeepsTheOrderAndSurvivesBrokenFiles) {
     EXPECT_EQ(record["quality"].is_number(), !broken) << line;
   }
   EXPECT_FALSE(std::getline(lines, line));
-  EXPECT_EQ(run("quality --jobs 4 prints missing.pgm prints/b.png").out, one.out);
-  EXPECT_EQ(
-      shell("printf 'prints\\nmissing.pgm\\nprints/b.png\\n' | " KELM_BUILD_DIR "/bin/kelmtrova image quality -").out,
-      one.out);
-  const std::string csv = run("quality --csv 'prints/a broken.png' prints/b.png").out;
+  EXPECT_EQ(run("image quality --jobs 4 prints missing.pgm prints/b.png").out, one.out);
+  EXPECT_EQ(shell("printf 'prints\\nmissing.pgm\\nprints/b.png\\n' | kelmtrova image quality -").out, one.out);
+  const std::string csv = run("image quality --csv 'prints/a broken.png' prints/b.png").out;
   EXPECT_EQ(csv.rfind("path,width,height,quality,foreground,period,continuity,error\n"
                       "\"prints/a broken.png\",,,,,,,\"neither a PNG nor a PGM (P2 or P5) picture\"\n"
                       "\"prints/b.png\",200,260,",
@@ -163,9 +161,9 @@ TEST_F(ImageProgram, BatchKeepsTheOrderAndSurvivesBrokenFiles) {
 }
 
 // The page's script counts the pictures that the browser could show, and says which overlay lies over the print.
-TEST_F(ImageProgram, PageWorksInABrowser) {
-  succeed("synth --class whorl --size 200x260 -o 'a<b>.png'");
-  succeed("analyze 'a<b>.png' -o report.html");
+TEST_F(Program, PageWorksInABrowser) {
+  succeed("image synth --class whorl --size 200x260 -o 'a<b>.png'");
+  succeed("image analyze 'a<b>.png' -o report.html");
   const std::string page = read("report.html");
   EXPECT_EQ(page.find("://"), std::string::npos) << "something would be fetched";
   EXPECT_NE(page.find("<title>a&lt;b&gt;.png</title>"), std::string::npos);

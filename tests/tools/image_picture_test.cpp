@@ -1,5 +1,5 @@
 // Pictures in every form, sound and broken, and the raw numbers that come out.
-#include "tests/tools/image_program.h"
+#include "tests/tools/program.h"
 
 namespace {
 
@@ -19,7 +19,7 @@ struct PictureCase {
   std::string samples;  // three of them in one row
 };
 
-TEST_F(ImageProgram, ReadsEveryKindOfPicture) {
+TEST_F(Program, ReadsEveryKindOfPicture) {
   using namespace std::string_literals;
   const std::string steps = "\x00\x80\xff"s;
   const PictureCase cases[] = {
@@ -62,7 +62,7 @@ TEST_F(ImageProgram, ReadsEveryKindOfPicture) {
   for (const PictureCase &test : cases) {
     SCOPED_TRACE(test.name);
     write("in", test.bytes);
-    succeed("enlarge in -o out.npy");
+    succeed("image enlarge in -o out.npy");
     std::string twice;
     for (const char sample : test.samples) twice += std::string(2, sample);
     EXPECT_EQ(raw("out.npy"), twice + twice);
@@ -72,7 +72,7 @@ TEST_F(ImageProgram, ReadsEveryKindOfPicture) {
                 std::string(58, ' ') + "\n");
 }
 
-TEST_F(ImageProgram, RefusesBrokenPicturesInOneLine) {
+TEST_F(Program, RefusesBrokenPicturesInOneLine) {
   using namespace std::string_literals;
   std::string flipped = kGreyPng;
   flipped[45] ^= 1;
@@ -109,15 +109,15 @@ TEST_F(ImageProgram, RefusesBrokenPicturesInOneLine) {
   };
   for (const auto &test : cases) {
     write("bad.png", test.bytes);
-    const Outcome outcome = run("segment bad.png -o out.png");
+    const Outcome outcome = run("image segment bad.png -o out.png");
     EXPECT_EQ(outcome.exitCode, 2) << test.message;
     EXPECT_EQ(outcome.err.rfind("kelmtrova: bad.png: ", 0), 0u) << outcome.err;
     EXPECT_EQ(outcome.err.find('\n'), outcome.err.size() - 1) << outcome.err;
     EXPECT_NE(outcome.err.find(test.message), std::string::npos) << outcome.err << test.message;
     EXPECT_FALSE(std::filesystem::exists(folder / "out.png"));
   }
-  EXPECT_EQ(run("reduce . -o out.png").err, "kelmtrova: .: Is a directory\n");
-  EXPECT_EQ(run("reduce missing.png -o out.png").err, "kelmtrova: missing.png: No such file or directory\n");
+  EXPECT_EQ(run("image reduce . -o out.png").err, "kelmtrova: .: Is a directory\n");
+  EXPECT_EQ(run("image reduce missing.png -o out.png").err, "kelmtrova: missing.png: No such file or directory\n");
 }
 
 }  // namespace

@@ -107,6 +107,7 @@ TEST(BlockQuality, HeaderPartialBlocksAndRefusals) {
   EXPECT_EQ(ImageBlkQuality(&map, flat.data(), 64, -1, 0), 2U);
   EXPECT_EQ(ImageBlkQualityEx(&map, flat.data(), 16, 16, 0, grads), 2U);
   EXPECT_EQ(ImageBlkQualityEx(&map, flat.data(), 16, 16, 0, nullptr), 2U);
+  EXPECT_EQ(ImageBlkQualityEx(&map, nullptr, 16, 16, 0, grads), 2U);
   EXPECT_EQ(map.rows, 3);
   EXPECT_EQ(map.grades, &mark);
 }

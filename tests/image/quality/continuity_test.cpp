@@ -131,7 +131,7 @@ TEST(NotContinue, WorkedExamples) {
   }
   EXPECT_EQ(NotContinue(nullptr, 10, 10, 0), 0);
   const std::uint8_t sample = 255;
-  EXPECT_EQ(NotContinue(&sample, 0, 10, 0), 0);
+  EXPECT_EQ(NotContinue(&sample, 0, 10, 0) + NotContinue(&sample, 10, 0, 0), 0);
   EXPECT_EQ(NotContinue(&sample, INT_MIN, INT_MIN, 0), 0);
 }
 
@@ -156,6 +156,7 @@ TEST(Project, EqualsPlainSumsAndWritesNothingElse) {
   const std::uint8_t sample = 3;
   Project(&sum, nullptr, 1, 1, 0);
   Project(&sum, &sample, 0, 1, 1);
+  Project(&sum, &sample, 1, 0, 0);
   Project(nullptr, &sample, 1, 1, 0);
   EXPECT_EQ(sum, -1);
 }

@@ -2,9 +2,8 @@
 #include <array>
 #include <cmath>
 
-#include "kelmtrova/image.h"
 #include "tests/support/allocation.h"
-#include "tests/support/samples.h"
+#include "tests/support/fields.h"
 
 namespace {
 
@@ -13,41 +12,18 @@ using Ints = std::vector<std::int32_t>;
 using Floats = std::vector<float>;
 using Shorts = std::vector<std::int16_t>;
 
-struct Shape {
-  int height, width, fullHeight, fullWidth, window;
-};
-
 struct Fields {
   Ints products, differences;
   Shorts direction8, orientGrad, direction16;
   bool operator==(const Fields &) const = default;
 };
 
-// The arguments of one call and what it leaves in them.
-struct Call {
-  std::int32_t *products = nullptr;
-  std::int32_t *differences = nullptr;
-  FingerprintBlockField direction8 = {}, orientGrad = {}, direction16 = {};
-
-  std::int32_t run(const std::uint8_t *image, const Shape &s) {
-    return call(FingerprintGetDirectionFloat, image, s.height, s.width, s.fullHeight, s.fullWidth, s.window, 77,
-                &products, &differences, &direction8, &orientGrad, &direction16);
-  }
-  ~Call() {
-    for (void *block :
-         {static_cast<void *>(products), static_cast<void *>(differences), static_cast<void *>(direction8.data),
-          static_cast<void *>(orientGrad.data), static_cast<void *>(direction16.data)}) {
-      std::free(block);
-    }
-  }
-};
-
 Shorts samplesOf(const FingerprintBlockField &f) { return Shorts(f.data, f.data + f.rows * f.cols); }
 
 Fields fieldsOf(const Bytes &image, const Shape &s) {
   const Guarded<std::uint8_t> pixels(image);
-  Call c;
-  EXPECT_EQ(c.run(pixels.data(), s), 0);
+  DirectionFields c;
+  EXPECT_EQ(c.compute(pixels.data(), s), 0);
   const int n = s.height * s.width;
   const std::array<int, 9> heads = {c.direction8.blockSize,  c.direction8.rows,  c.direction8.cols,
                                     c.orientGrad.blockSize,  c.orientGrad.rows,  c.orientGrad.cols,
@@ -160,15 +136,15 @@ TEST(Orientation, RefusesWhatDoesNotFitTheGrid) {
                        {16, 16, 16, 32, 3}, {16, 16, 49, 32, 3}, {16, 16, 32, 16, 3},      {16, 16, 32, 49, 3},
                        {16, 16, 0, 32, 3},  {16, 16, 32, 0, 3},  {16, 32768, 32, 65535, 3}};
   for (const Shape &s : bad) {
-    Call arguments;
+    DirectionFields arguments;
     arguments.direction8.blockSize = 3;
-    EXPECT_EQ(arguments.run(image.data(), s), 2)
+    EXPECT_EQ(arguments.compute(image.data(), s), 2)
         << s.height << ' ' << s.width << ' ' << s.fullHeight << ' ' << s.fullWidth;
     EXPECT_EQ(arguments.direction8.blockSize, 3);
     EXPECT_EQ(arguments.products, nullptr);
   }
-  Call arguments;
-  EXPECT_EQ(arguments.run(nullptr, {16, 16, 32, 32, 3}), 2);
+  DirectionFields arguments;
+  EXPECT_EQ(arguments.compute(nullptr, {16, 16, 32, 32, 3}), 2);
   for (int missing = 0; missing < 5; ++missing) {
     const auto unless = [&](int output, auto *given) { return output == missing ? nullptr : given; };
     EXPECT_EQ(FingerprintGetDirectionFloat(image.data(), 16, 16, 32, 32, 3, 0, unless(0, &arguments.products),

@@ -2,9 +2,8 @@
 #include <cmath>
 #include <numeric>
 
-#include "kelmtrova/image.h"
+#include "tests/support/fields.h"
 #include "tests/support/ridges.h"
-#include "tests/support/samples.h"
 
 namespace {
 
@@ -13,22 +12,10 @@ using kelm::test::call;
 using kelm::test::Owned;
 using kelm::test::RidgePicture;
 
-struct Fields {
-  FingerprintBlockField direction8 = {}, orientGrad = {};
-  Owned<std::int16_t> directions, changes;
-
-  // From a picture at half the resolution.
+// From a picture at half the resolution.
+struct Fields : kelm::test::DirectionFields {
   explicit Fields(const RidgePicture &half) {
-    std::int32_t *products = nullptr;
-    std::int32_t *differences = nullptr;
-    FingerprintBlockField direction16 = {};
-    EXPECT_EQ(call(FingerprintGetDirectionFloat, half.pixels.data(), half.height, half.width, 2 * half.height,
-                   2 * half.width, 9, 0, &products, &differences, &direction8, &orientGrad, &direction16),
-              0);
-    directions.reset(direction8.data);
-    changes.reset(orientGrad.data);
-    const Owned<std::int32_t> sums[] = {Owned<std::int32_t>(products), Owned<std::int32_t>(differences)};
-    const Owned<std::int16_t> coarse(direction16.data);
+    EXPECT_EQ(compute(half.pixels.data(), {half.height, half.width, 2 * half.height, 2 * half.width, 9}), 0);
   }
 };
 

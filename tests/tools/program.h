@@ -1,5 +1,6 @@
-// `kelmtrova image` from outside, in a folder of its own.
-#pragma once
+// The program from outside, in a folder of its own.
+#ifndef KELMTROVA_TESTS_TOOLS_PROGRAM_H
+#define KELMTROVA_TESTS_TOOLS_PROGRAM_H
 
 #include <gtest/gtest.h>
 #include <sys/wait.h>
@@ -15,21 +16,25 @@ struct Outcome {
   std::string out, err;
 };
 
-class ImageProgram : public ::testing::Test {
+class Program : public testing::Test {
  protected:
   void SetUp() override {
-    std::string pattern = (std::filesystem::temp_directory_path() / "kelmtrova-image-XXXXXX").string();
+    std::string pattern = (std::filesystem::temp_directory_path() / "kelmtrova-test-XXXXXX").string();
     ASSERT_NE(mkdtemp(pattern.data()), nullptr);
     folder = pattern;
   }
   void TearDown() override { std::filesystem::remove_all(folder); }
 
-  Outcome shell(const std::string &line) {
-    const std::string command = "cd '" + folder.string() + "' && { " + line + "; } >out 2>err";
+  Outcome shell(const std::string &line, const std::string &input = "") {
+    write(".input", input);
+    const std::string command = "cd '" + folder.string() +
+                                "' && export XDG_DATA_HOME=\"$PWD\" PATH='" KELM_BUILD_DIR "/bin':\"$PATH\" && { " +
+                                line + "; } <.input >out 2>err";
     const int status = std::system(command.c_str());
     return {WIFEXITED(status) ? WEXITSTATUS(status) : -1, read("out"), read("err")};
   }
-  Outcome run(const std::string &words) { return shell(KELM_BUILD_DIR "/bin/kelmtrova image " + words); }
+  // Runs "kelmtrova WORDS", the words as a shell takes them.
+  Outcome run(const std::string &words, const std::string &input = "") { return shell("kelmtrova " + words, input); }
   void succeed(const std::string &words) {
     const Outcome outcome = run(words);
     ASSERT_EQ(outcome.exitCode, 0) << words << '\n' << outcome.err;
@@ -49,3 +54,5 @@ class ImageProgram : public ::testing::Test {
 
   std::filesystem::path folder;
 };
+
+#endif
