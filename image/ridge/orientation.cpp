@@ -1,11 +1,13 @@
 // Ridge directions from grey-level gradients: the doubled angle of the gradient's products, averaged over neighbouring
 // blocks as a vector (M. Kass and A. Witkin, "Analyzing oriented patterns", 1987).
+#include <algorithm>
 #include <cmath>
 #include <cstddef>
 #include <cstdint>
 #include <cstdlib>
 
 #include "image/filters/local_sums.h"
+#include "image/ridge/angles.h"
 #include "image/ridge/gradient_products.h"
 #include "image/support/memory.h"
 #include "kelmtrova/image.h"
@@ -13,7 +15,7 @@
 namespace kelm::image {
 namespace {
 
-constexpr double kDegreesPerRadian = 57.295779513;  // these digits are part of the results
+constexpr int kBlocksTogether = 64;
 
 struct Grid {
   int rows, cols;
@@ -33,45 +35,39 @@ struct Fields {
   Block<std::int16_t> direction16;
 };
 
-std::int16_t halfAngle(double doubledAngle) {
-  return static_cast<std::int16_t>(doubledAngle * kDegreesPerRadian / 2.0);
-}
-
 // Averages doubled angles (radians) as vectors over a box and writes directions in degrees.
 std::int32_t smoothDirection(const float *angles, std::int16_t *directions, std::uint8_t window, const Grid &grid) {
   const std::size_t n = grid.count();
-  const Block<float> part = allocateZeroed<float>(n);
   const Block<float> cosines = allocate<float>(n);
   const Block<float> sines = allocate<float>(n);
-  if (!part || !cosines || !sines) {
+  if (!cosines || !sines) {
     return 1;
   }
-  for (std::size_t i = 0; i < n; ++i) {
-    part[i] = static_cast<float>(std::cos(static_cast<double>(angles[i])));
-  }
-  if (imageLocalSum(cosines.get(), part.get(), grid.rows, grid.cols, window, window) != 0) {
+  cosinesAndSines(cosines.get(), sines.get(), angles, n);
+  if (imageLocalSum(cosines.get(), cosines.get(), grid.rows, grid.cols, window, window) != 0 ||
+      imageLocalSum(sines.get(), sines.get(), grid.rows, grid.cols, window, window) != 0) {
     return 1;
   }
-  for (std::size_t i = 0; i < n; ++i) {
-    part[i] = static_cast<float>(std::sin(static_cast<double>(angles[i])));
-  }
-  if (imageLocalSum(sines.get(), part.get(), grid.rows, grid.cols, window, window) != 0) {
-    return 1;
-  }
-  for (std::size_t i = 0; i < n; ++i) {
-    directions[i] = halfAngle(std::atan2(static_cast<double>(sines[i]), static_cast<double>(cosines[i])));
-  }
+  halfPointAngles(directions, sines.get(), cosines.get(), n);
   return 0;
 }
 
 // The doubled angle at the centre of every block of `step` samples, into rows of `stride` angles.
 void blockAngles(float *angles, std::size_t stride, const Products &sums, const Grid &image, int step) {
+  std::int32_t products[kBlocksTogether];
+  std::int32_t differences[kBlocksTogether];
+  const int cols = image.cols / step;
   for (int b = 0; b < image.rows / step; ++b) {
     const std::size_t row = static_cast<std::size_t>(b * step + step / 2) * static_cast<std::size_t>(image.cols);
-    for (int k = 0; k < image.cols / step; ++k) {
-      const std::size_t centre = row + static_cast<std::size_t>(k * step + step / 2);
-      angles[static_cast<std::size_t>(b) * stride + static_cast<std::size_t>(k)] = static_cast<float>(
-          std::atan2(static_cast<double>(sums.products[centre]), static_cast<double>(sums.differences[centre])));
+    for (int first = 0; first < cols; first += kBlocksTogether) {
+      const int count = std::min(cols - first, kBlocksTogether);
+      for (int k = 0; k < count; ++k) {
+        const std::size_t centre = row + static_cast<std::size_t>((first + k) * step + step / 2);
+        products[k] = sums.products[centre];
+        differences[k] = sums.differences[centre];
+      }
+      pointAngles(angles + static_cast<std::size_t>(b) * stride + static_cast<std::size_t>(first), products,
+                  differences, static_cast<std::size_t>(count));
     }
   }
 }
@@ -144,9 +140,7 @@ std::int32_t makeFields8(Fields *fields, const Grid &image) {
     return 1;
   }
   blockAngles(angles.get(), static_cast<std::size_t>(grid.cols), fields->sums, image, 4);
-  for (std::size_t i = 0; i < n; ++i) {
-    unsmoothed[i] = halfAngle(static_cast<double>(angles[i]));
-  }
+  halfAngles(unsmoothed.get(), angles.get(), n);
   if (smoothDirection(angles.get(), fields->direction8.get(), 5, grid) != 0) {
     return 1;
   }
