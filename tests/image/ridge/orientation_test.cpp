@@ -2,6 +2,7 @@
 #include <array>
 #include <cmath>
 
+#include "image/support/trigonometry.h"
 #include "tests/support/allocation.h"
 #include "tests/support/fields.h"
 
@@ -120,13 +121,37 @@ Fields model(const Bytes &image, const Shape &s) {
 
 TEST(Orientation, EqualsTheModel) {
   Random random(7);
-  const Shape shapes[] = {{8, 8, 16, 16, 9},    {9, 15, 17, 18, 0},    {8, 16, 20, 36, 3},     {24, 31, 48, 50, 4},
-                          {40, 33, 80, 70, 17}, {57, 90, 116, 180, 9}, {64, 48, 128, 100, 255}};
+  const Shape shapes[] = {
+      {8, 8, 16, 16, 9},       {9, 15, 17, 18, 0},       {8, 16, 20, 36, 3},
+      {24, 31, 48, 50, 4},     {40, 33, 80, 70, 17},     {57, 90, 116, 180, 9},
+      {64, 48, 128, 100, 255}, {700, 800, 1400, 1600, 9}};  // angles enough that the rounding of some is in doubt
   for (const Shape &s : shapes) {
     for (const auto &[levels, step] : {std::array{1, 1}, std::array{12, 1}, std::array{2, 255}}) {
       const Bytes image = picture(s.height, s.width, [&, n = levels, by = step](int, int) { return random(n) * by; });
       ASSERT_TRUE(fieldsOf(image, s) == model(image, s)) << s.height << " x " << s.width << " / " << levels;
     }
+  }
+}
+
+// Far more exact than the rounding that is built on them allows for; the signs of zeros included.
+TEST(Orientation, PolynomialsFollowTheCLibrary) {
+  Random random(11);
+  const auto close = [](double value, double expected) {
+    return std::abs(value - expected) <= std::abs(expected) * 0x1p-48 && std::signbit(value) == std::signbit(expected);
+  };
+  const double corners[] = {0.0, -0.0, 1.0, -1.0, 0.41421356237309503, 0x1p-100, -0x1p31};
+  for (const double y : corners) {
+    for (const double x : corners) {
+      EXPECT_PRED2(close, kelm::image::arcTangent(y, x), std::atan2(y, x)) << y << ' ' << x;
+    }
+  }
+  for (int i = 0; i < 200000; ++i) {
+    const double y = (random(65536) - 32768) * std::exp2(random(16));
+    const double x = (random(65536) - 32768) * std::exp2(random(16));
+    ASSERT_PRED2(close, kelm::image::arcTangent(y, x), std::atan2(y, x)) << y << ' ' << x;
+    const double angle = static_cast<double>(static_cast<float>(std::abs(std::atan2(y, x))));
+    ASSERT_PRED2(close, kelm::image::cosineAndSine(angle).cosine, std::cos(angle)) << angle;
+    ASSERT_PRED2(close, kelm::image::cosineAndSine(angle).sine, std::sin(angle)) << angle;
   }
 }
 
