@@ -107,40 +107,37 @@ TEST(SimulatedToken, AssemblesAnImage) {
 }
 
 TEST(SimulatedToken, FaultsComeOnDemand) {
-  struct Case {
+  std::string full = "05 ";
+  for (int byte = 1; byte < 256; ++byte) {
+    full += "A5 ";
+  }
+  // What is answered to a read of the counter's low byte, the write of 9 to it and GET RESPONSE, and the byte
+  // afterwards.
+  const struct {
     SimulatorFault fault;
-    const char *answers[3];
-    const char *counterAfterwards;
+    std::string read, write, response, afterwards;
+  } cases[] = {
+      {{SIMULATOR_FAULT_NONE, 1, 0x6F12, 0}, "05 9000", "9000", "6985", "09"},
+      {{SIMULATOR_FAULT_STATUS, 2, 0x6581, 0}, "05 9000", "6581", "6985", "05"},
+      {{SIMULATOR_FAULT_STATUS_AFTER, 2, 0x6581, 0}, "05 9000", "6581", "6985", "09"},
+      {{SIMULATOR_FAULT_POWER_BEFORE, 2, 0x6F12, 0}, "05 9000", "6F12", "6F12", "05"},
+      {{SIMULATOR_FAULT_POWER_AFTER, 2, 0x6F12, 0}, "05 9000", "6F12", "6F12", "09"},
+      {{SIMULATOR_FAULT_MORE_DATA, 1, 0, 0}, "6101", "9000", "6985", "09"},
+      {{SIMULATOR_FAULT_MORE_DATA, 2, 0, 0}, "05 9000", "6100", "9000", "09"},
+      {{SIMULATOR_FAULT_STATUS, 0, 0xFFFF, 0}, "FFFF", "FFFF", "FFFF", "05"},
+      {{SIMULATOR_FAULT_TOO_MUCH, 1, 0, 5000}, full + "9000", "9000", "6985", "09"},
   };
-  const std::string filler = [] {
-    std::string text = "05 ";
-    for (int byte = 1; byte < 256; ++byte) text += "A5 ";
-    return text + "9000";
-  }();
-  // A read of one byte of the counter, the write of another value, GET RESPONSE.
-  constexpr const char *kCommands[] = {"00 B0 00 01 01", "00 D0 00 01 01 09", "00 C0 00 00 00"};
-  const Case kCases[] = {
-      {{SIMULATOR_FAULT_NONE, 1, 0x6F12, 0}, {"05 9000", "9000", "6985"}, "09 9000"},
-      {{SIMULATOR_FAULT_STATUS, 2, 0x6581, 0}, {"05 9000", "6581", "6985"}, "05 9000"},
-      {{SIMULATOR_FAULT_STATUS_AFTER, 2, 0x6581, 0}, {"05 9000", "6581", "6985"}, "09 9000"},
-      {{SIMULATOR_FAULT_POWER_BEFORE, 2, 0x6F12, 0}, {"05 9000", "6F12", "6F12"}, "05 9000"},
-      {{SIMULATOR_FAULT_POWER_AFTER, 2, 0x6F12, 0}, {"05 9000", "6F12", "6F12"}, "09 9000"},
-      {{SIMULATOR_FAULT_MORE_DATA, 1, 0, 0}, {"6101", "9000", "6985"}, "09 9000"},
-      {{SIMULATOR_FAULT_MORE_DATA, 2, 0, 0}, {"05 9000", "6100", "9000"}, "09 9000"},
-      {{SIMULATOR_FAULT_STATUS, 0, 0xFFFF, 0}, {"FFFF", "FFFF", "FFFF"}, "05 9000"},
-      {{SIMULATOR_FAULT_TOO_MUCH, 1, 0, 5000}, {filler.c_str(), "9000", "6985"}, "09 9000"},
-  };
-  for (const Case &each : kCases) {
-    SCOPED_TRACE(testing::Message() << "kind " << each.fault.kind << " at " << each.fault.exchange);
+  for (const auto &c : cases) {
+    SCOPED_TRACE(testing::Message() << "kind " << c.fault.kind << " at " << c.fault.exchange);
     const Device token;
-    ASSERT_EQ(token("00 A4 00 00 02 00 20"), "9000");
-    ASSERT_EQ(simulatorSetFault(token.number, &each.fault), 0);
-    for (std::size_t at = 0; at < 3; ++at) EXPECT_EQ(token(kCommands[at]), each.answers[at]);
+    converse(token, "00 A4 00 00 02 00 20 = 9000");
+    ASSERT_EQ(simulatorSetFault(token.number, &c.fault), 0);
+    converse(token,
+             "00 B0 00 01 01 = " + c.read + "; 00 D0 00 01 01 09 = " + c.write + "; 00 C0 00 00 00 = " + c.response);
     ASSERT_EQ(simulatorSetFault(token.number, nullptr), 0);
-    const bool powerWasCut = each.answers[2] == std::string_view("6F12");
-    EXPECT_EQ(token("00 B0 00 01 01"), powerWasCut ? "6986" : each.counterAfterwards);
-    ASSERT_EQ(token("00 A4 00 00 02 00 20"), "9000");
-    EXPECT_EQ(token("00 B0 00 01 01"), each.counterAfterwards);
+    const std::string now = c.response == "6F12" ? "6986" : c.afterwards + " 9000";  // the power was cut
+    converse(token,
+             "00 B0 00 01 01 = " + now + "; 00 A4 00 00 02 00 20 = 9000; 00 B0 00 01 01 = " + c.afterwards + " 9000");
     EXPECT_EQ(simulatorExchanges(token.number), 7U);
   }
 }

@@ -1,11 +1,9 @@
 // The program killed at random moments, by two drivers at once on one store: afterwards the store opens, index, counter
 // and files agree, and every slot whose command had answered success is there.
-#include <fcntl.h>
 #include <sys/wait.h>
 
-#include <chrono>
-#include <csignal>
 #include <cstdio>
+#include <cstdlib>
 #include <map>
 #include <random>
 #include <shared_mutex>
@@ -18,37 +16,16 @@ namespace {
 constexpr int kSlots = 40;
 constexpr int kCommandsOfADriver = 500;
 constexpr int kRefused = 3;
-
-// Runs the program; after `patience` microseconds it is killed (0 = never). Its exit code, or -1 when it was killed.
-int run(const std::vector<std::string> &arguments, int patience) {
-  std::vector<char *> argv;
-  for (const auto &argument : arguments) {
-    argv.push_back(const_cast<char *>(argument.c_str()));
-  }
-  argv.push_back(nullptr);
-  const pid_t child = fork();
-  if (child == 0) {
-    const int nothing = open("/dev/null", O_WRONLY);
-    dup2(nothing, 1);
-    dup2(nothing, 2);
-    execv(argv[0], argv.data());
-    _exit(127);
-  }
-  if (patience > 0) {
-    std::this_thread::sleep_for(std::chrono::microseconds(patience));
-    kill(child, SIGKILL);
-  }
-  int status = 0;
-  waitpid(child, &status, 0);
-  return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-}
+constexpr int kKilled = 128 + 9;
 
 // Commands run beside each other, but nothing runs beside a repair.
 std::shared_mutex storeInUse;
 
-int runBeside(const std::vector<std::string> &arguments, int patience) {
-  const std::shared_lock use(storeInUse);
-  return run(arguments, patience);
+// Runs the program; after `patience` microseconds it is killed (0 = never).
+int run(const std::string &words, int patience = 0) {
+  const std::string limit = patience == 0 ? "" : "timeout -s KILL " + std::to_string(patience / 1e6) + " ";
+  return WEXITSTATUS(
+      std::system((limit + KELM_BUILD_DIR "/bin/kelmtrova token " + words + " >/dev/null 2>&1").c_str()));
 }
 
 // What a driver knows of its slots: the finger of a slot whose last command answered success; empty when deleted.
@@ -59,27 +36,29 @@ struct Driver {
   int succeeded = 0;
 
   void work(const std::string &store) {
-    const std::string program = KELM_BUILD_DIR "/bin/kelmtrova";
     std::mt19937 random(static_cast<unsigned>(number));
+    const auto below = [&random](int n) { return static_cast<int>(random() % static_cast<unsigned>(n)); };
     for (int i = 0; i < kCommandsOfADriver; ++i) {
-      const int slot = 1 + number * (kSlots / 2) + static_cast<int>(random() % (kSlots / 2));
+      const int slot = 1 + number * (kSlots / 2) + below(kSlots / 2);
       const std::string finger = "finger-" + std::to_string(number) + "-" + std::to_string(i);
-      const bool enrolls = random() % 3 != 0;
-      std::vector<std::string> arguments{program, "token",  enrolls ? "enroll" : "delete", "--token",
-                                         store,   "--slot", std::to_string(slot)};
-      if (enrolls) {
-        arguments.insert(arguments.end(), {"--finger", finger});
+      const bool enrolls = below(3) != 0;
+      const int patience = below(3) == 0 ? 1 + below(20000) : 0;
+      int code = 0;
+      {
+        const std::shared_lock use(storeInUse);
+        code = run((enrolls ? "enroll --finger " + finger : "delete") + " --token " + store + " --slot " +
+                       std::to_string(slot),
+                   patience);
       }
-      const int code = runBeside(arguments, random() % 3 == 0 ? 1 + static_cast<int>(random() % 20000) : 0);
       if (code == 0) {
         known[slot] = enrolls ? finger : "";
         ++succeeded;
       } else {
         known.erase(slot);  // it may or may not have been done
-        killed += code == -1 ? 1 : 0;
+        killed += code == kKilled ? 1 : 0;
         if (code == kRefused && enrolls) {
           const std::lock_guard alone(storeInUse);
-          run({program, "token", "repair", "--token", store}, 0);
+          run("repair --token " + store);
         }
       }
     }

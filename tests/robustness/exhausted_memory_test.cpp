@@ -67,13 +67,6 @@ bool grow() {
   return area == 0;
 }
 
-bool changeField() {
-  std::int16_t samples[6] = {0, 10, 20, -30, 40, 90};
-  const FingerprintBlockField input{8, 2, 3, samples};
-  DirectionFields fields;
-  return refused(FingerprintOrientGrad(&fields.orientGrad, &input));
-}
-
 bool period() {
   std::int16_t samples[4] = {0, 10, 20, -30};
   const FingerprintBlockField field{8, 2, 2, samples};
@@ -155,7 +148,6 @@ const Case kCases[] = {
      [] {
        return refused(DirectionFields().compute(kIn.data(), {32, 48, 64, 96, 9}));
      }},
-    {"FingerprintOrientGrad", 2, changeField},
     {"FpGetFrequency", 1, period},
     {"FpGetImg4DirectionGrads", 1, oneGradient},
     {"FpGetImg4DirectionGradsEx", 1, fourGradients},

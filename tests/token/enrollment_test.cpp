@@ -3,6 +3,7 @@
 
 #include <algorithm>
 #include <map>
+#include <tuple>
 
 #include "tests/support/guarded.h"
 #include "tests/token/hooks.h"
@@ -17,7 +18,6 @@ constexpr std::uint16_t kCounterFid = 0x0020;
 struct FileToken {
   std::uint8_t slots = 10;
   std::map<std::uint16_t, Bytes> files = {{kCounterFid, {0, 5, 0}}, {kIndexFid, Bytes(200)}};
-  std::int32_t enrollStatus = 0x9000;
   std::size_t failing = 0;  // the exchange, from 1, that fails; with `forGood` all that follow, too
   std::int32_t failure = 0;
   bool forGood = false;
@@ -51,7 +51,7 @@ struct FileToken {
       case 0xE4:
         return {.status = files.erase(number(5)) != 0 ? 0x9000 : 0x6A82};
       case 0xFC:
-        return {.status = files.count(number(2)) == 0 ? 0x6A82 : enrollStatus};
+        return {.status = files.count(number(2)) != 0 ? 0x9000 : 0x6A82};
       default:
         return {.status = 0x6D00};
     }
@@ -127,49 +127,23 @@ TEST(Enrollment, CommandsByteForByte) {
   EXPECT_EQ(token.files.size(), 2U);
 }
 
-// What ENROLL answers decides what becomes of a slot without a file and of one with a file.
-TEST(Enrollment, StatusOfEnroll) {
-  const struct {
-    std::int32_t status;
-    std::uint64_t result;
-    std::string newEntry;
-  } cases[] = {{0x6982, 0x80006982, kFree},     {0x6A10, 0x80006A10, kReserved}, {0x6A82, 0x80006A82, kReserved},
-               {0x6A11, 0x8000B001, kReserved}, {0xFFFF, 0x8000B001, kReserved}, {0x6983, 0x8000B001, kReserved}};
-  for (const auto &expected : cases) {
-    insertToken({.enrollStatus = expected.status});
-    EXPECT_EQ(enroll(), expected.result);
-    EXPECT_EQ(entry(3), expected.newEntry);
-    EXPECT_EQ(token.files.count(kFid), expected.newEntry == kFree ? 0U : 1U);
-    EXPECT_EQ(counter(), expected.newEntry == kFree ? 5U : 6U);
-
-    insertToken();
-    enroll();
-    token.enrollStatus = expected.status;
-    sent();
-    const std::map<std::uint16_t, Bytes> before = token.files;
-    // A token that says the file is missing while it is there refuses to create it again.
-    EXPECT_EQ(enroll(), expected.status == 0x6A82 ? 0x80000101 : expected.result);
-    EXPECT_EQ(token.files, before);
-    EXPECT_EQ(sent().back(), expected.status == 0x6A82 ? "80 E0 00 A0 07 28 03 88 EF EF FF FF" : "80 FC 00 A0 02");
-  }
-  insertToken();
-  enroll();
-  token.files.erase(kFid);
-  EXPECT_EQ(enroll(), 0x80006A82);
-  EXPECT_EQ(entry(3), kEnrolled);
-  EXPECT_EQ(enroll(), 0U);
-}
-
-// What follows a failure after the file was created (INS bytes), and what is said when everything from there on fails.
+// A failure of ENROLL, and of anything else after the file was created: what is sent then (INS bytes), what stays in
+// the entry and the counter, and what is said when everything from there on fails.
 TEST(Enrollment, CleansUp) {
   const struct {
     std::size_t failing;
     std::int32_t failure;
-    std::string sentAfter;
+    std::string sentAfter, newEntry;
     std::uint64_t once, forGood;
-  } cases[] = {{9, 0x6F00, "E4 ", 0x80006A0F, 0x80006A0F},     {10, 0x6F00, "E4 ", 0x80006A0F, 0x80006A0F},
-               {11, 0x6F00, "A4 D0 ", 0x8000B001, 0x80000102}, {11, 0x6982, "E4 A4 D0 ", 0x80006982, 0x80000102},
-               {12, 0x6F00, "E4 ", 0x80000108, 0x80000102},    {13, 0x6F00, "E4 ", 0x80000108, 0x80000102}};
+  } cases[] = {{9, 0x6F00, "E4 ", kFree, 0x80006A0F, 0x80006A0F},
+               {10, 0x6F00, "E4 ", kFree, 0x80006A0F, 0x80006A0F},
+               {11, 0x6F00, "A4 D0 ", kReserved, 0x8000B001, 0x80000102},
+               {11, 0x6983, "A4 D0 ", kReserved, 0x8000B001, 0x80000102},
+               {11, 0x6A10, "A4 D0 ", kReserved, 0x80006A10, 0x80000102},
+               {11, 0x6A82, "A4 D0 ", kReserved, 0x80006A82, 0x80000102},
+               {11, 0x6982, "E4 A4 D0 ", kFree, 0x80006982, 0x80000102},
+               {12, 0x6F00, "E4 ", kFree, 0x80000108, 0x80000102},
+               {13, 0x6F00, "E4 ", kFree, 0x80000108, 0x80000102}};
   for (const auto &c : cases) {
     SCOPED_TRACE(testing::Message() << "exchange " << c.failing << " fails with " << c.failure);
     insertToken({.failing = c.failing, .failure = c.failure, .forGood = true});
@@ -183,8 +157,31 @@ TEST(Enrollment, CleansUp) {
       after += commands[i].substr(3, 3);
     }
     EXPECT_EQ(after, c.sentAfter);
+    EXPECT_EQ(entry(3), c.newEntry);
+    EXPECT_EQ(token.files.count(kFid), c.newEntry == kFree ? 0U : 1U);
     EXPECT_EQ(counter(), c.sentAfter.size() > 6 || c.failing < 11 ? 5U : 6U) << "set back with the file's removal";
   }
+}
+
+// A slot that has a file already: nothing but the file may change, and a file that is gone is made again.
+TEST(Enrollment, FailsAgain) {
+  for (const auto &[failure, result, last] :
+       {std::tuple{0x6982, 0x80006982, "80 FC 00 A0 02"}, std::tuple{0xFFFF, 0x8000B001, "80 FC 00 A0 02"},
+        std::tuple{0x6A82, 0x80000101, "80 E0 00 A0 07 28 03 88 EF EF FF FF"}}) {
+    insertToken();
+    enroll();
+    sent();
+    token.failing = device.exchanges + 6;
+    token.failure = failure;
+    const std::map<std::uint16_t, Bytes> before = token.files;
+    EXPECT_EQ(enroll(), result);
+    EXPECT_EQ(token.files, before);
+    EXPECT_EQ(sent().back(), last);
+  }
+  token.files.erase(kFid);
+  EXPECT_EQ(enroll(), 0x80006A82);
+  EXPECT_EQ(entry(3), kEnrolled);
+  EXPECT_EQ(enroll(), 0U);
 }
 
 TEST(Enrollment, FidCounterRange) {

@@ -5,6 +5,7 @@
 #include "kelmtrova/image.h"
 #include "tests/support/allocation.h"
 #include "tests/support/samples.h"
+#include "tests/support/windows.h"
 
 namespace {
 
@@ -75,26 +76,6 @@ std::vector<T> modelMean(const T *in, int height, int width, int sizeX, int size
   return out;
 }
 
-struct Case {
-  int height, width, sizeX, sizeY;
-};
-
-// Every length up to 130 in each direction, every window on small images, and a few large ones.
-std::vector<Case> cases() {
-  std::vector<Case> all = {
-      {361, 257, 31, 9}, {130, 1025, 3, 31}, {520, 33, 255, 255}, {3, 2000, 201, 3}, {1000, 1, 9, 99}};
-  for (int n = 1; n <= 130; ++n) {
-    const int size = numbers(40);
-    all.push_back({1 + n % 21, n, size, 1 + n % 12});
-    all.push_back({n, 1 + n % 35, 1 + n % 12, size});
-  }
-  for (int size = 0; size < 256; ++size) {
-    all.push_back({19, 67, size, 1 + size % 7});
-    all.push_back({35, 18, 1 + size % 7, size});
-  }
-  return all;
-}
-
 // `function` on images hard against a guard page, into a separate image and in place.
 template <typename Out, typename In, typename Function, typename Model>
 void compareWithModel(Function function, Model model, bool zeroRefused) {
@@ -108,7 +89,7 @@ void compareWithModel(Function function, Model model, bool zeroRefused) {
   }
   EXPECT_EQ(untouched, Out{9});
   int index = 0;
-  for (const auto &[height, width, sizeX, sizeY] : cases()) {
+  for (const auto &[height, width, sizeX, sizeY] : windows()) {
     SCOPED_TRACE(testing::Message() << height << " x " << width << ", window " << sizeX << " x " << sizeY);
     const auto n = static_cast<std::size_t>(height * width);
     Guarded<In> in(n, guardOf(++index));

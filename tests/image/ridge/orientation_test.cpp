@@ -206,6 +206,7 @@ TEST(OrientGrad, OfItselfOfOthersAndWithoutMemory) {
       {
         const AllocationWatch watch(failing);
         result = FingerprintOrientGrad(output, &input);
+        EXPECT_EQ(watch.outstanding(), failing == 0 || same ? 0 : -1) << "the data of another output goes";
       }
       EXPECT_EQ(result, failing == 0 ? 0 : 1);
       if (failing == 0 || same) {
