@@ -13,7 +13,7 @@
 namespace kelm::image {
 namespace {
 
-constexpr std::int32_t kRefused = 255;
+constexpr int kRefused = 255;
 
 KELM_INLINE void binariseBytesBody(std::uint8_t *image, std::size_t pixels, std::uint8_t threshold) {
   for (std::size_t i = 0; i < pixels; ++i) {
@@ -33,6 +33,20 @@ void binarise(std::uint8_t *image, std::size_t pixels, int threshold) {
 
 std::size_t pixelCount(std::int16_t height, std::int16_t width) {
   return height < 1 || width < 1 ? 0 : static_cast<std::size_t>(height) * static_cast<std::size_t>(width);
+}
+
+int thresholding(std::uint8_t *image, std::int16_t height, std::int16_t width, int (*choose)(std::uint32_t *counters)) {
+  const std::size_t pixels = pixelCount(height, width);
+  if (image == nullptr || pixels == 0) {
+    return kRefused;
+  }
+  const Block<Histogram> histogram = newHistogram(image, pixels);
+  if (!histogram) {
+    return kRefused;
+  }
+  const int threshold = choose(histogram[0].counter);
+  binarise(image, pixels, threshold);
+  return threshold;
 }
 
 // Counting in byte lanes, which hold up to 255 steps before they must be emptied.
@@ -132,33 +146,11 @@ AreaCounts countAreas(const std::uint8_t *mask, std::size_t height, std::size_t 
 std::uint8_t needRefineSegment = 0;
 
 int32_t FpThresholdingGradsImage(uint8_t *image, int16_t height, int16_t width) {
-  using namespace kelm::image;
-  const std::size_t pixels = pixelCount(height, width);
-  if (image == nullptr || pixels == 0) {
-    return kRefused;
-  }
-  const Block<Histogram> histogram = newHistogram(image, pixels);
-  if (!histogram) {
-    return kRefused;
-  }
-  const int threshold = silhouetteThreshold(histogram[0].counter);
-  binarise(image, pixels, threshold);
-  return threshold;
+  return kelm::image::thresholding(image, height, width, kelm::image::silhouetteThreshold);
 }
 
 int32_t FpThresholdingGradsImageEx(uint8_t *image, int16_t height, int16_t width) {
-  using namespace kelm::image;
-  const std::size_t pixels = pixelCount(height, width);
-  if (image == nullptr || pixels == 0) {
-    return kRefused;
-  }
-  const Block<Histogram> histogram = newHistogram(image, pixels);
-  if (!histogram) {
-    return kRefused;
-  }
-  const int threshold = modeThreshold(histogram[0].counter);
-  binarise(image, pixels, threshold);
-  return static_cast<std::uint8_t>(threshold);
+  return static_cast<std::uint8_t>(kelm::image::thresholding(image, height, width, kelm::image::modeThreshold));
 }
 
 float Complexity(const uint8_t *mask, int16_t height, int16_t width, uint8_t value) {
