@@ -23,6 +23,14 @@ struct Registration {
   explicit Registration(std::function<std::vector<Pair>()> pairs);
 };
 
+// The pictures of the table: a print of the sensor, and a large one.
+struct Size {
+  std::int16_t height, width;
+};
+inline constexpr Size kSizes[] = {{360, 256}, {1024, 1024}};
+// "BErode 360 x 256"
+std::string named(const char *what, Size size);
+
 // A picture with ridge-like texture, the same on every run.
 std::vector<std::uint8_t> ridgePicture(int height, int width, std::uint32_t seed = 1);
 // A 0 / `foreground` mask with large areas and, for every 1000 pixels, `specks` small ones.

@@ -1,5 +1,4 @@
 // Region growing and small-area removal against OpenCV.
-#include <cstdio>
 #include <memory>
 #include <opencv2/core.hpp>
 #include <opencv2/imgproc.hpp>
@@ -10,18 +9,8 @@
 namespace kelm::bench {
 namespace {
 
-struct Size {
-  int height, width;
-};
-constexpr Size kSizes[] = {{360, 256}, {1024, 1024}};
-
 std::string named(const char *what, Size size, int specks) {
-  char text[80];
-  std::snprintf(text, sizeof(text), "%s %d x %d, %s", what, size.height, size.width,
-                specks == 0   ? "clean"
-                : specks < 10 ? "few specks"
-                              : "many specks");
-  return text;
+  return named(what, size) + (specks == 0 ? ", clean" : specks < 10 ? ", few specks" : ", many specks");
 }
 
 // Both sides fill to and fro between two labels, so that every call has the same work and nothing is copied.

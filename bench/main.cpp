@@ -67,6 +67,10 @@ Result measure(const Pair &pair) {
 
 Registration::Registration(std::function<std::vector<Pair>()> pairs) { registry().push_back(std::move(pairs)); }
 
+std::string named(const char *what, Size size) {
+  return std::string(what) + ' ' + std::to_string(size.height) + " x " + std::to_string(size.width);
+}
+
 std::vector<std::uint8_t> ridgePicture(int height, int width, std::uint32_t seed) {
   std::vector<std::uint8_t> image(static_cast<std::size_t>(height) * static_cast<std::size_t>(width));
   std::uint32_t state = seed * 2654435761U + 1;

@@ -1,6 +1,5 @@
 // Gradients, block quality and continuity: against the loops written down plainly, memcpy, and OpenCV.
 #include <algorithm>
-#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <memory>
@@ -12,29 +11,20 @@
 namespace kelm::bench {
 namespace {
 
-struct Size {
-  std::int16_t height, width;
-};
-constexpr Size kSizes[] = {{360, 256}, {1024, 1024}};
-
 using Bytes = std::shared_ptr<std::vector<std::uint8_t>>;
 using Maps = std::vector<std::vector<std::uint16_t>>;
 
-std::string named(const char *what, Size size) {
-  char text[80];
-  std::snprintf(text, sizeof(text), "%s %d x %d", what, size.height, size.width);
-  return text;
-}
-
-Maps plainGradients(const std::uint8_t *image, int height, int width, int step) {
+// Not specialised for the step of its callers here: like the function it stands for, it serves any step.
+[[gnu::noipa]] Maps plainGradients(const std::uint8_t *image, int height, int width, int step) {
   constexpr int kOffsets[4][6][2] = {{{-3, 0}, {-2, 0}, {-1, 0}, {1, 0}, {2, 0}, {3, 0}},
                                      {{-3, 3}, {-2, 2}, {-1, 1}, {1, -1}, {2, -2}, {3, -3}},
                                      {{0, 3}, {0, 2}, {0, 1}, {0, -1}, {0, -2}, {0, -3}},
                                      {{-3, -3}, {-2, -2}, {-1, -1}, {1, 1}, {2, 2}, {3, 3}}};
   const int rows = height / step;
   const int cols = width / step;
-  Maps maps(4, std::vector<std::uint16_t>(static_cast<std::size_t>(rows * cols), 0));
+  Maps maps(4);
   for (std::size_t d = 0; d < 4; ++d) {
+    maps[d].resize(static_cast<std::size_t>(rows * cols));
     for (int gy = 1; gy < rows - 1; ++gy) {
       for (int gx = 1; gx < cols - 1; ++gx) {
         const std::uint8_t *const center = image + gy * step * width + gx * step;
@@ -55,14 +45,18 @@ Maps plainGradients(const std::uint8_t *image, int height, int width, int step) 
 
 void plainSmooth(std::vector<std::uint8_t> &image, std::size_t height, std::size_t width) {
   std::vector<std::uint16_t> sums(image.size());
-  for (std::size_t i = 0; i < image.size(); ++i) {
-    const std::size_t x = i % width;
-    sums[i] = static_cast<std::uint16_t>((x > 0 ? image[i - 1] : 0) + image[i] + (x + 1 < width ? image[i + 1] : 0));
+  for (std::size_t y = 0; y < height; ++y) {
+    for (std::size_t x = 0; x < width; ++x) {
+      const std::uint8_t *const s = image.data() + y * width + x;
+      sums[y * width + x] = static_cast<std::uint16_t>((x > 0 ? s[-1] : 0) + s[0] + (x + 1 < width ? s[1] : 0));
+    }
   }
-  for (std::size_t i = 0; i < image.size(); ++i) {
-    const std::size_t y = i / width;
-    image[i] = static_cast<std::uint8_t>(
-        ((y > 0 ? sums[i - width] : 0) + sums[i] + (y + 1 < height ? sums[i + width] : 0)) / 9);
+  for (std::size_t y = 0; y < height; ++y) {
+    for (std::size_t x = 0; x < width; ++x) {
+      const std::size_t i = y * width + x;
+      const int sum = (y > 0 ? sums[i - width] : 0) + sums[i] + (y + 1 < height ? sums[i + width] : 0);
+      image[i] = static_cast<std::uint8_t>(sum / 9);
+    }
   }
 }
 

@@ -1,5 +1,4 @@
 // Mean smoothing and stripe removal against OpenCV.
-#include <cstdio>
 #include <memory>
 #include <opencv2/core.hpp>
 #include <opencv2/imgproc.hpp>
@@ -10,18 +9,7 @@
 namespace kelm::bench {
 namespace {
 
-struct Size {
-  std::int16_t height, width;
-};
-constexpr Size kSizes[] = {{360, 256}, {1024, 1024}};
-
 using Bytes = std::shared_ptr<std::vector<std::uint8_t>>;
-
-std::string named(const char *what, Size size) {
-  char text[80];
-  std::snprintf(text, sizeof(text), "%s %d x %d", what, size.height, size.width);
-  return text;
-}
 
 Pair smoothPair(Size size) {
   const auto in = std::make_shared<std::vector<std::uint8_t>>(ridgePicture(size.height, size.width));
