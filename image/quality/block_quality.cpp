@@ -11,35 +11,35 @@
 namespace kelm::image {
 namespace {
 
-constexpr std::int32_t kCell = 4;         // pixels along the edge of a cell
-constexpr std::size_t kBlockCells = 4;    // cells along the edge of a block
-constexpr std::size_t kStripCells = 256;  // columns of cells worked on at a time
+constexpr std::size_t kBlockCells = 4;  // cells along the edge of a block
 
 // A column of cells over the rows of one block.
 struct Columns {
-  std::uint16_t means[kStripCells];   // sums of the cell means
-  std::uint16_t counts[kStripCells];  // cells per dominant direction: 4 bits each, direction 0 lowest
+  std::uint16_t means[kMaxStretch];   // sums of the cell means
+  std::uint16_t counts[kMaxStretch];  // cells per dominant direction: 4 bits each, direction 0 lowest
 };
 
-KELM_INLINE void addCellsBody(Columns &columns, const std::int16_t *g0, const std::int16_t *g1, const std::int16_t *g2,
-                              const std::int16_t *g3, std::size_t cells) {
+KELM_INLINE void addCellsBody(Columns &columns, const std::uint16_t *const (&values)[kDirections], std::size_t cells) {
+  const std::int16_t *rows[kDirections];
+  for (int d = 0; d < kDirections; ++d) {
+    rows[d] = reinterpret_cast<const std::int16_t *>(values[d]);
+  }
+  const auto [g0, g1, g2, g3] = rows;
   for (std::size_t i = 0; i < cells; ++i) {
-    const std::int32_t sum = g0[i] + g1[i] + g2[i] + g3[i];
-    columns.means[i] = static_cast<std::uint16_t>(columns.means[i] + (std::min(sum >> 2, 255) & 255));
+    const std::int32_t mean = (g0[i] + g1[i] + g2[i] + g3[i]) >> 2;
+    columns.means[i] = static_cast<std::uint16_t>(columns.means[i] + ((mean < 255 ? mean : 255) & 255));
     std::int16_t least = g0[i];
     std::uint16_t count = 0x0001;
     count = g1[i] < least ? 0x0010 : count;
-    least = std::min(least, g1[i]);
+    least = g1[i] < least ? g1[i] : least;
     count = g2[i] < least ? 0x0100 : count;
-    least = std::min(least, g2[i]);
+    least = g2[i] < least ? g2[i] : least;
     count = g3[i] < least ? 0x1000 : count;
     columns.counts[i] = static_cast<std::uint16_t>(columns.counts[i] + count);
   }
 }
-KELM_KERNEL(void, addCells,
-            (Columns & columns, const std::int16_t *g0, const std::int16_t *g1, const std::int16_t *g2,
-             const std::int16_t *g3, std::size_t cells),
-            (columns, g0, g1, g2, g3, cells), addCellsBody)
+KELM_KERNEL(void, addCells, (Columns & columns, const std::uint16_t *const (&values)[kDirections], std::size_t cells),
+            (columns, values, cells), addCellsBody)
 
 // The grade is the mean of the 16 cells times the coherence, the largest count / 16, in single precision; the product
 // of a mean below 256 and a count of at most 16 is exact there, so integers give the same.
@@ -64,40 +64,27 @@ struct CellSource {
   const std::uint16_t *const *maps;
 };
 
-using StripRows = std::uint16_t[kDirections][kStripCells];
-
-// Cells first to first + cells - 1 of a row of cells; the cells at the border of the grid are 0 in the picture's maps.
-void addCellRow(Columns &columns, const CellSource &source, StripRows &strip, std::size_t row, std::size_t first,
-                std::size_t cells) {
+// The blocks of a stretch of columns, from top to bottom; `stride`: blocks from a row of grades to the next.
+void gradeStretch(std::uint8_t *grades, const CellSource &source, std::size_t rows, std::size_t stride,
+                  std::size_t first, std::size_t blocks) {
+  const std::size_t points = blocks * kBlockCells;
   const GradientGrid &grid = source.grid;
-  const std::int16_t *rows[kDirections];
-  for (int d = 0; d < kDirections; ++d) {
-    const std::uint16_t *values = strip[d];
-    if (source.maps != nullptr) {
-      values = source.maps[d] + row * grid.cols + first;
-    } else {
-      std::memset(strip[d], 0, sizeof(strip[d]));
-      const std::size_t from = std::max<std::size_t>(first, 1);
-      const std::size_t to = std::min(first + cells, grid.cols - 1);
-      if (row > 0 && row + 1 < grid.rows) {
-        gradientRow(strip[d] + (from - first), grid, row, from, to, d);
-      }
-    }
-    rows[d] = reinterpret_cast<const std::int16_t *>(values);
-  }
-  addCells(columns, rows[0], rows[1], rows[2], rows[3], cells);
-}
-
-void gradeRow(std::uint8_t *grades, const CellSource &source, std::size_t blockRow, std::size_t blocks) {
-  constexpr std::size_t kStripBlocks = kStripCells / kBlockCells;
-  StripRows strip;
-  for (std::size_t block = 0; block < blocks; block += kStripBlocks) {
-    const std::size_t count = std::min(kStripBlocks, blocks - block);
+  CellRow cells[2];
+  std::uint16_t strips[kDirections][kMaxStretch];
+  for (std::size_t blockRow = 0; blockRow < rows; ++blockRow) {
     Columns columns = {};
-    for (std::size_t i = 0; i < kBlockCells; ++i) {
-      addCellRow(columns, source, strip, blockRow * kBlockCells + i, block * kBlockCells, count * kBlockCells);
+    for (std::size_t row = blockRow * kBlockCells; row < (blockRow + 1) * kBlockCells; ++row) {
+      const std::uint16_t *values[kDirections] = {strips[0], strips[1], strips[2], strips[3]};
+      if (source.maps == nullptr) {
+        gradientStretch({strips[0], strips[1], strips[2], strips[3]}, cells, grid, row, first * kBlockCells, points);
+      } else {
+        for (int d = 0; d < kDirections; ++d) {
+          values[d] = source.maps[d] + row * grid.cols + first * kBlockCells;
+        }
+      }
+      addCells(columns, values, points);
     }
-    gradeBlocks(grades + block, columns, count);
+    gradeBlocks(grades + blockRow * stride + first, columns, blocks);
   }
 }
 
@@ -107,7 +94,7 @@ bool bad(const BlockQualityMap *map, const std::uint8_t *image, std::int16_t hei
 
 std::uint32_t blockQuality(BlockQualityMap *map, const std::uint8_t *image, std::int16_t height, std::int16_t width,
                            const std::uint16_t *const *maps) {
-  constexpr std::int32_t kBlock = kCell * static_cast<std::int32_t>(kBlockCells);
+  constexpr auto kBlock = static_cast<std::int32_t>(kCell * kBlockCells);
   const auto rows = static_cast<std::size_t>((height - 1) / kBlock + 1);
   const auto cols = static_cast<std::size_t>((width - 1) / kBlock + 1);
   *map = {kBlock, kBlock, static_cast<std::uint16_t>(rows), static_cast<std::uint16_t>(cols),
@@ -115,15 +102,17 @@ std::uint32_t blockQuality(BlockQualityMap *map, const std::uint8_t *image, std:
   if (map->grades == nullptr) {
     return 1;
   }
-  const CellSource source{gradientGrid(image, height, width, kCell), maps};
+  const CellSource source{gradientGrid(image, height, width, static_cast<std::int32_t>(kCell)), maps};
   const std::size_t gradedRows = source.grid.rows / kBlockCells;
   const std::size_t gradedCols = source.grid.cols / kBlockCells;
   const Block<std::uint8_t> quality = allocate<std::uint8_t>(gradedRows * gradedCols);
   if (!quality) {
     return 1;
   }
-  for (std::size_t row = 0; row < gradedRows; ++row) {
-    gradeRow(quality.get() + row * gradedCols, source, row, gradedCols);
+  constexpr std::size_t kMaxBlocks = kMaxStretch / kBlockCells;
+  for (std::size_t done = 0; done < gradedCols; done += kMaxBlocks) {
+    const std::size_t blocks = std::min(kMaxBlocks, gradedCols);
+    gradeStretch(quality.get(), source, gradedRows, gradedCols, std::min(done, gradedCols - blocks), blocks);
   }
   const std::int32_t smoothed = meanSmooth(quality.get(), quality.get(), static_cast<std::int32_t>(gradedRows),
                                            static_cast<std::int32_t>(gradedCols));

@@ -3,6 +3,7 @@
 
 #include <algorithm>
 #include <cstdlib>
+#include <cstring>
 
 #include "image/support/dispatch.h"
 #include "image/support/memory.h"
@@ -108,6 +109,134 @@ KELM_KERNEL(void, gradients,
              std::ptrdiff_t offset),
             (out, center, step, points, offset), gradientsBody)
 
+// The gradients along `direction` at points first to last - 1 of a row of the grid, to out[0] and on. Every neighbour
+// of these points must lie inside the picture.
+void gradientRow(std::uint16_t *out, const GradientGrid &grid, std::size_t row, std::size_t first, std::size_t last,
+                 int direction) {
+  if (first >= last) {
+    return;
+  }
+  const Direction toNext = kSteps[direction];
+  const std::ptrdiff_t offset = toNext.x + toNext.y * static_cast<std::ptrdiff_t>(grid.width);
+  const std::uint8_t *const line = grid.image + row * grid.step * grid.width;
+  gradients(out, line + first * grid.step, grid.step, last - first, offset);
+}
+
+// A row of pixels of cells; a bit of `kNeeded` for each column to be kept. Sorting halves of cells before they are
+// split into their samples takes the compiler half the shuffles.
+template <unsigned kNeeded>
+KELM_INLINE void splitLine(CellRow::Column (&columns)[kCell], std::size_t to, const std::uint8_t *__restrict line,
+                           std::size_t cells) {
+  for (std::size_t i = 0; i < cells; ++i) {
+    std::uint16_t left, right;
+    std::memcpy(&left, line + kCell * i, sizeof(left));
+    std::memcpy(&right, line + kCell * i + 2, sizeof(right));
+    const std::uint16_t samples[kCell] = {
+        static_cast<std::uint16_t>(left & 0xFF), static_cast<std::uint16_t>(left >> 8),
+        static_cast<std::uint16_t>(right & 0xFF), static_cast<std::uint16_t>(right >> 8)};
+    for (std::size_t x = 0; x < kCell; ++x) {
+      if ((kNeeded >> x & 1) != 0) {
+        columns[x][to + i] = samples[x];
+      }
+    }
+  }
+}
+
+// Column 2 of the odd rows and the odd columns of row 2 lie in no direction from any point.
+KELM_INLINE void splitCells(CellRow &row, std::size_t to, const std::uint8_t *pixels, std::size_t width,
+                            std::size_t cells) {
+  splitLine<0b1111>(row.samples[0], to, pixels, cells);
+  splitLine<0b1011>(row.samples[1], to, pixels + width, cells);
+  splitLine<0b0101>(row.samples[2], to, pixels + 2 * width, cells);
+  splitLine<0b1011>(row.samples[3], to, pixels + 3 * width, cells);
+}
+
+// `before`: the cell to the left of the first one.
+KELM_INLINE void splitRowBody(CellRow &row, const std::uint8_t *pixels, const std::uint8_t *before, std::size_t width,
+                              std::size_t cells) {
+  splitCells(row, CellRow::kFirst - 1, before, width, 1);
+  for (std::size_t done = 0; done < cells; done += kChunk) {
+    const std::size_t first = std::min(done, cells - kChunk);
+    splitCells(row, CellRow::kFirst + first, pixels + kCell * first, width, kChunk);
+  }
+}
+KELM_KERNEL(void, splitRow,
+            (CellRow & row, const std::uint8_t *pixels, const std::uint8_t *before, std::size_t width,
+             std::size_t cells),
+            (row, pixels, before, width, cells), splitRowBody)
+
+// Not std::max: clang calls it where a function may be replaced when the library is loaded.
+KELM_INLINE std::int16_t larger(std::uint16_t sample, std::int16_t mean) {
+  const auto value = static_cast<std::int16_t>(sample);
+  return value > mean ? value : mean;
+}
+
+// |sample - mean| is 2 max(sample, mean) - sample - mean: one maximum for each sample, the rest once for all six.
+KELM_INLINE void chunkGradients(std::uint16_t *__restrict out, const std::uint16_t *__restrict center,
+                                const std::uint16_t *const (&neighbours)[kSamples - 1]) {
+  const auto [a, b, c, d, e, f] = neighbours;
+  for (std::size_t i = 0; i < kChunk; ++i) {
+    const auto around = static_cast<std::uint16_t>(a[i] + b[i] + c[i] + d[i] + e[i] + f[i]);
+    const auto mean = static_cast<std::int16_t>(seventh(static_cast<std::uint16_t>(around + center[i])));
+    const auto sum = static_cast<std::int16_t>(larger(a[i], mean) + larger(b[i], mean) + larger(c[i], mean) +
+                                               larger(d[i], mean) + larger(e[i], mean) + larger(f[i], mean));
+    out[i] = static_cast<std::uint16_t>(2 * (sum - 3 * mean) - around);
+  }
+}
+
+// The three samples on the way from a point to the next one are neighbours of both. Those to the right, below and below
+// on the right lie in the point's own cell, those below on the left in the cell to its left.
+KELM_INLINE void cellGradientsBody(std::uint16_t *const (&out)[kDirections], const CellRow &above, const CellRow &own,
+                                   std::size_t points) {
+  const auto &u = above.samples;
+  const auto &o = own.samples;
+  for (std::size_t done = 0; done < points; done += kChunk) {
+    const std::size_t to = std::min(done, points - kChunk);
+    const std::size_t at = CellRow::kFirst + to;
+    const std::size_t left = at - 1;
+    const std::uint16_t *const center = o[0][0] + at;
+    chunkGradients(out[0] + to, center,
+                   {o[0][1] + left, o[0][2] + left, o[0][3] + left, o[0][1] + at, o[0][2] + at, o[0][3] + at});
+    chunkGradients(out[1] + to, center,
+                   {u[1][3] + at, u[2][2] + at, u[3][1] + at, o[1][3] + left, o[2][2] + left, o[3][1] + left});
+    chunkGradients(out[2] + to, center,
+                   {u[1][0] + at, u[2][0] + at, u[3][0] + at, o[1][0] + at, o[2][0] + at, o[3][0] + at});
+    chunkGradients(out[3] + to, center,
+                   {u[1][1] + left, u[2][2] + left, u[3][3] + left, o[1][1] + at, o[2][2] + at, o[3][3] + at});
+  }
+}
+KELM_KERNEL(void, cellGradients,
+            (std::uint16_t *const (&out)[kDirections], const CellRow &above, const CellRow &own, std::size_t points),
+            (out, above, own, points), cellGradientsBody)
+
+// The kernels take whole chunks; a row of fewer points gets room for one.
+void readCells(CellRow &cells, const GradientGrid &grid, std::size_t row, std::size_t first, std::size_t points) {
+  const std::uint8_t *const pixels = grid.image + (row * grid.width + first) * kCell;
+  if (points >= kChunk) {
+    splitRow(cells, pixels, first == 0 ? pixels : pixels - kCell, grid.width, points);
+    return;
+  }
+  std::uint8_t padded[kCell][kChunk * kCell] = {};
+  for (std::size_t y = 0; y < kCell; ++y) {
+    std::memcpy(padded[y], pixels + y * grid.width, points * kCell);
+  }
+  splitRow(cells, padded[0], padded[0], sizeof(padded[0]), kChunk);
+}
+
+// Those of the first and the last point of a row of the grid mean nothing.
+void gradientsOfCells(std::uint16_t *const (&out)[kDirections], const CellRow &above, const CellRow &own,
+                      std::size_t points) {
+  if (points >= kChunk) {
+    cellGradients(out, above, own, points);
+    return;
+  }
+  std::uint16_t padded[kDirections][kChunk];
+  cellGradients({padded[0], padded[1], padded[2], padded[3]}, above, own, kChunk);
+  for (int d = 0; d < kDirections; ++d) {
+    std::copy_n(padded[d], points, out[d]);
+  }
+}
+
 bool bad(const std::uint8_t *image, std::int32_t height, std::int32_t width) {
   return image == nullptr || height < 1 || width < 1;
 }
@@ -119,15 +248,32 @@ GradientGrid gradientGrid(const std::uint8_t *image, std::int32_t height, std::i
           static_cast<std::size_t>(height / step), static_cast<std::size_t>(width / step)};
 }
 
-void gradientRow(std::uint16_t *out, const GradientGrid &grid, std::size_t row, std::size_t first, std::size_t last,
-                 int direction) {
-  if (first >= last) {
-    return;
+void gradientStretch(std::uint16_t *const (&out)[kDirections], CellRow (&cells)[2], const GradientGrid &grid,
+                     std::size_t row, std::size_t first, std::size_t points) {
+  const bool inside = row > 0 && row + 1 < grid.rows;
+  if (grid.step == kCell) {
+    readCells(cells[row % 2], grid, row, first, points);
+    if (inside) {
+      gradientsOfCells(out, cells[(row + 1) % 2], cells[row % 2], points);
+    }
   }
-  const Direction toNext = kSteps[direction];
-  const std::ptrdiff_t offset = toNext.x + toNext.y * static_cast<std::ptrdiff_t>(grid.width);
-  const std::uint8_t *const line = grid.image + row * grid.step * grid.width;
-  gradients(out, line + first * grid.step, grid.step, last - first, offset);
+  const std::size_t from = std::max<std::size_t>(first, 1);
+  const std::size_t to = std::min(first + points, grid.cols - 1);
+  for (int d = 0; d < kDirections; ++d) {
+    if (!inside) {
+      std::fill_n(out[d], points, 0);
+      continue;
+    }
+    if (grid.step != kCell) {
+      gradientRow(out[d] + (from - first), grid, row, from, to, d);
+    }
+    if (from > first) {
+      out[d][0] = 0;
+    }
+    if (to < first + points) {
+      out[d][points - 1] = 0;
+    }
+  }
 }
 
 }  // namespace kelm::image
@@ -161,15 +307,19 @@ std::uint16_t **FpGetImg4DirectionGradsEx(const std::uint8_t *image, std::int16_
   Block<std::uint16_t *> maps = allocate<std::uint16_t *>(kDirections);
   Block<std::uint16_t> owned[kDirections];
   for (Block<std::uint16_t> &values : owned) {
-    values = allocateZeroed<std::uint16_t>(grid.rows * grid.cols);
+    values = allocate<std::uint16_t>(grid.rows * grid.cols);
     if (!maps || !values) {
       return nullptr;
     }
   }
-  for (std::size_t row = 1; row + 1 < grid.rows; ++row) {
-    for (int d = 0; d < kDirections; ++d) {
-      gradientRow(owned[d].get() + row * grid.cols + 1, grid, row, 1, grid.cols - std::min<std::size_t>(grid.cols, 1),
-                  d);
+  CellRow cells[2];
+  const std::size_t points = std::min(kMaxStretch, grid.cols);
+  for (std::size_t done = 0; done < grid.cols; done += kMaxStretch) {
+    const std::size_t first = std::min(done, grid.cols - points);
+    for (std::size_t row = 0; row < grid.rows; ++row) {
+      const std::size_t at = row * grid.cols + first;
+      gradientStretch({owned[0].get() + at, owned[1].get() + at, owned[2].get() + at, owned[3].get() + at}, cells, grid,
+                      row, first, points);
     }
   }
   for (int d = 0; d < kDirections; ++d) {

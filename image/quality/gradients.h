@@ -20,10 +20,24 @@ struct GradientGrid {
 
 GradientGrid gradientGrid(const std::uint8_t *image, std::int32_t height, std::int32_t width, std::int32_t step);
 
-// The gradients along `direction` at points first to last - 1 of a row of the grid, to out[0] and on. Every
-// neighbour of these points must lie inside the picture.
-void gradientRow(std::uint16_t *out, const GradientGrid &grid, std::size_t row, std::size_t first, std::size_t last,
-                 int direction);
+// Pixels along the edge of a cell, whose first pixel is a point of a grid of step 4.
+inline constexpr std::size_t kCell = 4;
+
+// Points of a row of the grid that are worked on at a time.
+inline constexpr std::size_t kMaxStretch = 256;
+
+// The samples of a stretch of cells, sorted by row and column within the cell.
+struct alignas(64) CellRow {
+  static constexpr std::size_t kFirst = 32;  // index of the first cell; the one before it is there too
+  using Column = std::uint16_t[kFirst + kMaxStretch];
+  Column samples[kCell][kCell];
+};
+
+// The gradients along all directions at a stretch of a row of the grid, 0 at the border of the grid. A stretch starts
+// at point 0 or is kMaxStretch long. Its rows are asked for one after the other from row 0 on: `cells` keeps what the
+// next one needs.
+void gradientStretch(std::uint16_t *const (&out)[kDirections], CellRow (&cells)[2], const GradientGrid &grid,
+                     std::size_t row, std::size_t first, std::size_t points);
 
 }  // namespace kelm::image
 
