@@ -78,40 +78,34 @@ TEST_F(TokenProgram, KeepsATokenFromOneRunToTheNext) {
 
 TEST_F(TokenProgram, AnswersProgramsInJson) {
   succeed("token create --slots 3");
-  EXPECT_EQ(runJson("enroll --finger a --label \"$(printf '\\303\\251\\tx')\" --tag 9")["slot"], 1);
-  // A label that the token holds need not be text.
-  EXPECT_EQ(runJson("enroll --finger b --label \"$(printf '\\351\\377')\"")["label"], "??");
-  const json slots = runJson("slots")["slots"];
-  ASSERT_EQ(slots.size(), 3U);
-  EXPECT_EQ(slots[0], (json{{"slot", 1},
-                            {"state", "enrolled"},
-                            {"fid", "0540"},
-                            {"tag", 9},
-                            {"label", "\u00e9?x"},
-                            {"userData", "C3A90978000000000000000000000000"}}));
-  EXPECT_EQ(slots[2], (json{{"slot", 3}, {"state", "free"}}));
-
-  const json info = runJson("info");
-  EXPECT_EQ(info["slots"], 3);
-  EXPECT_EQ(info["enrolled"], 2);
-  EXPECT_EQ(info["deviceInformation"].get<std::string>().size(), 2 * 47U);
-  EXPECT_EQ(runJson("identify --finger b")["slot"], 2);
-  const json other = runJson("verify --slot 1 --finger b", 1);
-  EXPECT_EQ(other["match"], false);
-  EXPECT_EQ(other["triesLeft"], 4);
-  EXPECT_EQ(runJson("verify --slot 1 --finger a")["match"], true);
-  EXPECT_EQ(runJson("delete --slot 2")["wasFree"], false);
-  EXPECT_EQ(runJson("params --time-out 33 --gain 200 --security-level 2 --verify-mode 1")["timeOut"], 33);
-  const json parameters = runJson("params");
-  EXPECT_EQ(parameters["gain"], 200);
-  EXPECT_EQ(parameters["securityLevel"], 2);
-  EXPECT_EQ(parameters["verifyMode"], 1);
-  const json on = runJson("cache on");
-  EXPECT_NE(runJson("cache off")["state"], on["state"]);
-
-  const json refused = runJson("verify --slot 2 --finger a", 3);
-  EXPECT_EQ(refused["ok"], false);
-  EXPECT_EQ(refused["result"], "0x80006A12");
+  const json thumb = {{"slot", 1}, {"state", "enrolled"}, {"fid", "0540"},
+                      {"tag", 9},  {"label", "\u00e9?x"}, {"userData", "C3A90978000000000000000000000000"}};
+  const struct {
+    const char *words;
+    int exitCode;
+    json members;  // of the answer, among others
+  } steps[] = {
+      {"enroll --finger a --label \"$(printf '\\303\\251\\tx')\" --tag 9", 0, {{"slot", 1}}},
+      {"slots", 0, {{"slots", {thumb, {{"slot", 2}, {"state", "free"}}, {{"slot", 3}, {"state", "free"}}}}}},
+      {"enroll --finger b --label \"$(printf '\\351\\377')\"", 0, {{"label", "??"}}},  // it need not be text
+      {"info", 0, {{"slots", 3}, {"enrolled", 2}}},
+      {"identify --finger b", 0, {{"slot", 2}}},
+      {"verify --slot 1 --finger b", 1, {{"match", false}, {"triesLeft", 4}}},
+      {"verify --slot 1 --finger a", 0, {{"match", true}}},
+      {"delete --slot 2", 0, {{"wasFree", false}}},
+      {"params --time-out 33 --gain 200 --security-level 2 --verify-mode 1", 0, {{"timeOut", 33}}},
+      {"params", 0, {{"gain", 200}, {"securityLevel", 2}, {"verifyMode", 1}}},
+      {"cache on", 0, {{"state", 1}}},
+      {"cache off", 0, {{"state", 0}}},
+      {"verify --slot 2 --finger a", 3, {{"ok", false}, {"result", "0x80006A12"}}},
+  };
+  for (const auto &step : steps) {
+    const json answer = runJson(step.words, step.exitCode);
+    json updated = answer;
+    updated.update(step.members);
+    EXPECT_EQ(answer, updated) << step.words;
+  }
+  EXPECT_EQ(runJson("info")["deviceInformation"].get<std::string>().size(), 2 * 47U);
 }
 
 TEST_F(TokenProgram, SaysInOneLineWhatWentWrong) {
