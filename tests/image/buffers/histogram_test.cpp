@@ -129,7 +129,8 @@ TEST_F(HistogramPicture, LeavesNoHalfWrittenFile) {
   std::signal(SIGXFSZ, handler);
   EXPECT_EQ(read(), "");
   EXPECT_FALSE(std::filesystem::is_symlink(link));
-  for (const std::int16_t n : {1, 100}) {  // the failure comes when what is buffered is written, or at once
+  // The failure comes when what is buffered is written, or at once.
+  for (const std::int16_t n : std::initializer_list<std::int16_t>{1, 100}) {
     EXPECT_EQ(HistogramPrint(counters.data(), n, "/dev/full"), 0);
   }
   EXPECT_TRUE(std::filesystem::exists("/dev/full"));
