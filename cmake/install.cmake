@@ -4,7 +4,7 @@ install(TARGETS kelmtrova EXPORT kelmtrova LIBRARY DESTINATION ${CMAKE_INSTALL_L
 install(FILES include/kelmtrova/token.h include/kelmtrova/image.h
         DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/kelmtrova)
 install(TARGETS kelmkmgr kelmpkcs LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR}/kelmtrova/simulator)
-install(FILES platform/simulator.h DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/kelmtrova/platform)
+install(FILES platform/simulator.h platform/middleware.h DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/kelmtrova/platform)
 if(KELMTROVA_PROGRAM)
   install(TARGETS kelmtrova_program RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
   configure_file(cmake/kelmtrova-simulated.in ${PROJECT_BINARY_DIR}/kelmtrova-simulated @ONLY)

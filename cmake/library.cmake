@@ -3,6 +3,10 @@
 file(GLOB KELMTROVA_LIBRARY_SOURCES CONFIGURE_DEPENDS
   link/*.cpp token/*.cpp image/support/*.cpp image/buffers/*.cpp image/filters/*.cpp image/ridge/*.cpp
   image/quality/*.cpp)
+# A program may replace the exported transport, trace and lock functions. Told the same of the image toolkit, clang would
+# not inline the templates of the standard library there.
+file(GLOB KELMTROVA_REPLACEABLE_SOURCES CONFIGURE_DEPENDS link/*.cpp token/*.cpp)
+set_source_files_properties(${KELMTROVA_REPLACEABLE_SOURCES} PROPERTIES COMPILE_OPTIONS -fsemantic-interposition)
 
 # The library, or a variant of it for tests that may use the instruction sets up to LEVEL (image/support/dispatch.h).
 function(kelmtrova_add_library name level)
@@ -11,8 +15,6 @@ function(kelmtrova_add_library name level)
     $<BUILD_INTERFACE:${PROJECT_SOURCE_DIR}/include> $<INSTALL_INTERFACE:${CMAKE_INSTALL_INCLUDEDIR}>)
   target_include_directories(${name} PRIVATE ${PROJECT_SOURCE_DIR})
   target_compile_options(${name} PRIVATE -fno-exceptions -fno-rtti -fno-math-errno
-    # A program may replace the exported transport, trace and lock functions.
-    -fsemantic-interposition
     $<$<CONFIG:Release>:-O3>)
   target_compile_definitions(${name} PRIVATE KELM_MAX_LEVEL=${level})
   target_link_libraries(${name} PRIVATE $<BUILD_INTERFACE:kelmtrova_flags> kelmkmgr m ${CMAKE_DL_LIBS})

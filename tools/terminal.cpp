@@ -35,6 +35,18 @@ void Progress::show(std::uint64_t done) {
   std::fflush(stderr);
 }
 
+OutputToError::OutputToError() : output_(dup(STDOUT_FILENO)) {
+  std::fflush(stdout);
+  if (output_ >= 0) dup2(STDERR_FILENO, STDOUT_FILENO);
+}
+
+OutputToError::~OutputToError() {
+  std::fflush(stdout);
+  if (output_ < 0) return;
+  dup2(output_, STDOUT_FILENO);
+  close(output_);
+}
+
 namespace {
 
 // Switches the terminal's echo off for as long as it lives.

@@ -1,4 +1,5 @@
-// What the program does only on a terminal: progress, and secrets typed without an echo.
+// The program's standard streams: progress and secrets typed without an echo, both on a terminal only, and what is kept
+// off standard output.
 #pragma once
 
 #include <cstdint>
@@ -20,6 +21,19 @@ class Progress {
   std::uint64_t total_;
   int shownPercent_ = -1;
   bool active_;
+};
+
+// Standard output goes to standard error for as long as it lives, so that what a library prints by itself does not get
+// between the lines of a result.
+class OutputToError {
+ public:
+  OutputToError();
+  ~OutputToError();
+  OutputToError(const OutputToError &) = delete;
+  OutputToError &operator=(const OutputToError &) = delete;
+
+ private:
+  int output_;
 };
 
 // One line of standard input; on a terminal it is asked for by `question` and not shown while it is typed.

@@ -134,9 +134,12 @@ void Session::verifyPin(const std::string &given) {
   const std::string pin = given.empty() || given == "-" ? readSecret("PIN: ") : given;
   if (pin.empty() || pin.size() > kLongest) throw Failure(kExitUsage, "a PIN has 1 to 16 characters");
   std::uint8_t triesLeft = 0;
-  const std::uint64_t result =
-      KelmSCardVerifyUserPinBio(device(), reinterpret_cast<std::uintptr_t>(pin.data()),
-                                static_cast<std::uint8_t>(pin.size()), reinterpret_cast<std::uintptr_t>(&triesLeft));
+  const std::uint64_t result = [&] {
+    const OutputToError redirected;
+    return KelmSCardVerifyUserPinBio(device(), reinterpret_cast<std::uintptr_t>(pin.data()),
+                                     static_cast<std::uint8_t>(pin.size()),
+                                     reinterpret_cast<std::uintptr_t>(&triesLeft));
+  }();
   const std::string number = " [" + resultNumber(result) + "]";
   if (result == KELM_RESULT_BLOCKED) {
     throw Failure(kExitRefused, "the PIN is blocked" + number + "; `kelmtrova token unblock` gives its tries back",
