@@ -17,6 +17,18 @@ function(kelmtrova_add_test_program name)
     BUILD_RPATH "${PROJECT_BINARY_DIR}/lib;${PROJECT_BINARY_DIR}/lib/simulator")
 endfunction()
 
+# ThreadSanitizer cannot do without its own malloc family, which the other tests replace; they have one thread.
+if(KELMTROVA_SANITIZE STREQUAL "thread")
+  add_executable(threads_test tests/robustness/threads_test.cpp)
+  target_include_directories(threads_test PRIVATE ${PROJECT_SOURCE_DIR})
+  target_link_libraries(threads_test PRIVATE kelmtrova_flags GTest::gtest_main kelmtrova::kelmtrova kelmkmgr)
+  target_link_options(threads_test PRIVATE LINKER:--disable-new-dtags)
+  set_target_properties(threads_test PROPERTIES RUNTIME_OUTPUT_DIRECTORY ${PROJECT_BINARY_DIR}/tests
+    BUILD_RPATH "${PROJECT_BINARY_DIR}/lib;${PROJECT_BINARY_DIR}/lib/simulator")
+  add_test(NAME threads COMMAND threads_test)
+  return()
+endif()
+
 foreach(folder link token platform tools robustness)
   file(GLOB sources CONFIGURE_DEPENDS tests/${folder}/*_test.cpp)
   if(sources)
