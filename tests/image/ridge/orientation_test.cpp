@@ -2,7 +2,6 @@
 #include <array>
 #include <cmath>
 
-#include "image/support/trigonometry.h"
 #include "tests/support/allocation.h"
 #include "tests/support/fields.h"
 
@@ -130,28 +129,6 @@ TEST(Orientation, EqualsTheModel) {
       const Bytes image = picture(s.height, s.width, [&, n = levels, by = step](int, int) { return random(n) * by; });
       ASSERT_TRUE(fieldsOf(image, s) == model(image, s)) << s.height << " x " << s.width << " / " << levels;
     }
-  }
-}
-
-// Far more exact than the rounding that is built on them allows for; the signs of zeros included.
-TEST(Orientation, PolynomialsFollowTheCLibrary) {
-  Random random(11);
-  const auto close = [](double value, double expected) {
-    return std::abs(value - expected) <= std::abs(expected) * 0x1p-48 && std::signbit(value) == std::signbit(expected);
-  };
-  const double corners[] = {0.0, -0.0, 1.0, -1.0, 0.41421356237309503, 0x1p-100, -0x1p31};
-  for (const double y : corners) {
-    for (const double x : corners) {
-      EXPECT_PRED2(close, kelm::image::arcTangent(y, x), std::atan2(y, x)) << y << ' ' << x;
-    }
-  }
-  for (int i = 0; i < 200000; ++i) {
-    const double y = (random(65536) - 32768) * std::exp2(random(16));
-    const double x = (random(65536) - 32768) * std::exp2(random(16));
-    ASSERT_PRED2(close, kelm::image::arcTangent(y, x), std::atan2(y, x)) << y << ' ' << x;
-    const double angle = static_cast<double>(static_cast<float>(std::abs(std::atan2(y, x))));
-    ASSERT_PRED2(close, kelm::image::cosineAndSine(angle).cosine, std::cos(angle)) << angle;
-    ASSERT_PRED2(close, kelm::image::cosineAndSine(angle).sine, std::sin(angle)) << angle;
   }
 }
 
