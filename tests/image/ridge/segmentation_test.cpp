@@ -1,5 +1,7 @@
 #include <algorithm>
 #include <cmath>
+#include <set>
+#include <string>
 
 #include "kelmtrova/image.h"
 #include "tests/support/samples.h"
@@ -74,17 +76,24 @@ Heights silhouetteHeights(const Heights &counts, int *first, int *last) {
   return h;
 }
 
+// The ways to a threshold that were taken so far.
+std::set<std::string> ways;
+int via(const std::string &way, int threshold) {
+  ways.insert(way);
+  return threshold;
+}
+
 int silhouetteThreshold(const Heights &counts) {
   int F = 0;
   int L = 0;
   Heights h = silhouetteHeights(counts, &F, &L);
   if (F < 0) {
-    return 0;
+    return via("silhouette, no bar", 0);
   }
   const Extremes e = scan(h, F, L);
   h.resize(261, 0);
   if (e.peaks.empty()) {
-    return 0;
+    return via("silhouette, no peak", 0);
   }
   const int P0 = e.peaks[0];
   const auto kept = [](double v) { return static_cast<int>(v) & 255; };
@@ -92,14 +101,14 @@ int silhouetteThreshold(const Heights &counts) {
     return kept(static_cast<double>(static_cast<float>(p - F) * 1.5F + static_cast<float>(p)));
   };
   if (e.peaks.size() == 1) {
-    return L - P0 < 5 * (P0 - F) ? (F + P0) / 2 : beyond(P0);
+    return L - P0 < 5 * (P0 - F) ? via("silhouette, 1: half", (F + P0) / 2) : via("silhouette, 1: beyond", beyond(P0));
   }
   const int P1 = e.peaks[1];
   const int V = e.valleys[0] > P0 ? e.valleys[0] : e.valleys[1];
   const auto height = [&h](int i) { return h[static_cast<std::size_t>(i)]; };
-  const auto limited = [&](int t) { return t >= P1 ? V : t; };
+  const auto limited = [&](const std::string &way, int t) { return t >= P1 ? via(way + " P1", V) : via(way, t); };
   if (e.peaks.size() > 2) {
-    return height(P0) - height(P0 + 5) > 30 ? limited(beyond(P0)) : V;
+    return height(P0) - height(P0 + 5) > 30 ? limited("silhouette, 3: beyond", beyond(P0)) : via("silhouette, 3", V);
   }
   const auto weak = [&](int p) {
     const std::uint32_t rise = height(p) - height(V);
@@ -108,12 +117,14 @@ int silhouetteThreshold(const Heights &counts) {
   };
   const auto mixed = [&](int p) { return kept(0.6 * beyond(p) + 0.4 * V); };
   if (weak(P0)) {
-    return L - P1 < 3 * (P1 - F) ? (F + P1) / 2 : mixed(P1);
+    return L - P1 < 3 * (P1 - F) ? via("silhouette, 2, first weak: half", (F + P1) / 2)
+                                 : via("silhouette, 2, first weak: mixed", mixed(P1));
   }
   if (weak(P1)) {
-    return L - P0 < 3 * (P0 - F) ? (F + P0) / 2 : limited(mixed(P0));
+    return L - P0 < 3 * (P0 - F) ? via("silhouette, 2, second weak: half", (F + P0) / 2)
+                                 : limited("silhouette, 2, second weak: mixed", mixed(P0));
   }
-  return V;
+  return via("silhouette, 2", V);
 }
 
 int modeThreshold(const Heights &counts) {
@@ -135,13 +146,15 @@ int modeThreshold(const Heights &counts) {
     if (0.3 * at(e.peaks[p]) > at(e.peaks[p]) - at(e.valleys[p])) {
       e.peaks.erase(e.peaks.begin() + static_cast<std::ptrdiff_t>(p));
       e.valleys.erase(e.valleys.begin() + static_cast<std::ptrdiff_t>(p));
+      ways.insert("mode, pruned");
     } else {
       ++p;
     }
   }
   if (e.peaks.empty()) {
-    return 0;
+    return via("mode, no peak", 0);
   }
+  ways.insert("mode, " + std::to_string(std::min<std::size_t>(e.peaks.size(), 3)));
   int T = e.peaks[0];
   while (T > 0 && at(T) != 0) {
     --T;
@@ -153,13 +166,14 @@ int modeThreshold(const Heights &counts) {
     for (int i = 0; i < 128; ++i) {
       (i < e.valleys[0] ? low : high) += h[static_cast<std::size_t>(i)];
     }
-    T = high * 8 < low && e.peaks[0] > 10 ? T : e.valleys[0];
+    const bool faint = high * 8 < low;
+    T = faint && e.peaks[0] > 10 ? via("mode, 2: as one", T) : via(faint ? "mode, 2: low" : "mode, 2", e.valleys[0]);
   } else if (e.peaks.size() > 2) {
     std::size_t q = 0;
     for (std::size_t i = 1; i < e.peaks.size(); ++i) {
       q = at(e.peaks[i]) > at(e.peaks[q]) ? i : q;
     }
-    T = e.valleys[q > 1 ? q - 1 : 0];
+    T = q > 1 ? via("mode, 3: late", e.valleys[q - 1]) : via("mode, 3: early", e.valleys[0]);
   }
   const auto above = std::find_if(e.peaks.begin(), e.peaks.end(), [T](int p) { return p > T; });
   if (above != e.peaks.end()) {
@@ -177,10 +191,12 @@ int modeThreshold(const Heights &counts) {
     }
     if (lo > lower && hi < upper) {
       const float sigma = static_cast<float>((hi - lo) / 2.3545700244418297);
-      T = static_cast<int>(0.8 * (P - 2.5 * static_cast<double>(sigma)) + 0.2 * T);
+      T = via("mode, both halves", static_cast<int>(0.8 * (P - 2.5 * static_cast<double>(sigma)) + 0.2 * T));
+    } else {
+      ways.insert(lo > lower ? "mode, no right half" : "mode, no left half");
     }
   }
-  return static_cast<int>(0.8 * (2 * T));
+  return T < 0 ? via("mode, below 0", static_cast<int>(0.8 * (2 * T))) : static_cast<int>(0.8 * (2 * T));
 }
 
 Bytes pictureOf(const Heights &counts, std::size_t width) {
@@ -243,8 +259,7 @@ Heights corners(const std::vector<std::pair<int, int>> &list) {
   return counts;
 }
 
-// Shapes that take every way to a threshold, as the coverage of branches shows.
-TEST(Thresholds, EqualTheModel) {
+TEST(Thresholds, EveryWayEqualsTheModel) {
   Random random(11);
   const auto between = [&random](double low, double high) { return low + (high - low) * random(4096) / 4096; };
   const auto whole = [&](int low, int high) { return static_cast<int>(between(low, high)); };
@@ -275,8 +290,7 @@ TEST(Thresholds, EqualTheModel) {
     }
     check(humps(list));
   }
-  for (int trial = 0; trial < 300 && !HasFailure();
-       ++trial) {  // ragged and sparse, with bars of all heights side by side
+  for (int trial = 0; trial < 300 && !HasFailure(); ++trial) {  // ragged and sparse, bars of all heights side by side
     Heights counts(256, 0);
     for (std::uint32_t &count : counts) {
       const std::uint32_t r = random();
@@ -284,6 +298,7 @@ TEST(Thresholds, EqualTheModel) {
     }
     check(counts);
   }
+  EXPECT_EQ(ways.size(), 26U) << "all that the models have: " << testing::PrintToString(ways);
 }
 
 TEST(Thresholds, RefuseNoPicture) {
