@@ -1,6 +1,7 @@
 // An image to the token, in blocks of whole lines.
 #include <algorithm>
 #include <cstdint>
+#include <cstring>
 
 #include "kelmtrova/token.h"
 #include "link/exchange.h"
@@ -16,7 +17,6 @@ using link::Response;
 constexpr std::uint64_t kBlockPixels = KELM_MAX_LINE_LENGTH;
 constexpr std::uint64_t kLastFirstLine = 0xFFFF;
 constexpr std::uint8_t kBlockHeader = 8;  // bytes of a block before its pixels
-constexpr std::size_t kDownloadRoom = 300;
 
 constexpr std::uint16_t kDownloadStatus[] = {KELM_SW_WRONG_LENGTH, KELM_SW_INCORRECT_DATA, KELM_SW_DEVICE_6AFB,
                                              KELM_SW_WRONG_P1P2, KELM_SW_NOT_LOCKED};
@@ -29,7 +29,7 @@ struct Block {
 };
 
 // The command is written whole for every block: a GET RESPONSE overwrites its first five bytes.
-std::uint16_t sendBlock(const SCardConnection *handle, const Block &block, std::uint8_t *command, Response &response) {
+std::uint16_t sendBlock(const SCardConnection *handle, const Block &block, Response &response) {
   const std::uint8_t header[link::kCommandHeaderLength + kBlockHeader] = {
       0x80,
       0xF7,
@@ -44,9 +44,12 @@ std::uint16_t sendBlock(const SCardConnection *handle, const Block &block, std::
       0,
       0,
       0};
+  std::uint8_t command[sizeof header + kBlockPixels];
   std::copy_n(header, sizeof header, command);
   std::copy_n(block.source, block.pixels, command + sizeof header);
-  return link::exchange(handle, command, sizeof header + block.pixels, response);
+  const std::uint16_t retV = link::exchange(handle, command, sizeof header + block.pixels, response);
+  explicit_bzero(command, sizeof command);
+  return retV;
 }
 
 // All blocks of an image, up to the first refusal: the last status word, 0 when there was nothing to send.
@@ -59,11 +62,10 @@ std::uint16_t sendImage(const SCardConnection *handle, const TokenImage &image) 
     return Block{static_cast<std::uint16_t>(firstLine), static_cast<std::uint8_t>(lines),
                  static_cast<std::uint8_t>(lines * image.dwLineLen), image.pbPixels + firstLine * image.dwLineLen};
   };
-  std::uint8_t command[kDownloadRoom] = {};
   Response response;
   std::uint16_t retV = 0;
   for (std::uint64_t number = 0; number < fullBlocks; ++number) {
-    retV = sendBlock(handle, blockAt(number, linesPerBlock), command, response);
+    retV = sendBlock(handle, blockAt(number, linesPerBlock), response);
     MYTRACE("KelmTrovaDownloadImage Loop No: %d, SCardAPDU return retV=%04X, dwRespLen=%d", static_cast<int>(number),
             static_cast<unsigned>(retV), static_cast<int>(response.dwRespLen));
     if (retV != KELM_SW_SUCCESS) {
@@ -71,7 +73,7 @@ std::uint16_t sendImage(const SCardConnection *handle, const TokenImage &image) 
     }
   }
   if (restLines != 0) {
-    retV = sendBlock(handle, blockAt(fullBlocks, restLines), command, response);
+    retV = sendBlock(handle, blockAt(fullBlocks, restLines), response);
     traceExit("KelmTrovaDownloadImage rest line SCardAPDU return retV=%04X, dwRespLen=%d", retV, response);
   }
   return retV;

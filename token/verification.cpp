@@ -55,7 +55,9 @@ void recordBlock(const SCardConnection *handle) {
   }
   response.bytes[kBlockedByte] |= kBlockedBit;
   std::memcpy(update + link::kCommandHeaderLength, response.bytes, kRecordLength);
+  link::wipe(response);
   fileCommand(handle, update, response);
+  explicit_bzero(update, sizeof update);
 }
 
 // MATCH under the lock. `first` becomes the first data byte, 0 when there is none.

@@ -1,7 +1,9 @@
 #include "tests/support/allocation.h"
 
+#include <malloc.h>
+
+#include <algorithm>
 #include <cerrno>
-#include <cstddef>
 
 #if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
 #define REAL(name) __interceptor_##name
@@ -23,6 +25,7 @@ struct State {
   std::uint64_t count;
   std::uint64_t failing;
   std::int64_t outstanding;
+  bool secretReleased;
 };
 thread_local State state;
 
@@ -66,6 +69,7 @@ void *realloc(void *block, std::size_t size) noexcept {
 void free(void *block) noexcept {
   if (state.watching && block != nullptr) {
     --state.outstanding;
+    state.secretReleased |= kelm::test::holdsSecret(static_cast<std::uint8_t *>(block), malloc_usable_size(block));
   }
   REAL(free)(block);
 }
@@ -75,11 +79,17 @@ void free(void *block) noexcept {
 
 namespace kelm::test {
 
-AllocationWatch::AllocationWatch(std::uint64_t failing) { state = {true, 0, failing, 0}; }
+// More than the few bytes by which a block may be larger than was asked for.
+bool holdsSecret(const std::uint8_t *bytes, std::size_t count) {
+  return std::search_n(bytes, bytes + count, 16, kSecret) != bytes + count;
+}
+
+AllocationWatch::AllocationWatch(std::uint64_t failing) { state = {true, 0, failing, 0, false}; }
 AllocationWatch::~AllocationWatch() { state.watching = false; }
 std::uint64_t AllocationWatch::allocations() const { return state.count; }
 bool AllocationWatch::failed() const { return state.failing != 0 && state.count >= state.failing; }
 std::int64_t AllocationWatch::outstanding() const { return state.outstanding; }
+bool AllocationWatch::secretReleased() const { return state.secretReleased; }
 
 AllocationPause::AllocationPause() : watching_(state.watching) { state.watching = false; }
 AllocationPause::~AllocationPause() { state.watching = watching_; }

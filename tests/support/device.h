@@ -15,6 +15,7 @@
 #include <vector>
 
 #include "kelmtrova/token.h"
+#include "tests/support/allocation.h"
 
 namespace kelm::test {
 
@@ -69,6 +70,7 @@ extern "C" __attribute__((visibility("default"), used)) inline std::int32_t Icc_
     static const auto own = reinterpret_cast<Entry *>(dlsym(RTLD_NEXT, "Icc_tsi_apiKelmDev"));
     return own(handle, commandLength, command, answerLength, answer);
   }
+  const AllocationPause ownMemory;
   ++device.exchanges;
   if (device.fixed != nullptr) {
     return deliver(*device.fixed, answerLength, answer);

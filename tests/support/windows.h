@@ -12,8 +12,8 @@ struct Window {
 
 // Every length up to 130 in each direction, every window on small images, and a few large ones.
 inline std::vector<Window> windows() {
-  std::vector<Window> all = {
-      {361, 257, 31, 9}, {130, 1025, 9, 9}, {520, 33, 255, 255}, {3, 2000, 201, 3}, {1000, 1, 9, 99}};
+  std::vector<Window> all = {{361, 257, 31, 9}, {130, 1025, 9, 9},   {40, 33, 5, 7},    {33, 40, 17, 15},
+                             {41, 32, 5, 17},   {520, 33, 255, 255}, {3, 2000, 201, 3}, {1000, 1, 9, 99}};
   for (int n = 1; n <= 130; ++n) {
     const int size = 7 * n % 40;
     all.push_back({1 + n % 21, n, size, 1 + n % 12});

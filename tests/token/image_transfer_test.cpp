@@ -110,6 +110,7 @@ TEST(ImageTransfer, WhatIsRefusedUnsent) {
     EXPECT_EQ(KelmTrovaDownloadImage(expected.handle, &expected.image), expected.result);
     EXPECT_EQ(device.exchanges, 0U);
     EXPECT_EQ(device.log.front(), "Enter KelmTrovaDownloadImage");
+    EXPECT_NE(device.log.back(), "lock");
   }
   EXPECT_EQ(KelmTrovaDownloadImage(&connection, nullptr), 0x8000B002);
   // The largest images: the last block starts at line 65535, or at 65520 with 240 lines.

@@ -12,12 +12,16 @@ namespace {
 constexpr std::uint8_t kUntouched = 0xA5;
 const std::set<std::uint32_t> kPassedOn = {0x6982, 0x6A07, 0x6A08, 0x6A0B, 0x6A11, 0x6A12, 0x6A13, 0x6A14, 0x9909};
 
-// Answers the slot count (10), MATCH with `status` and slot 4, and the file commands with 0x9000 and `record`.
+// Answers the slot count (10), MATCH with `status` and slot 4, and the file commands with 0x9000 and `record`; a
+// command with the instruction `refused` it refuses.
 struct MatchingToken {
   std::int32_t status = 0x9000;
   Bytes record = {1, 2, 3, 4};
+  std::uint8_t refused = 0;
   Answer operator()(const Bytes &command) const {
-    switch (command[1]) {
+    switch (command[1] == refused ? 0 : command[1]) {
+      case 0:
+        return {.status = 0x6A82};
       case 0xF9:
         return {.data = {10}};
       case 0xFD:
@@ -25,7 +29,7 @@ struct MatchingToken {
       case 0xB0:
         return {.data = record};
       default:
-        return {};
+        return {.data = Bytes(8, 0xEE)};
     }
   }
 };
@@ -58,21 +62,23 @@ TEST(Verification, EveryStatusWord) {
     restart();
     device.answer = MatchingToken{static_cast<std::int32_t>(status)};
     std::uint8_t tries[2] = {kUntouched, kUntouched};
-    std::uint8_t slots[3] = {kUntouched, 3, kUntouched};
+    const auto useSlot = static_cast<std::uint16_t>(~status & 1);
+    const std::uint8_t none = useSlot != 0 ? 0 : kUntouched;
+    std::uint8_t slots[3] = {kUntouched, 3, none};
     ASSERT_EQ(KelmTrovaFeatureVerify(&connection, 0, 3, &tries[0]), expectedResult(kVerify, status));
     const bool blocked = status == 0x63C0 || status == 0x6983;
     ASSERT_EQ(device.exchanges, blocked ? 5U : 2U) << status;
     ASSERT_EQ(KelmTrovaFeatureIdentify(&connection, 1, &slots[0], &tries[1]), expectedResult(kIdentify, status));
     ASSERT_EQ(device.exchanges, blocked ? 9U : 3U) << status;
     ASSERT_EQ(KelmTrovaFeatureVerifyTest(&connection, 0x100, &slots[1]), expectedResult(kTestOneToOne, status));
-    ASSERT_EQ(KelmTrovaFeatureVerifyTest(&connection, 0, &slots[2]), expectedResult(kTestOneToMany, status));
+    ASSERT_EQ(KelmTrovaFeatureVerifyTest(&connection, useSlot, &slots[2]), expectedResult(kTestOneToMany, status));
     ASSERT_EQ(device.exchanges, blocked ? 13U : 7U) << status;
     const int left = blocked ? 0 : status >> 4 == 0x63C ? static_cast<int>(status & 15) : kUntouched;
     ASSERT_EQ(tries[0], left) << status;
     ASSERT_EQ(tries[1], left) << status;
     ASSERT_EQ(slots[0], status == 0x9000 ? 4 : kUntouched) << status;
     ASSERT_EQ(slots[1], 3) << status;
-    ASSERT_EQ(slots[2], status == 0x9000 ? 4 : kUntouched) << status;
+    ASSERT_EQ(slots[2], status == 0x9000 ? 4 : none) << status;
   }
 }
 
@@ -128,6 +134,7 @@ TEST(Verification, RefusedBeforeMatching) {
   EXPECT_EQ(KelmTrovaFeatureVerifyTest(&connection, 0, nullptr), 0x8000B002);
   EXPECT_EQ(KelmTrovaFeatureIdentify(&connection, 0, nullptr, &byte), 0x8000B002);
   EXPECT_EQ(KelmTrovaFeatureIdentify(&connection, 0, &byte, nullptr), 0x8000B002);
+  EXPECT_EQ(device.log.back(), "unlock");
   for (const std::string &line : device.log) {
     EXPECT_NE(line.substr(0, 5), "80 FD");
   }
@@ -157,5 +164,12 @@ TEST(Verification, BlockIsRecorded) {
                  [](const std::string &line) { return line[2] == ' ' || line == "unlock"; });
     EXPECT_EQ(sent, (std::vector<std::string>{"80 F9 04 06 01", "unlock", "80 FD 06 03 01", "00 A4 00 00 02 00 40",
                                               "00 B0 00 68 04", "00 D6 00 68 04 " + written, "unlock"}));
+  }
+  for (const auto &[refused, exchanges] : {std::pair{std::uint8_t{0xA4}, 3U}, std::pair{std::uint8_t{0xB0}, 4U}}) {
+    restart();
+    device.answer = MatchingToken{0x63C0, {}, refused};
+    std::uint8_t tries = kUntouched;
+    EXPECT_EQ(KelmTrovaFeatureVerify(&connection, 0, 3, &tries), 0x80006983);
+    EXPECT_EQ(device.exchanges, exchanges);
   }
 }

@@ -13,13 +13,13 @@ Random numbers(42);
 template <typename T>
 using Mask = std::vector<T>;
 
-// Mostly foreground, with holes; `arbitrary` draws any value instead of 0 and 1.
+// Mostly foreground, with holes, or, for dilations, the contrary; `arbitrary` draws any value instead of 0 and 1.
 template <typename T>
-Mask<T> randomMask(int height, int width, bool arbitrary) {
-  const int holes = 2 + numbers(60);
+Mask<T> randomMask(int height, int width, bool arbitrary, bool sparse = false) {
+  const int holes = 2 + numbers(sparse ? 10 : 60);
   return picture<T>(height, width, [&](int, int) {
     const int value = numbers(65536);
-    return numbers(holes) == 0 ? 0 : arbitrary ? value : 1;
+    return (numbers(holes) == 0) != sparse ? 0 : arbitrary ? value : 1;
   });
 }
 
@@ -98,9 +98,9 @@ TEST(CountMorphology, EqualsPlainModel) {
   for (const auto &[h, w, x, y] : windows()) {
     SCOPED_TRACE(testing::Message() << h << " x " << w << ", window " << x << " x " << y);
     const bool arbitrary = ++index % 3 == 0;
-    const auto bytes = randomMask<std::uint8_t>(h, w, arbitrary);
-    const auto wide = randomMask<std::uint16_t>(h, w, arbitrary);
     for (const bool dilate : {false, true}) {
+      const auto bytes = randomMask<std::uint8_t>(h, w, arbitrary, dilate);
+      const auto wide = randomMask<std::uint16_t>(h, w, arbitrary, dilate);
       const auto onBytes = dilate ? BWDilateFast : BWErodeFast;
       if (x * y <= 255) {
         ASSERT_TRUE(gives(modelByCount(bytes, h, w, x, y, dilate), index, onBytes, bytes, h, w, x, y));

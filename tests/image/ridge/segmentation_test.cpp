@@ -328,8 +328,8 @@ TEST(Complexity, EqualsTheModelOnPicturesOfAllSizes) {
   for (int size = 0; size < 120; ++size) {
     const int height = size < 3 ? 40 : 3 + random(60);
     const int width = size < 3 ? 16500 + size : 3 + random(300);
-    const Bytes mask = picture(height, width, [&](int, int) {
-      const int kind = random(8);
+    const Bytes mask = picture(height, width, [&](int, int y) {
+      const int kind = size == 0 ? y : random(8);  // full rows fill up the lanes of counters
       return kind == 0 ? 0 : kind == 1 ? random(256) : 255;
     });
     int area = 0;
