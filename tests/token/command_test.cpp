@@ -237,8 +237,7 @@ TEST(Command, NothingIsLeftInMemory) {
   Bytes bytes(kSecret * sizeof(TemplateIndexEntry), kSecret);
   const TokenImage image = {3, 100, 0, bytes.data()};
   const TemplateIndexEntry record = {};
-  std::uint8_t slot = 0;
-  std::uint8_t tries = 0;
+  std::uint8_t slot = 0, tries = 0;
   std::uint64_t length = 0;
   const std::function<std::uint64_t()> calls[] = {
       [&] { return KelmTrovaGetDeviceInfo(&connection, bytes.data(), &length); },
