@@ -2,6 +2,7 @@
 #include <array>
 #include <cmath>
 
+#include "bench/plain_frequency.h"
 #include "kelmtrova/image.h"
 #include "tests/support/samples.h"
 
@@ -21,108 +22,23 @@ Field constantField(int height, int width, int direction) {
   return {rows, cols, Shorts(static_cast<std::size_t>(rows * cols), static_cast<std::int16_t>(direction))};
 }
 
-// One cell after the other, point by point.
-class Model {
- public:
-  Model(const Bytes &image, int height, int width) : image_(image), height_(height), width_(width) {}
+FingerprintBlockField recordOf(const Field &field, std::int16_t *directions) {
+  return {8, static_cast<std::uint16_t>(field.rows), static_cast<std::uint16_t>(field.cols), directions};
+}
 
-  Bytes map(const Field &field) {
-    Bytes cells;
-    for (int y = 0; y < height_ / 4 * 4; y += 4) {
-      for (int x = 0; x < width_ / 4 * 4; x += 4) {
-        const int bx = std::min(x / 8, field.cols - 1);
-        const int by = std::min(y / 8, field.rows - 1);
-        int d = field.data[static_cast<std::size_t>(bx + field.cols * (field.rows - 1 - by))];
-        if (d < -180 || d > 180) {
-          d %= 180;
-        }
-        const double angle = static_cast<float>((d < 0 ? d + 180 : d) * 3.141592653589793 / 180.0);
-        sample(x, y, static_cast<int>(std::cos(angle) * 256.0), static_cast<int>(std::sin(angle) * 256.0));
-        cells.push_back(static_cast<std::uint8_t>(std::min(255, value())));
-      }
-    }
-    return cells;
-  }
-
- private:
-  void sample(int x, int y, int c, int s) {
-    for (int k = -16; k <= 16; ++k) {
-      int sum = 0;
-      int count = 0;
-      for (int j = -2; j <= 2; ++j) {
-        const int sign = j < 0 ? -1 : 1;
-        const int px = x - ((k * s) >> 8) + sign * ((std::abs(j) * c) >> 8);
-        const int py = y + ((k * c) >> 8) + sign * ((std::abs(j) * s) >> 8);
-        if (px >= 0 && px < width_ && py >= 0 && py < height_) {
-          sum += image_[static_cast<std::size_t>(py * width_ + px)];
-          ++count;
-        }
-      }
-      if (count > 0) {
-        p_[k + 16] = sum / count;
-      }
-    }
-  }
-
-  // direction 1: peaks; -1: valleys, which are the peaks of the negated profile.
-  std::vector<int> turns(int direction) const {
-    std::vector<int> list;
-    int start = -1;
-    int end = -1;
-    for (int i = 1; i <= 31; ++i) {
-      const int a = direction * p_[i - 1];
-      const int b = direction * p_[i];
-      const int c = direction * p_[i + 1];
-      start = a < b && b >= c ? i : start;
-      end = a <= b && b > c ? i : end;
-      if (start >= 0 && end >= start) {
-        list.push_back((start + end) / 2);
-        start = end = -1;
-      }
-    }
-    return list;
-  }
-
-  int value() const {
-    const std::vector<int> peaks = turns(1);
-    const std::vector<int> valleys = turns(-1);
-    if (peaks.size() > 2 || valleys.size() > 2) {
-      const std::vector<int> &list = peaks.size() > 2 ? peaks : valleys;
-      int gaps[100] = {};
-      for (std::size_t i = 1; i < list.size(); ++i) {
-        ++gaps[list[i] - list[i - 1]];
-      }
-      int best = 0;
-      int common = 0;
-      for (int d = 2; d <= 49; ++d) {
-        const int sum = gaps[d - 1] + gaps[d] + gaps[d + 1];
-        common = sum >= best ? d : common;
-        best = std::max(best, sum);
-      }
-      return 8 * common;
-    }
-    if (peaks.size() == 2 && valleys.size() == 2) {
-      const int span = peaks[0] > valleys[0] ? peaks[1] - valleys[0] : valleys[1] - peaks[0];
-      return 2 * (8 * span / 3);
-    }
-    return 255;
-  }
-
-  const Bytes &image_;
-  int height_, width_;
-  int p_[33] = {};
-};
+Bytes modelMap(const Bytes &image, int height, int width, Field field) {
+  return kelm::bench::PlainFrequency().run(image.data(), height, width, recordOf(field, field.data.data()));
+}
 
 // The function on a picture and a field that lie hard against pages that cannot be touched, against the model.
 testing::AssertionResult equalsModel(const Bytes &image, int height, int width, const Field &field, int round = 0) {
   const Guarded<std::uint8_t> pixels(image, guardOf(round));
   const Guarded<std::int16_t> directions(field.data, guardOf(round));
-  const FingerprintBlockField record = {8, static_cast<std::uint16_t>(field.rows),
-                                        static_cast<std::uint16_t>(field.cols), directions.data()};
+  const FingerprintBlockField record = recordOf(field, directions.data());
   std::uint8_t *map = nullptr;
   EXPECT_EQ(call(FpGetFrequency, pixels.data(), height, width, &record, &map), 0);
   const Owned<std::uint8_t> owner(map);
-  return same(map, Model(image, height, width).map(field));
+  return same(map, modelMap(image, height, width, field));
 }
 
 TEST(Frequency, StripesOfKnownPeriod) {
@@ -131,7 +47,7 @@ TEST(Frequency, StripesOfKnownPeriod) {
     const Bytes image = picture(64, 64, [p = period](int, int y) { return y % p < p / 2 ? 200 : 50; });
     const Field field = constantField(64, 64, 0);
     ASSERT_TRUE(equalsModel(image, 64, 64, field));
-    const Bytes map = Model(image, 64, 64).map(field);
+    const Bytes map = modelMap(image, 64, 64, field);
     for (std::size_t i = 5; i < 11; ++i) {
       EXPECT_EQ(std::count(&map[16 * i + 5], &map[16 * i + 11], expected), 6) << i;
     }
