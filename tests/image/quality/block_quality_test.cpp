@@ -1,6 +1,7 @@
 #include <algorithm>
 #include <cmath>
 
+#include "bench/plain_quality.h"
 #include "kelmtrova/image.h"
 #include "tests/support/samples.h"
 
@@ -10,46 +11,25 @@ using namespace kelm::test;
 using Grades = Bytes;
 
 std::int16_t s16(int value) { return static_cast<std::int16_t>(value); }
-std::uint8_t u8(int value) { return static_cast<std::uint8_t>(value); }
 
-// The grades of the blocks, each row at the stride of the map; from direction maps.
-Grades plainQuality(const std::uint16_t *const *grads, int height, int width) {
-  const int gcols = width / 4;
-  const int brows = height / 16;
-  const int bcols = width / 16;
-  const int cols = (width - 1) / 16 + 1;
-  Grades packed(static_cast<std::size_t>(brows * bcols));
-  for (int by = 0; by < brows; ++by) {
-    for (int bx = 0; bx < bcols; ++bx) {
-      int counter[4] = {};
-      unsigned total = 0;
-      for (int cell = 0; cell < 16; ++cell) {
-        const int i = (4 * by + cell / 4) * gcols + 4 * bx + cell % 4;
-        int sum = 0;
-        int dominant = 0;
-        for (int d = 0; d < 4; ++d) {
-          sum += s16(grads[d][i]);
-          dominant = s16(grads[d][i]) < s16(grads[dominant][i]) ? d : dominant;
-        }
-        ++counter[dominant];
-        total += u8(std::min(sum >> 2, 255));
-      }
-      const float coherence = static_cast<float>(*std::max_element(counter, counter + 4)) / 16.0F;
-      packed[static_cast<std::size_t>(by * bcols + bx)] =
-          u8(static_cast<int>(static_cast<float>(total / 16) * coherence));
-    }
+// Each row at the stride of the map.
+Grades modelGrades(const std::uint16_t *const *grads, int height, int width) {
+  kelm::bench::Maps maps;
+  for (int d = 0; d < 4; ++d) {
+    maps.emplace_back(grads[d], grads[d] + (height / 4) * (width / 4));
   }
-  MeanSmooth(packed.data(), packed.data(), s16(brows), s16(bcols));
+  const Grades packed = kelm::bench::plainQuality(maps, height, width);
+  const int cols = (width - 1) / 16 + 1;
   Grades grades(static_cast<std::size_t>(((height - 1) / 16 + 1) * cols), 0);
-  for (int by = 0; by < brows; ++by) {
-    std::copy_n(packed.begin() + by * bcols, bcols, grades.begin() + by * cols);
+  for (int by = 0; by < height / 16; ++by) {
+    std::copy_n(packed.begin() + by * (width / 16), width / 16, grades.begin() + by * cols);
   }
   return grades;
 }
 
 void expectGrades(const BlockQualityMap &map, const std::uint16_t *const *grads, int height, int width) {
   const Owned<std::uint8_t> owner(map.grades);
-  const Grades expected = plainQuality(grads, height, width);
+  const Grades expected = modelGrades(grads, height, width);
   ASSERT_EQ(expected.size(), static_cast<std::size_t>(map.rows * map.cols));
   EXPECT_TRUE(same(map.grades, expected)) << height << " x " << width;
 }

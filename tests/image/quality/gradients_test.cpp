@@ -1,33 +1,10 @@
+#include "bench/plain_quality.h"
 #include "kelmtrova/image.h"
 #include "tests/support/samples.h"
 
 namespace {
 
 using namespace kelm::test;
-using Map = std::vector<std::uint16_t>;
-
-constexpr int kSteps[4][2] = {{1, 0}, {1, -1}, {0, 1}, {1, 1}};
-
-// `border`: points left at 0 at the far edges.
-Map plainGradients(const std::uint8_t *image, int height, int width, int direction, int step, int border) {
-  const int rows = height / step;
-  const int cols = width / step;
-  return picture<std::uint16_t>(rows, cols, [&](int gx, int gy) {
-    const bool inside = gy > 0 && gx > 0 && gy < rows - border && gx < cols - border;
-    const auto neighbour = [&](int k) {
-      return int{image[(gy * step + k * kSteps[direction][1]) * width + gx * step + k * kSteps[direction][0]]};
-    };
-    int sum = 0;
-    int differences = 0;
-    for (int k = -3; inside && k <= 3; ++k) {
-      sum += neighbour(k);
-    }
-    for (int k = -3; inside && k <= 3; ++k) {
-      differences += k == 0 ? 0 : std::abs(neighbour(k) - sum / 7);
-    }
-    return differences;
-  });
-}
 
 void release(std::uint16_t **maps) {
   for (int d = 0; maps != nullptr && d < 4; ++d) {
@@ -42,11 +19,13 @@ void compare(int height, int width, int step, Random &random) {
       picture(height, width, [&](int, int) { return random(4) == 0 ? 255 : random(256); }), guardOf(width));
   std::uint16_t **maps = call(FpGetImg4DirectionGradsEx, image.data(), height, width, step);
   ASSERT_NE(maps, nullptr);
-  for (int d = 0; d < 4; ++d) {
-    EXPECT_TRUE(same(maps[d], plainGradients(image.data(), height, width, d, step, 1)));
+  const kelm::bench::Maps expected = kelm::bench::plainGradients(image.data(), height, width, step);
+  const kelm::bench::Maps alone = kelm::bench::plainGradients(image.data(), height, width, step < 4 ? 4 : step, 0);
+  for (std::size_t d = 0; d < 4; ++d) {
+    EXPECT_TRUE(same(maps[d], expected[d]));
     std::uint16_t *map = nullptr;
     ASSERT_EQ(call(FpGetImg4DirectionGrads, image.data(), height, width, &map, d, step), step < 4 ? 2U : 0U);
-    EXPECT_TRUE(step < 4 || same(map, plainGradients(image.data(), height, width, d, step, 0)));
+    EXPECT_TRUE(step < 4 || same(map, alone[d]));
     std::free(map);
   }
   release(maps);
