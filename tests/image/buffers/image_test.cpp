@@ -124,18 +124,20 @@ TEST(Image, NormalizesAsThePlainLoop) {
 }
 
 // 41 * (1 / 82) is the number just below 0.5 in single precision, where adding 0.5 to it gives 1; in double it does
-// not.
+// not. With the variance 41 * 41 it is a half exactly, and rounded up.
 TEST(Image, NormalizeRoundsInDoublePrecision) {
-  Image image(40002, 100 - 82);
-  std::fill_n(image.begin(), 20000, 100 + 82);
-  image[0] = 100 + 41;
-  image[20000] = 100 - 41;
-  image[20001] = 100 + 82;
-  Image expected = plainNormalize(image, 0, 1);
-  EXPECT_EQ(expected[0], 0);
-  EXPECT_EQ(expected[1], 1);
-  EXPECT_EQ(ImageNormalize(image.data(), 6, 6667, 0, 1), 0);
-  EXPECT_EQ(image, expected);
+  for (const unsigned variance : {1U, 41U * 41U}) {
+    Image image(40002, 100 - 82);
+    std::fill_n(image.begin(), 20000, 100 + 82);
+    image[0] = 100 + 41;
+    image[20000] = 100 - 41;
+    image[20001] = 100 + 82;
+    Image expected = plainNormalize(image, 0, variance);
+    EXPECT_EQ(expected[0], variance == 1 ? 0 : 21);
+    EXPECT_EQ(expected[1], variance == 1 ? 1 : 41);
+    EXPECT_EQ(ImageNormalize(image.data(), 6, 6667, 0, variance), 0);
+    EXPECT_EQ(image, expected);
+  }
 }
 
 TEST(Image, NormalizeAtTheEdges) {
