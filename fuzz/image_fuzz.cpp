@@ -103,14 +103,40 @@ void buffers(Input &input) {
   HistogramGetVariance(histogram);
   HistogramDestroy(histogram);
   ImageFlood(picture.data(), input.byte(), size.rows(), size.columns());
+  ImageClear(picture.data(), size.rows(), size.columns());
 }
 
 void histograms(Input &input) {
   const auto histogram = std::make_unique<Histogram>(input.take<Histogram>());
-  HistogramGetVariance(histogram.get());
+  HistogramGetVariance2(histogram.get(), HistogramGetMean(histogram.get()));
   HistogramSmooth(histogram.get());
   auto counters = input.samples<std::uint32_t>(128);
   HistogramSmooth128(counters.data());
+}
+
+void drawn(Input &input) {
+  const auto n = static_cast<std::int16_t>(input.take<std::int16_t>() % 300);
+  const auto counters = input.samples<std::uint32_t>(static_cast<std::size_t>(std::max<int>(n, 0)));
+  HistogramPrint(counters.data(), n, "/dev/null");
+}
+
+// A stack whose count the caller may have spoilt.
+void stack(Input &input) {
+  ZooList list{};
+  zooInitList(&list, input.take<std::int16_t>());
+  while (!input.empty()) {
+    const std::uint8_t what = input.byte();
+    std::uint32_t entry = input.take<std::uint32_t>();
+    if (what % 4 == 0) {
+      list.count = static_cast<std::int32_t>(entry);
+    } else if (what % 4 == 1) {
+      zooPop(&list, &entry);
+    } else {
+      zooPush(&list, entry);
+    }
+    zooIsListEmpty(&list);
+  }
+  zooClearup(&list);
 }
 
 void fourier(Input &input) {
@@ -197,6 +223,8 @@ void frequency(Input &input) {
   FingerprintBlockField change{};
   FingerprintOrientGrad(&change, &field);
   std::free(change.data);
+  const auto angle = input.take<std::int32_t>();
+  AngleDiffAbs(angle, input.take<std::int32_t>());
   const auto picture = takePicture(input, size);
   std::uint8_t *map = nullptr;
   FpGetFrequency(picture.data(), size.height, size.width, &field, &map);
@@ -271,6 +299,8 @@ constexpr void (*kJobs[])(Input &) = {
     frequency,
     quality,
     continuity,
+    drawn,
+    stack,
 };
 
 }  // namespace

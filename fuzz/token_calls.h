@@ -53,7 +53,8 @@ inline void verifyCall(const SCardConnection *handle, Input &input) {
 
 inline void identifyCall(const SCardConnection *handle, Input &input) {
   const auto outputs = std::make_unique<std::uint8_t[]>(2);
-  KelmTrovaFeatureIdentify(handle, input.byte(), &outputs[0], &outputs[1]);
+  const std::uint8_t mode = input.byte();
+  KelmTrovaFeatureIdentify(handle, mode, mode == UINT8_MAX ? nullptr : &outputs[0], &outputs[1]);
 }
 
 inline void verifyTestCall(const SCardConnection *handle, Input &input) {

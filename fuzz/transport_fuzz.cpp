@@ -1,4 +1,4 @@
-// Token calls over a replaced transport that claims any length and any result.
+// Token calls over a replaced transport that claims any length and any result, and a lock that is not always obtained.
 #include "fuzz/token_calls.h"
 
 namespace {
@@ -26,6 +26,11 @@ extern "C" __attribute__((visibility("default"))) std::int64_t SCardTransmit(std
     return (kind & 8) != 0 ? 1117 : answers->take<std::int64_t>();
   }
   return 0;
+}
+
+extern "C" __attribute__((visibility("default"))) std::uint64_t MyLock(const SCardConnection *handle) {
+  constexpr std::uint8_t kRefusal = 0xA5;
+  return answers->byte() == kRefusal ? 0 : reinterpret_cast<std::uintptr_t>(handle);
 }
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t *data, std::size_t size) {
