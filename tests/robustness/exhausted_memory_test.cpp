@@ -112,8 +112,23 @@ bool stack() {
   ZooList list{};
   zooInitList(&list, 4);
   const int pushed = zooPush(&list, 1);
+  EXPECT_EQ(list.capacity, 4 * pushed);
   zooClearup(&list);
   return pushed == 0;
+}
+
+// The sizes of the fine fields are written first, and the data of the field of changes is let go.
+bool directions() {
+  DirectionFields fields;
+  std::int16_t mark = 0;
+  fields.direction8.data = fields.orientGrad.data = fields.direction16.data = &mark;
+  const bool failed = refused(fields.compute(kIn.data(), {32, 48, 64, 96, 9}));
+  EXPECT_EQ(fields.direction8.rows * 100 + fields.orientGrad.cols, 812);
+  if (failed) {
+    EXPECT_TRUE(fields.direction8.data == &mark && !fields.orientGrad.data && fields.direction16.data == &mark);
+    fields.direction8.data = fields.direction16.data = nullptr;
+  }
+  return failed;
 }
 
 const Case kCases[] = {
@@ -144,10 +159,7 @@ const Case kCases[] = {
     {"MeanSmooth", 1, [] { return refused(MeanSmooth(kIn.data(), kOut.data(), kHeight, kWidth)); }},
     {"FpThresholdingGradsImage", 1, [] { return threshold(FpThresholdingGradsImage); }},
     {"FpThresholdingGradsImageEx", 1, [] { return threshold(FpThresholdingGradsImageEx); }},
-    {"FingerprintGetDirectionFloat", 5,
-     [] {
-       return refused(DirectionFields().compute(kIn.data(), {32, 48, 64, 96, 9}));
-     }},
+    {"FingerprintGetDirectionFloat", 5, directions},
     {"FpGetFrequency", 1, period},
     {"FpGetImg4DirectionGrads", 1, oneGradient},
     {"FpGetImg4DirectionGradsEx", 1, fourGradients},

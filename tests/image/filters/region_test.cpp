@@ -208,7 +208,9 @@ TEST(ZooList, HoldsItsCapacityAndNoMore) {
     EXPECT_EQ(list.items, nullptr) << capacity;
     EXPECT_EQ(list.capacity, capacity);
     EXPECT_EQ(zooPush(&list, 1) + zooPop(&list, &entry), 0);
+    list.items = &entry;  // not the list's to release
     zooClearup(&list);
+    EXPECT_EQ(list.items, &entry);
   }
   zooInitList(nullptr, 1);
   zooClearup(nullptr);
