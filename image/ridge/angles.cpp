@@ -77,41 +77,48 @@ KELM_INLINE void halfAnglesBody(std::int16_t *__restrict degrees, const float *_
 KELM_KERNEL(void, halve, (std::int16_t * degrees, const float *angles, std::size_t n), (degrees, angles, n),
             halfAnglesBody)
 
+// Estimates strip after strip; the values of a strip with any in doubt are asked for one by one.
+template <typename Estimate, typename Ask>
+void inStrips(std::size_t n, Estimate estimateStrip, Ask ask) {
+  for (std::size_t first = 0; first < n; first += kStrip) {
+    const std::size_t end = std::min(first + kStrip, n);
+    if (estimateStrip(first, end - first) != 0) {
+      for (std::size_t i = first; i < end; ++i) {
+        ask(i);
+      }
+    }
+  }
+}
+
 }  // namespace
 
 void pointAngles(float *angles, const std::int32_t *y, const std::int32_t *x, std::size_t n) {
-  for (std::size_t first = 0; first < n; first += kStrip) {
-    const std::size_t end = std::min(first + kStrip, n);
-    if (estimate(angles + first, y + first, x + first, end - first) != 0) {
-      for (std::size_t i = first; i < end; ++i) {
+  inStrips(
+      n, [=](std::size_t first, std::size_t count) { return estimate(angles + first, y + first, x + first, count); },
+      [=](std::size_t i) {
         angles[i] = static_cast<float>(std::atan2(static_cast<double>(y[i]), static_cast<double>(x[i])));
-      }
-    }
-  }
+      });
 }
 
 void cosinesAndSines(float *cosines, float *sines, const float *angles, std::size_t n) {
-  for (std::size_t first = 0; first < n; first += kStrip) {
-    const std::size_t end = std::min(first + kStrip, n);
-    if (estimate(cosines + first, sines + first, angles + first, end - first) != 0) {
-      for (std::size_t i = first; i < end; ++i) {
+  inStrips(
+      n,
+      [=](std::size_t first, std::size_t count) {
+        return estimate(cosines + first, sines + first, angles + first, count);
+      },
+      [=](std::size_t i) {
         cosines[i] = static_cast<float>(std::cos(static_cast<double>(angles[i])));
         sines[i] = static_cast<float>(std::sin(static_cast<double>(angles[i])));
-      }
-    }
-  }
+      });
 }
 
 void halfPointAngles(std::int16_t *degrees, const float *y, const float *x, std::size_t n) {
-  for (std::size_t first = 0; first < n; first += kStrip) {
-    const std::size_t end = std::min(first + kStrip, n);
-    if (estimate(degrees + first, y + first, x + first, end - first) != 0) {
-      for (std::size_t i = first; i < end; ++i) {
+  inStrips(
+      n, [=](std::size_t first, std::size_t count) { return estimate(degrees + first, y + first, x + first, count); },
+      [=](std::size_t i) {
         degrees[i] =
             static_cast<std::int16_t>(halfDegrees(std::atan2(static_cast<double>(y[i]), static_cast<double>(x[i]))));
-      }
-    }
-  }
+      });
 }
 
 void halfAngles(std::int16_t *degrees, const float *angles, std::size_t n) { halve(degrees, angles, n); }
