@@ -5,6 +5,7 @@
 #include <cstring>
 
 #include "bench/bench.h"
+#include "kelmtrova/device_manager.h"
 #include "kelmtrova/token.h"
 
 extern "C" __attribute__((visibility("default"), noinline)) std::int32_t Icc_tsi_apiKelmDev(

@@ -1,10 +1,10 @@
 # libkelmtrova, its headers, the pkg-config file and the CMake package; the stand-ins lie apart, in a folder of their own.
 include(CMakePackageConfigHelpers)
 install(TARGETS kelmtrova EXPORT kelmtrova LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR})
-install(FILES include/kelmtrova/token.h include/kelmtrova/image.h
+install(FILES include/kelmtrova/token.h include/kelmtrova/image.h include/kelmtrova/device_manager.h
+              include/kelmtrova/simulator.h include/kelmtrova/middleware.h
         DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/kelmtrova)
 install(TARGETS kelmkmgr kelmpkcs LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR}/kelmtrova/simulator)
-install(FILES platform/simulator.h platform/middleware.h DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/kelmtrova/platform)
 if(KELMTROVA_PROGRAM)
   install(TARGETS kelmtrova_program RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
   configure_file(cmake/kelmtrova-simulated.in ${PROJECT_BINARY_DIR}/kelmtrova-simulated @ONLY)

@@ -29,7 +29,7 @@ if(KELMTROVA_SANITIZE STREQUAL "thread")
   return()
 endif()
 
-foreach(folder link token platform tools robustness)
+foreach(folder link token devices middleware tools robustness)
   file(GLOB sources CONFIGURE_DEPENDS tests/${folder}/*_test.cpp)
   if(sources)
     kelmtrova_add_test_program(${folder}_test ${sources})

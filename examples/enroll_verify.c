@@ -1,5 +1,5 @@
 /* Enrolls a finger and verifies it, on a simulated token that lives in memory. */
-#include <kelmtrova/platform/simulator.h>
+#include <kelmtrova/simulator.h>
 #include <kelmtrova/token.h>
 #include <stdio.h>
 

@@ -1,5 +1,6 @@
 // Token calls against a device manager whose every answer (status, claimed length, data) comes from the input.
 #include "fuzz/token_calls.h"
+#include "kelmtrova/device_manager.h"
 
 namespace {
 
@@ -11,10 +12,8 @@ constexpr std::array<std::uint16_t, 16> kStatuses{0x9000, 0x9000, 0x9000, 0x9000
 }  // namespace
 
 // The device manager's entry, in place of the simulated token's.
-extern "C" __attribute__((visibility("default"))) std::int32_t Icc_tsi_apiKelmDev(std::uint64_t, std::uint64_t,
-                                                                                  const std::uint8_t *,
-                                                                                  std::uint64_t *answerLength,
-                                                                                  std::uint8_t *answer) {
+std::int32_t Icc_tsi_apiKelmDev(std::uint64_t /*device*/, std::uint64_t /*commandLength*/,
+                                const std::uint8_t * /*command*/, std::uint64_t *answerLength, std::uint8_t *answer) {
   const std::uint8_t kind = answers->byte();
   const std::size_t delivered = std::min<std::size_t>(answers->byte(), *answerLength);
   answers->fill(answer, delivered);

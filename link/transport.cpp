@@ -4,8 +4,8 @@
 #include <cstring>
 #include <limits>
 
+#include "kelmtrova/device_manager.h"
 #include "kelmtrova/token.h"
-#include "link/device_manager.h"
 #include "link/exchange.h"
 
 // The layouts are shared with the caller's connection layer and with the token.

@@ -1,5 +1,6 @@
 # The program as a user has it: on another device manager, and installed.
 add_library(kelmkmgr_other SHARED tests/tools/other_device_manager.c)
+target_include_directories(kelmkmgr_other PRIVATE ${PROJECT_SOURCE_DIR}/include)
 target_link_libraries(kelmkmgr_other PRIVATE kelmtrova_flags)
 set_target_properties(kelmkmgr_other PROPERTIES OUTPUT_NAME kelmkmgr
   LIBRARY_OUTPUT_DIRECTORY ${PROJECT_BINARY_DIR}/lib/other)

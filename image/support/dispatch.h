@@ -1,7 +1,7 @@
 // Cloning of kernels for instruction sets.
 //
-// A kernel is written once, as a plain loop in a function marked KELM_INLINE whose parameters are all it needs. One line
-// clones it for the wider instruction sets and makes the function that picks the clone for the processor at hand:
+// A kernel is written once, as a plain loop in a function marked KELM_INLINE whose parameters are all it needs. One
+// line clones it for the wider instruction sets and makes the function that picks the clone for the processor at hand:
 //
 //   KELM_INLINE void addRowsBody(int32_t *out, const int32_t *in, size_t n) { for (...) ... }
 //   KELM_KERNEL(void, addRows, (int32_t * out, const int32_t *in, size_t n), (out, in, n), addRowsBody)
@@ -12,7 +12,8 @@
 #ifndef KELMTROVA_IMAGE_SUPPORT_DISPATCH_H
 #define KELMTROVA_IMAGE_SUPPORT_DISPATCH_H
 
-// The widest instruction set that this build may use: 0 plain, 1 AVX2, 2 AVX-512. Tests build the library at each level.
+// The widest instruction set that this build may use: 0 plain, 1 AVX2, 2 AVX-512. Tests build the library at each
+// level.
 #ifndef KELM_MAX_LEVEL
 #define KELM_MAX_LEVEL 2
 #endif
@@ -50,9 +51,9 @@ inline InstructionSet instructionSet() {
 #if KELM_MAX_LEVEL >= 2
 #define KELM_CLONE_AVX512(result, name, parameters, arguments, body) \
   KELM_TARGET_AVX512 static result name##Avx512 parameters { return body arguments; }
-#define KELM_PICK_AVX512(name, arguments)                                                   \
-  if (kelm::image::instructionSet() == kelm::image::InstructionSet::kAvx512) {              \
-    return name##Avx512 arguments;                                                          \
+#define KELM_PICK_AVX512(name, arguments)                                      \
+  if (kelm::image::instructionSet() == kelm::image::InstructionSet::kAvx512) { \
+    return name##Avx512 arguments;                                             \
   }
 #else
 #define KELM_CLONE_AVX512(result, name, parameters, arguments, body)
@@ -62,22 +63,22 @@ inline InstructionSet instructionSet() {
 #if KELM_MAX_LEVEL >= 1
 #define KELM_CLONE_AVX2(result, name, parameters, arguments, body) \
   KELM_TARGET_AVX2 static result name##Avx2 parameters { return body arguments; }
-#define KELM_PICK_AVX2(name, arguments)                                                     \
-  if (kelm::image::instructionSet() == kelm::image::InstructionSet::kAvx2) {                \
-    return name##Avx2 arguments;                                                            \
+#define KELM_PICK_AVX2(name, arguments)                                      \
+  if (kelm::image::instructionSet() == kelm::image::InstructionSet::kAvx2) { \
+    return name##Avx2 arguments;                                             \
   }
 #else
 #define KELM_CLONE_AVX2(result, name, parameters, arguments, body)
 #define KELM_PICK_AVX2(name, arguments)
 #endif
 
-#define KELM_KERNEL(result, name, parameters, arguments, body)          \
-  KELM_CLONE_AVX512(result, name, parameters, arguments, body)          \
-  KELM_CLONE_AVX2(result, name, parameters, arguments, body)            \
-  static result name parameters {                                       \
-    KELM_PICK_AVX512(name, arguments)                                   \
-    KELM_PICK_AVX2(name, arguments)                                     \
-    return body arguments;                                              \
+#define KELM_KERNEL(result, name, parameters, arguments, body) \
+  KELM_CLONE_AVX512(result, name, parameters, arguments, body) \
+  KELM_CLONE_AVX2(result, name, parameters, arguments, body)   \
+  static result name parameters {                              \
+    KELM_PICK_AVX512(name, arguments)                          \
+    KELM_PICK_AVX2(name, arguments)                            \
+    return body arguments;                                     \
   }
 
 #endif

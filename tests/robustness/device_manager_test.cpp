@@ -2,6 +2,7 @@
 
 #include <dlfcn.h>
 
+#include "kelmtrova/device_manager.h"
 #include "kelmtrova/token.h"
 #include "tests/support/allocation.h"
 

@@ -14,6 +14,7 @@
 #include <string>
 #include <vector>
 
+#include "kelmtrova/device_manager.h"
 #include "kelmtrova/token.h"
 #include "tests/support/allocation.h"
 
@@ -66,8 +67,7 @@ extern "C" __attribute__((visibility("default"), used)) inline std::int32_t Icc_
     std::uint8_t *answer) {
   using namespace kelm::test;
   if (handle != kScriptedDevice) {
-    using Entry = std::int32_t(std::uint64_t, std::uint64_t, const std::uint8_t *, std::uint64_t *, std::uint8_t *);
-    static const auto own = reinterpret_cast<Entry *>(dlsym(RTLD_NEXT, "Icc_tsi_apiKelmDev"));
+    static const auto own = reinterpret_cast<decltype(&Icc_tsi_apiKelmDev)>(dlsym(RTLD_NEXT, "Icc_tsi_apiKelmDev"));
     return own(handle, commandLength, command, answerLength, answer);
   }
   const AllocationPause ownMemory;

@@ -12,8 +12,8 @@
 #include <string_view>
 #include <vector>
 
+#include "kelmtrova/simulator.h"
 #include "kelmtrova/token.h"
-#include "platform/simulator.h"
 
 namespace kelm::test {
 

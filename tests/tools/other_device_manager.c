@@ -1,11 +1,10 @@
 /* A device manager without the simulator's control functions, as a real one is: one token, behind the handle 7, that
  * knows the device information and the self-test only. */
-#include <stdint.h>
+#include <kelmtrova/device_manager.h>
 #include <string.h>
 
-__attribute__((visibility("default"))) int32_t Icc_tsi_apiKelmDev(uint64_t device, uint64_t commandLength,
-                                                                  const uint8_t *command, uint64_t *answerLength,
-                                                                  uint8_t *answer) {
+int32_t Icc_tsi_apiKelmDev(uint64_t device, uint64_t commandLength, const uint8_t *command, uint64_t *answerLength,
+                           uint8_t *answer) {
   const uint64_t room = *answerLength;
   *answerLength = 0;
   if (device != 7) return 0x6F00;

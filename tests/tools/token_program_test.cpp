@@ -3,7 +3,7 @@
 #include <nlohmann/json.hpp>
 #include <sstream>
 
-#include "platform/simulator.h"
+#include "kelmtrova/simulator.h"
 #include "tests/tools/program.h"
 
 namespace {

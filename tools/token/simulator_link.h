@@ -1,7 +1,7 @@
 // The control functions of the simulated token, looked up while the program runs: a real device manager lacks them.
 #pragma once
 
-#include "platform/simulator.h"
+#include "kelmtrova/simulator.h"
 
 namespace kelm::tools {
 

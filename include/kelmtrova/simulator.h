@@ -1,5 +1,5 @@
 /*
- * platform/simulator.h - control of the simulated token in libkelmkmgr.so, for tests, the demo and the program.
+ * kelmtrova/simulator.h - control of the simulated token in libkelmkmgr.so, for tests, the demo and the program.
  *
  * The simulated token answers the commands that libkelmtrova sends through Icc_tsi_apiKelmDev. It simulates the
  * protocol and the token's bookkeeping, not biometrics: a finger is any run of bytes, the same bytes match, others do
@@ -13,8 +13,8 @@
  * answer is longer than the area (it is lost, the work is done); 0x6F02 when memory is exhausted.
  * docs/simulated-token.md lists what the token answers to each command.
  */
-#ifndef KELMTROVA_PLATFORM_SIMULATOR_H
-#define KELMTROVA_PLATFORM_SIMULATOR_H
+#ifndef KELMTROVA_SIMULATOR_H
+#define KELMTROVA_SIMULATOR_H
 
 #include <stddef.h>
 #include <stdint.h>

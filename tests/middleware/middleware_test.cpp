@@ -4,7 +4,7 @@
 #include <cstring>
 
 #include "kelmtrova/token.h"
-#include "tests/platform/device.h"
+#include "tests/devices/device.h"
 
 namespace {
 

@@ -1,9 +1,9 @@
-#include "platform/token/card.h"
+#include "devices/simulated/card.h"
 
 #include <algorithm>
 #include <cstring>
 
-namespace kelm::platform {
+namespace kelm::devices {
 namespace {
 
 enum Status : std::uint16_t {
@@ -491,4 +491,4 @@ Reply answerCommand(Store &store, PowerSession &session, const std::optional<Fea
   }
 }
 
-}  // namespace kelm::platform
+}  // namespace kelm::devices

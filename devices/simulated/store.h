@@ -1,7 +1,7 @@
 // The memory of a simulated token that survives the loss of power: its files, its parameters and the last image, in an
 // SQLite database.
-#ifndef KELMTROVA_PLATFORM_TOKEN_STORE_H
-#define KELMTROVA_PLATFORM_TOKEN_STORE_H
+#ifndef KELMTROVA_TOKEN_STORE_H
+#define KELMTROVA_TOKEN_STORE_H
 
 #include <sqlite3.h>
 
@@ -15,7 +15,7 @@
 #include <string_view>
 #include <vector>
 
-namespace kelm::platform {
+namespace kelm::devices {
 
 using Bytes = std::vector<std::uint8_t>;
 using ByteView = std::span<const std::uint8_t>;
@@ -154,6 +154,6 @@ class Transaction {
   Store &store_;
 };
 
-}  // namespace kelm::platform
+}  // namespace kelm::devices
 
 #endif

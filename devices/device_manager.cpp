@@ -1,4 +1,6 @@
 // The device manager's entry and the control of the simulated tokens behind it.
+#include "kelmtrova/device_manager.h"
+
 #include <pwd.h>
 #include <unistd.h>
 
@@ -13,15 +15,11 @@
 #include <utility>
 #include <vector>
 
-#include "platform/simulator.h"
-#include "platform/token/card.h"
-#include "platform/token/store.h"
+#include "devices/simulated/card.h"
+#include "devices/simulated/store.h"
+#include "kelmtrova/simulator.h"
 
-extern "C" SIMULATOR_API std::int32_t Icc_tsi_apiKelmDev(std::uint64_t device, std::uint64_t commandLength,
-                                                         const std::uint8_t *command, std::uint64_t *answerLength,
-                                                         std::uint8_t *answer);
-
-namespace kelm::platform {
+namespace kelm::devices {
 namespace {
 
 // The device manager's own codes.
@@ -216,9 +214,9 @@ std::int32_t exchange(Device &device, ByteView command, std::uint64_t capacity, 
 }
 
 }  // namespace
-}  // namespace kelm::platform
+}  // namespace kelm::devices
 
-using namespace kelm::platform;
+using namespace kelm::devices;
 
 std::int32_t Icc_tsi_apiKelmDev(std::uint64_t device, std::uint64_t commandLength, const std::uint8_t *command,
                                 std::uint64_t *answerLength, std::uint8_t *answer) {

@@ -1,4 +1,4 @@
-#include "platform/token/store.h"
+#include "devices/simulated/store.h"
 
 #include <unistd.h>
 
@@ -8,7 +8,7 @@
 #include <cstring>
 #include <filesystem>
 
-namespace kelm::platform {
+namespace kelm::devices {
 namespace {
 
 // "KELT": tells a token's store from other SQLite databases.
@@ -313,4 +313,4 @@ Transaction::~Transaction() {
   }
 }
 
-}  // namespace kelm::platform
+}  // namespace kelm::devices

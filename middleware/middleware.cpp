@@ -1,12 +1,10 @@
-#include "platform/middleware.h"
+#include "kelmtrova/middleware.h"
 
 #include <algorithm>
 #include <array>
 #include <cstdint>
 
-extern "C" std::int32_t Icc_tsi_apiKelmDev(std::uint64_t device, std::uint64_t commandLength,
-                                           const std::uint8_t *command, std::uint64_t *answerLength,
-                                           std::uint8_t *answer);
+#include "kelmtrova/device_manager.h"
 
 namespace {
 

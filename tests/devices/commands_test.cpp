@@ -1,7 +1,7 @@
 // What the simulated token answers, in conversations: the state goes on from line to line.
 #include <algorithm>
 
-#include "tests/platform/device.h"
+#include "tests/devices/device.h"
 
 namespace {
 

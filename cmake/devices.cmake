@@ -1,7 +1,7 @@
-# Stand-ins for the two platform libraries. They are kept apart in lib/simulator, so that on a real system the real
+# Stand-ins for the device manager and the middleware. They are kept apart in lib/simulator, so that on a real system the real
 # ones are used.
 find_package(SQLite3 REQUIRED)
-file(GLOB KELMTROVA_SIMULATOR_SOURCES CONFIGURE_DEPENDS platform/token/*.cpp)
+file(GLOB KELMTROVA_SIMULATOR_SOURCES CONFIGURE_DEPENDS devices/*.cpp devices/simulated/*.cpp)
 
 function(kelmtrova_add_stand_in name folder output)
   add_library(${name} SHARED ${ARGN})
@@ -13,9 +13,9 @@ endfunction()
 
 kelmtrova_add_stand_in(kelmkmgr simulator kelmkmgr ${KELMTROVA_SIMULATOR_SOURCES})
 target_link_libraries(kelmkmgr PRIVATE SQLite::SQLite3)
-kelmtrova_add_stand_in(kelmpkcs simulator kelmpkcs platform/middleware.cpp)
+kelmtrova_add_stand_in(kelmpkcs simulator kelmpkcs middleware/middleware.cpp)
 target_link_libraries(kelmpkcs PRIVATE kelmkmgr)
 # Lacks the entry KelmSCardVerifyUserPin: for the test of that failure.
-kelmtrova_add_stand_in(kelmpkcs_incomplete simulator/incomplete kelmpkcs platform/middleware.cpp)
+kelmtrova_add_stand_in(kelmpkcs_incomplete simulator/incomplete kelmpkcs middleware/middleware.cpp)
 target_compile_definitions(kelmpkcs_incomplete PRIVATE KELMPKCS_WITHOUT_PIN_ENTRY)
 target_link_libraries(kelmpkcs_incomplete PRIVATE kelmkmgr)

@@ -1,6 +1,6 @@
 // A simulated token spoken to in hexadecimal, past the library.
-#ifndef KELMTROVA_TESTS_PLATFORM_DEVICE_H
-#define KELMTROVA_TESTS_PLATFORM_DEVICE_H
+#ifndef KELMTROVA_TESTS_DEVICES_DEVICE_H
+#define KELMTROVA_TESTS_DEVICES_DEVICE_H
 
 #include <gtest/gtest.h>
 
@@ -12,11 +12,8 @@
 #include <string_view>
 #include <vector>
 
-#include "platform/simulator.h"
-
-extern "C" std::int32_t Icc_tsi_apiKelmDev(std::uint64_t device, std::uint64_t commandLength,
-                                           const std::uint8_t *command, std::uint64_t *answerLength,
-                                           std::uint8_t *answer);
+#include "kelmtrova/device_manager.h"
+#include "kelmtrova/simulator.h"
 
 constexpr SimulatorPersonalisation kTenSlots = {10, 5, 3, "2468"};
 

@@ -1,14 +1,14 @@
 // The simulated token's commands: what each does to its memory and what it answers.
-#ifndef KELMTROVA_PLATFORM_TOKEN_CARD_H
-#define KELMTROVA_PLATFORM_TOKEN_CARD_H
+#ifndef KELMTROVA_TOKEN_CARD_H
+#define KELMTROVA_TOKEN_CARD_H
 
 #include <array>
 #include <cstdint>
 #include <optional>
 
-#include "platform/token/store.h"
+#include "devices/simulated/store.h"
 
-namespace kelm::platform {
+namespace kelm::devices {
 
 // What stands for the features of a finger: its length and a digest of its bytes. A finger without bytes has none.
 struct Features {
@@ -41,6 +41,6 @@ struct PowerSession {
 // Carries out one command as one transaction. When the memory fails, the answer is 0x6581 and nothing has changed.
 Reply answerCommand(Store &store, PowerSession &session, const std::optional<Features> &finger, ByteView command);
 
-}  // namespace kelm::platform
+}  // namespace kelm::devices
 
 #endif

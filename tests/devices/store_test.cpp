@@ -5,7 +5,7 @@
 #include <filesystem>
 #include <fstream>
 
-#include "tests/platform/device.h"
+#include "tests/devices/device.h"
 
 namespace {
 
