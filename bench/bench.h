@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Ours against a peer doing the same job on the same pixels in the same run.
 #ifndef KELMTROVA_BENCH_BENCH_H
 #define KELMTROVA_BENCH_BENCH_H

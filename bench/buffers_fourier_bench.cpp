@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The transform against FFTW with its plan made on each call, for ours computes its angles on each call.
 #include <fftw3.h>
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Buffer operations and the histogram against the C library and OpenCV.
 #include <cstdlib>
 #include <cstring>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // What the library adds to an exchange: a device manager that answers at once, called through a command and alone.
 #include <fcntl.h>
 #include <unistd.h>

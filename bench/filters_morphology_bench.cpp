@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Morphology against OpenCV: 3 x 3 against dilate and erode, by count against boxFilter and a threshold.
 #include <cstdint>
 #include <opencv2/imgproc.hpp>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Box sums and means against cv::boxFilter of the same sample types.
 #include <cstdint>
 #include <opencv2/imgproc.hpp>

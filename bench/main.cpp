@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // kelmtrova_bench [FILTER]: times every pair whose name holds FILTER and prints the table.
 #include <time.h>
 

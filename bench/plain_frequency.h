@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // FpGetFrequency as a plain loop, cell after cell and point by point: what the tests compare with and the measurements
 // are made against.
 #ifndef KELMTROVA_BENCH_PLAIN_FREQUENCY_H

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Gradients and block quality as plain loops: what the tests compare with and the measurements are made against.
 #ifndef KELMTROVA_BENCH_PLAIN_QUALITY_H
 #define KELMTROVA_BENCH_PLAIN_QUALITY_H

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Gradients, block quality and continuity: against the loops written down plainly, memcpy, and OpenCV.
 #include <algorithm>
 #include <cstdlib>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // FpGetFrequency against the same job written as a plain loop, and against memcpy of the picture.
 #include <cmath>
 #include <cstdlib>

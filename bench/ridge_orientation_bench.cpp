@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The orientation fields against the same chain of steps in OpenCV.
 #include <cstdlib>
 #include <memory>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Mean smoothing and stripe removal against OpenCV.
 #include <memory>
 #include <opencv2/core.hpp>

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 # script/bench: ours against a peer, in the same run.
 # By hand: the packages of single OpenCV modules come without a CMake package.
 find_path(OPENCV_INCLUDE_DIR opencv2/core.hpp PATH_SUFFIXES opencv4 REQUIRED)

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 # Flags of everything that is built here.
 add_library(kelmtrova_flags INTERFACE)
 target_compile_options(kelmtrova_flags INTERFACE

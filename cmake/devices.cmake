@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 # Stand-ins for the device manager and the middleware. They are kept apart in lib/simulator, so that on a real system the real
 # ones are used.
 find_package(SQLite3 REQUIRED)

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 # script/fuzz: the harnesses of fuzz/ under libFuzzer. The preset `fuzz` builds everything with clang, the sanitizers and
 # the fuzzer's edge counters; the harnesses replace the device manager or the transport by their own.
 find_package(PNG REQUIRED)

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 # libkelmtrova, its headers, the pkg-config file and the CMake package; the stand-ins lie apart, in a folder of their own.
 include(CMakePackageConfigHelpers)
 install(TARGETS kelmtrova EXPORT kelmtrova LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR})

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 # libkelmtrova.so: needs at run time only the C library, the maths library and the device manager, so it is linked by
 # the C compiler, without the C++ runtime.
 file(GLOB KELMTROVA_LIBRARY_SOURCES CONFIGURE_DEPENDS

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 # The command-line program. Its old-style run path also serves the libraries that it loads, directly or not.
 find_package(CLI11 REQUIRED)
 find_package(nlohmann_json REQUIRED)

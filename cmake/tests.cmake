@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 # One test program per folder of tests/. The programs of tests/image run once per instruction set that the library can
 # use: against variants of the library that are limited to a level.
 find_package(GTest REQUIRED)

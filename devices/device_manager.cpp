@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The device manager's entry and the control of the simulated tokens behind it.
 #include "kelmtrova/device_manager.h"
 

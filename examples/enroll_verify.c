@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: Apache-2.0 */
 /* Enrolls a finger and verifies it, on a simulated token that lives in memory. */
 #include <kelmtrova/simulator.h>
 #include <kelmtrova/token.h>

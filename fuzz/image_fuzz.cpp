@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Image functions with any dimensions, windows, steps and contents, in buffers of exactly the size they are said to
 // have.
 #include <array>

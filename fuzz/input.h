@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The bytes of one fuzzing input, taken from the front; when they run out, zeros come.
 #ifndef KELMTROVA_FUZZ_INPUT_H
 #define KELMTROVA_FUZZ_INPUT_H

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The program's readers of PNG and PGM; what they accept is written and read again.
 #include <cstdlib>
 #include <vector>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Runs a harness over files and folders: the corpus in script/test, without a fuzzing engine.
 #include <cstdint>
 #include <cstdio>

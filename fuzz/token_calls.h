@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // A sequence of token calls chosen by the input, with outputs in buffers of exactly the size that the header asks for.
 #ifndef KELMTROVA_FUZZ_TOKEN_CALLS_H
 #define KELMTROVA_FUZZ_TOKEN_CALLS_H

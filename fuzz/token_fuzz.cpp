@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Token calls against a device manager whose every answer (status, claimed length, data) comes from the input.
 #include "fuzz/token_calls.h"
 #include "kelmtrova/device_manager.h"

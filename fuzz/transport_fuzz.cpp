@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Token calls over a replaced transport that claims any length and any result, and a lock that is not always obtained.
 #include "fuzz/token_calls.h"
 

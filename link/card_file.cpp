@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The token's transparent files: read, write, create, erase, and the counter that new template files are named from.
 #include <algorithm>
 #include <cstdint>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // One exchange through SCardAPDU, as the file commands and the token commands make it.
 #ifndef KELMTROVA_LINK_EXCHANGE_H
 #define KELMTROVA_LINK_EXCHANGE_H

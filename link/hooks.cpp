@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The hooks that every token command calls. They are exported so that a tracing or locking build can replace them.
 #include <cstdint>
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // User authentication and PIN check by the token middleware, which is loaded for the one call.
 #include <dlfcn.h>
 

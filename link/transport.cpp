@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Command APDUs to the token and their answers back.
 #include <cstddef>
 #include <cstdint>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // A token command is a description; one function runs them all.
 #ifndef KELMTROVA_TOKEN_COMMAND_H
 #define KELMTROVA_TOKEN_COMMAND_H

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Detection, self-test, device information and the number of template slots.
 #include <cstdint>
 

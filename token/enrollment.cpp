@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Enrollment, the template index and deletion.
 #include <algorithm>
 #include <cstdint>

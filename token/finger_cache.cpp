@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The token's finger cache: read its state, clear it, switch it on and off.
 #include <cstdint>
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // An image to the token, in blocks of whole lines.
 #include <algorithm>
 #include <cstdint>

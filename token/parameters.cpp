@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // One-byte parameters that the token keeps.
 #include <cstdint>
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Verification, identification and the test match.
 #include <cstdint>
 #include <cstring>

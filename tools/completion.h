@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Completion of the program's command line in a shell.
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // How a command of the program gives up: with one clear line and an exit code.
 #pragma once
 

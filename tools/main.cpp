@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // kelmtrova: tokens, fingers, images and pictures from the command line.
 #include "tools/program.h"
 

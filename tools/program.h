@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The program as a function, so that the demo can run its commands too.
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The program's standard streams: progress and secrets typed without an echo, both on a terminal only, and what is kept
 // off standard output.
 #pragma once

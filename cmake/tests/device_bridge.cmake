@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 # Small middlewares for the test of the bridge.
 function(kelmtrova_add_test_middleware name)
   add_library(${name} MODULE tests/link/middleware.cpp)

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 # The public headers alone, in both languages, in strict mode.
 foreach(header token image device_manager simulator middleware)
   add_test(NAME header_${header}_c11 COMMAND ${CMAKE_C_COMPILER} -std=c11 -pedantic -Wall -Wextra -Werror

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 # The fuzzing corpus, replayed against the library as built.
 file(GLOB KELMTROVA_REPLAYED CONFIGURE_DEPENDS fuzz/*_fuzz.cpp)
 foreach(source ${KELMTROVA_REPLAYED})

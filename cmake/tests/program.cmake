@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 # The program as a user has it: on another device manager, and installed.
 add_library(kelmkmgr_other SHARED tests/tools/other_device_manager.c)
 target_include_directories(kelmkmgr_other PRIVATE ${PROJECT_SOURCE_DIR}/include)

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The simulated token's commands: what each does to its memory and what it answers.
 #ifndef KELMTROVA_TOKEN_CARD_H
 #define KELMTROVA_TOKEN_CARD_H

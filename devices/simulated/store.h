@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The memory of a simulated token that survives the loss of power: its files, its parameters and the last image, in an
 // SQLite database.
 #ifndef KELMTROVA_TOKEN_STORE_H

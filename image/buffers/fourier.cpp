@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Radix-2 decimation in frequency: butterflies first, bit reversal afterwards.
 //
 // The butterflies of a stage do not depend on each other, so they may run side by side and in any order. Long signals

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The radix-2 transform of single-precision signals held in two arrays.
 #ifndef KELMTROVA_IMAGE_BUFFERS_FOURIER_H
 #define KELMTROVA_IMAGE_BUFFERS_FOURIER_H

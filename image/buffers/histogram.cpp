@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Grey-level histogram, its statistics and its picture.
 #include "image/buffers/histogram.h"
 

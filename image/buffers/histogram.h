@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Counting grey levels, and the statistics of the counts.
 #ifndef KELMTROVA_IMAGE_BUFFERS_HISTOGRAM_H
 #define KELMTROVA_IMAGE_BUFFERS_HISTOGRAM_H

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Low-pass smoothing of a histogram in the frequency domain (a fourth-order Butterworth-like weight).
 #include "image/buffers/histogram_smoothing.h"
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Low-pass smoothing of a histogram in the frequency domain.
 #ifndef KELMTROVA_IMAGE_BUFFERS_HISTOGRAM_SMOOTHING_H
 #define KELMTROVA_IMAGE_BUFFERS_HISTOGRAM_SMOOTHING_H

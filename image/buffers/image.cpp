@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Elementary operations on grey images.
 #include "kelmtrova/image.h"
 

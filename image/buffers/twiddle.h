@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The factors of the Fourier transform's butterflies.
 //
 // The angle of factor j is a running single-precision sum that starts at 0, and the factors are the cosine and sine of

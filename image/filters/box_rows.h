@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The engine of the box sums of integers: walks the rows of an image once, from top to bottom, and hands every sum to
 // the caller's last step, so that means and thresholds need no image of sums.
 //

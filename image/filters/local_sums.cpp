@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Box sums and box means.
 #include "image/filters/local_sums.h"
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Box sums of images, for the rest of the library. Window sizes, results and borders are those of the exported
 // functions (include/kelmtrova/image.h); arguments are checked in the same way.
 #ifndef KELMTROVA_IMAGE_FILTERS_LOCAL_SUMS_H

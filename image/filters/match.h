@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Which of 64 neighbouring samples lie in a range of grey levels, as the bits of a word: what run finding is made of.
 #ifndef KELMTROVA_IMAGE_FILTERS_MATCH_H
 #define KELMTROVA_IMAGE_FILTERS_MATCH_H

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Dilation and erosion: 3 x 3, and by the count of foreground pixels in a window.
 #include "image/filters/morphology.h"
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Dilation and erosion of masks, for the rest of the library; see the exported functions of the same meaning
 // (include/kelmtrova/image.h). All work in place: 0 success, 1 out of memory, 2 bad argument, mask unchanged unless 0.
 #ifndef KELMTROVA_IMAGE_FILTERS_MORPHOLOGY_H

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Region growing, its stack, and the removal of small areas.
 #include <algorithm>
 #include <cstdlib>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Continuity check: light gaps across a picture.
 #include <algorithm>
 #include <cstring>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Four-direction gradients.
 #include "image/quality/gradients.h"
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Four-direction gradients for the library's own use.
 #ifndef KELMTROVA_IMAGE_QUALITY_GRADIENTS_H
 #define KELMTROVA_IMAGE_QUALITY_GRADIENTS_H

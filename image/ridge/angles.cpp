@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Each loop computes estimates that are within kDoubt of the true values, relatively, and rounds both ends of that
 // range. Where the two agree, the C library's value, which is much closer to the true one, rounds to the same. Where
 // they do not (about one value in 40,000), the C library is asked.

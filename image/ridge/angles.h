@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Angles, their cosines and sines and directions in degrees, many at a time. The results are those of the C library's
 // double-precision functions, rounded or truncated afterwards.
 #ifndef KELMTROVA_IMAGE_RIDGE_ANGLES_H

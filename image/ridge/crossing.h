@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Where a profile across the ridges is sampled: fixed-point steps along and across a ridge direction.
 #ifndef KELMTROVA_IMAGE_RIDGE_CROSSING_H
 #define KELMTROVA_IMAGE_RIDGE_CROSSING_H

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Ridge frequency.
 //
 // The five-point mean that a profile sample is depends on the pixel and on the direction's span only, and all

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 #include "image/ridge/gradient_products.h"
 
 #include <cstring>

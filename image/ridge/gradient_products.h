@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Products of the grey-level gradients, from which the ridge direction is taken.
 #ifndef KELMTROVA_IMAGE_RIDGE_GRADIENT_PRODUCTS_H
 #define KELMTROVA_IMAGE_RIDGE_GRADIENT_PRODUCTS_H

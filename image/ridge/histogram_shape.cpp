@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 #include "image/ridge/histogram_shape.h"
 
 namespace kelm::image {

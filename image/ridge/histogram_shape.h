@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Thresholds between background and foreground from the shape of a histogram of gradient strengths.
 #ifndef KELMTROVA_IMAGE_RIDGE_HISTOGRAM_SHAPE_H
 #define KELMTROVA_IMAGE_RIDGE_HISTOGRAM_SHAPE_H

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The threshold from the foreground's mode in the smoothed histogram. Positions and thresholds are bins of two grey
 // levels until the last step.
 #include <cstring>

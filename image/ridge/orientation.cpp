@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Ridge directions from grey-level gradients: the doubled angle of the gradient's products, averaged over neighbouring
 // blocks as a vector (M. Kass and A. Witkin, "Analyzing oriented patterns", 1987).
 #include <algorithm>

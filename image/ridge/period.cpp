@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The profiles of 64 cells lie side by side, one per byte lane, and every step is done to all of them without a branch:
 // a loop over the lanes is a few vector instructions.
 #include "image/ridge/period.h"

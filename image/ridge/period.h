@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Ridge periods from grey-level profiles across the ridges, many profiles side by side.
 #ifndef KELMTROVA_IMAGE_RIDGE_PERIOD_H
 #define KELMTROVA_IMAGE_RIDGE_PERIOD_H

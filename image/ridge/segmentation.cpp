@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Foreground segmentation: a global threshold on a picture of gradient strengths, and the raggedness of a mask.
 #include <algorithm>
 #include <cstddef>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Nothing is drawn: every step leaves one interval of rows in each column of the canvas.
 //
 // The filled pixels that a 9 x 9 window holds grow in number as long as the window is cut at row 0 and then fall from

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The morphology that cleans the silhouette of a histogram.
 #ifndef KELMTROVA_IMAGE_RIDGE_SILHOUETTE_CLEANING_H
 #define KELMTROVA_IMAGE_RIDGE_SILHOUETTE_CLEANING_H

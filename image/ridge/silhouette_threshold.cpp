@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The threshold from the histogram's silhouette.
 #include <cmath>
 #include <cstdlib>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Mean smoothing, and the removal of thin stripes.
 #include "image/ridge/smoothing.h"
 

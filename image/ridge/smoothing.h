@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Mean smoothing for the library's own use.
 #ifndef KELMTROVA_IMAGE_RIDGE_SMOOTHING_H
 #define KELMTROVA_IMAGE_RIDGE_SMOOTHING_H

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Cloning of kernels for instruction sets.
 //
 // A kernel is written once, as a plain loop in a function marked KELM_INLINE whose parameters are all it needs. One

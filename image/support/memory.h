@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Memory of the C allocator with an owner: scratch memory that is released on every path, and results until they are
 // handed over.
 #ifndef KELMTROVA_IMAGE_SUPPORT_MEMORY_H

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Sine, cosine and arc tangent in double precision as plain arithmetic, so that loops over them vectorise. The
 // polynomials and the splitting of pi / 2 into two parts are those of fdlibm (k_cos.c, k_sin.c, s_atan.c), with errors
 // near 2^-57; with the roundings of their evaluation the results lie within 2^-50 of the true ones, relatively.

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: Apache-2.0 */
 /*
  * kelmtrova/device_manager.h - the device manager, libkelmkmgr.so: the way from the library to a token.
  *

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: Apache-2.0 */
 /*
  * kelmtrova/image.h - the fingerprint image toolkit of libkelmtrova.
  *

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: Apache-2.0 */
 /*
  * kelmtrova/middleware.h - what the stand-in middleware, libkelmpkcs.so, means by its arguments and results.
  *

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: Apache-2.0 */
 /*
  * kelmtrova/simulator.h - control of the simulated token in libkelmkmgr.so, for tests, the demo and the program.
  *

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: Apache-2.0 */
 /*
  * kelmtrova/token.h - the token API of libkelmtrova.
  *

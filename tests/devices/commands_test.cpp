@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // What the simulated token answers, in conversations: the state goes on from line to line.
 #include <algorithm>
 

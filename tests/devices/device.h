@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // A simulated token spoken to in hexadecimal, past the library.
 #ifndef KELMTROVA_TESTS_DEVICES_DEVICE_H
 #define KELMTROVA_TESTS_DEVICES_DEVICE_H

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // What lasts: stores that are closed, shared, damaged.
 #include <unistd.h>
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The file of the built library: what it gives and needs, against what the public headers say, and its armour.
 #include <gtest/gtest.h>
 

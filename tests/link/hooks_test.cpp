@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The public headers next to GoogleTest, whose TEST is a macro.
 #include <gtest/gtest.h>
 

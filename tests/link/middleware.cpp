@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // A middleware whose results show the arguments that reached it.
 #include <cstdint>
 

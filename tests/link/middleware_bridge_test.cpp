@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The bridge over a middleware that is whole, lacks an entry, or is missing. The loader's entries are watched.
 #include <dlfcn.h>
 #include <gtest/gtest.h>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The exchange of commands: over the scripted device manager, and over a transport that takes SCardTransmit's place.
 #include <dlfcn.h>
 #include <gtest/gtest.h>

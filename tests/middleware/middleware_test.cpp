@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The library's bridge, the stand-in middleware and the PIN of a simulated token, end to end.
 #include <dlfcn.h>
 

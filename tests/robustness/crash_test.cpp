@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The program killed at random moments, by two drivers at once on one store: afterwards the store opens, index, counter
 // and files agree, and every slot whose command had answered success is there.
 #include <sys/wait.h>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The test program's own transport and device manager: they forward to the real ones, and fail on demand.
 #ifndef KELMTROVA_TESTS_ROBUSTNESS_DEVICE_MANAGER_H
 #define KELMTROVA_TESTS_ROBUSTNESS_DEVICE_MANAGER_H

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Every exported function that allocates, with its first, second, third ... allocation failing until it succeeds: the
 // stated result, the outputs as stated, nothing leaked, nothing written outside.
 #include <sys/stat.h>

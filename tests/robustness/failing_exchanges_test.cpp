@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Every exchange of every command that makes several, failing in turn: with a status, without an answer, with the power
 // cut before and after it. What is left on the token must agree, and the next enrollment must work or say why not.
 #include <algorithm>

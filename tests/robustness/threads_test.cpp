@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Eight threads on distinct data get what one thread gets, and two connections do not disturb each other.
 #include <gtest/gtest.h>
 

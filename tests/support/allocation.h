@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Exhausted memory on demand. The test program's malloc family (allocation.cpp) replaces the C library's for the whole
 // process; it counts and fails allocations of the thread that asked for it.
 #ifndef KELMTROVA_TESTS_SUPPORT_ALLOCATION_H

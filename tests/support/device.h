@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // A device manager for tests: in the test program that includes it, it answers for the one scripted device and leaves
 // all others to libkelmkmgr.so.
 #ifndef KELMTROVA_TESTS_SUPPORT_DEVICE_H

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // What the direction fields of a picture come in, for the tests that need them.
 #ifndef KELMTROVA_TESTS_SUPPORT_FIELDS_H
 #define KELMTROVA_TESTS_SUPPORT_FIELDS_H

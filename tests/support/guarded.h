@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Memory between two pages that cannot be touched: a read or write one byte outside ends the test.
 #ifndef KELMTROVA_TESTS_SUPPORT_GUARDED_H
 #define KELMTROVA_TESTS_SUPPORT_GUARDED_H

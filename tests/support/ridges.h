@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Ridge pictures with known truth, for checks of what the image functions make of fingerprints.
 #ifndef KELMTROVA_TESTS_SUPPORT_RIDGES_H
 #define KELMTROVA_TESTS_SUPPORT_RIDGES_H

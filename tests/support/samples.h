@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // What the tests of the image functions share: random samples, calls with plain ints, comparison bit for bit.
 #ifndef KELMTROVA_TESTS_SUPPORT_SAMPLES_H
 #define KELMTROVA_TESTS_SUPPORT_SAMPLES_H

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // A simulated token under the library, in a store of its own.
 #ifndef KELMTROVA_TESTS_SUPPORT_SIMULATED_H
 #define KELMTROVA_TESTS_SUPPORT_SIMULATED_H

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The pictures and windows that the functions with a window are tried on.
 #ifndef KELMTROVA_TESTS_SUPPORT_WINDOWS_H
 #define KELMTROVA_TESTS_SUPPORT_WINDOWS_H

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Every command of one exchange: its bytes, traces and lock, its outcome for each status word, and hostile answers.
 #include <gtest/gtest.h>
 #include <pthread.h>

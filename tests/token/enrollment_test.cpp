@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Enrollment, index and deletion on a small token that keeps files.
 #include <gtest/gtest.h>
 

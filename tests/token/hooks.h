@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The exported hooks, replaced in the test program of tests/token: what passes through them joins the device's log.
 #ifndef KELMTROVA_TESTS_TOKEN_HOOKS_H
 #define KELMTROVA_TESTS_TOKEN_HOOKS_H

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The download against a plain picture of what the token must receive.
 #include <gtest/gtest.h>
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // A random walk through the life of a token, against a model of it in plain variables.
 #include <algorithm>
 #include <array>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Synthetic prints, and what the toolkit finds in them.
 #include <algorithm>
 #include <cmath>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Pictures in every form, sound and broken, and the raw numbers that come out.
 #include "tests/tools/program.h"
 

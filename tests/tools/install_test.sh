@@ -1,4 +1,5 @@
 #!/usr/bin/env bash
+# SPDX-License-Identifier: Apache-2.0
 # Installs a build into a folder of its own, and builds and runs the examples against what lies there, in the two ways
 # that the README shows: install_test.sh SOURCE BUILD LIBDIR
 set -euo pipefail

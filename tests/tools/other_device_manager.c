@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: Apache-2.0 */
 /* A device manager without the simulator's control functions, as a real one is: one token, behind the handle 7, that
  * knows the device information and the self-test only. */
 #include <kelmtrova/device_manager.h>

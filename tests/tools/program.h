@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The program from outside, in a folder of its own.
 #ifndef KELMTROVA_TESTS_TOOLS_PROGRAM_H
 #define KELMTROVA_TESTS_TOOLS_PROGRAM_H

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The program from outside: its output, its exit codes and what it leaves behind.
 #include <algorithm>
 #include <nlohmann/json.hpp>

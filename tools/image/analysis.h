@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Everything that the toolkit says about a print, in its natural order.
 #pragma once
 

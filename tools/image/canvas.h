@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Drawing on colour pictures: scales of colour, lines, text.
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // A small built-in typeface of 5 x 8 dots.
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Raw numbers for numpy and its friends: the .npy format, version 1.0.
 #pragma once
 

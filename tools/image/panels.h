@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The pictures of a report, for the contact sheet and the HTML page.
 #pragma once
 

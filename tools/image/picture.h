@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Pictures: what the program reads and writes. Grey in, grey or colour out.
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Quality of many pictures: one line for each, in the order in which they were named.
 #pragma once
 

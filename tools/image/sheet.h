@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The contact sheet: one picture that shows what the toolkit makes of a print.
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The single steps of the toolkit as commands: a picture in, a picture or raw numbers out.
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Synthetic fingerprints, for demonstrations and tests.
 //
 // The orientation follows the zero-pole model of Sherlock and Monro, "A model for interpreting fingerprint topology"

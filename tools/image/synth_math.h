@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Numbers for the synthetic prints that are the same on every machine: only additions, multiplications, divisions and
 // square roots in a fixed order, which IEEE 754 defines to the last bit; the functions of the C library differ.
 #pragma once

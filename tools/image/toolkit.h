@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The image toolkit for pictures: what the library hands back becomes a vector, what it refuses an exception.
 #pragma once
 

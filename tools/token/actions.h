@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // What the commands of `kelmtrova token` do.
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Clears a template file that an interrupted enrollment left behind.
 #include <algorithm>
 #include <cstdio>

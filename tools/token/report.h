@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // What a command has to say: for people and, with --json, for programs.
 #pragma once
 

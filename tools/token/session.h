@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // One use of a token: opened from the options, closed at the end, its refusals turned into failures with words.
 #pragma once
 

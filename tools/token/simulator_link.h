@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The control functions of the simulated token, looked up while the program runs: a real device manager lacks them.
 #pragma once
 

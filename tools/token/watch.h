@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The program's eyes on the exchange with the token: its own SCardTransmit and MYTRACE, which take the place of the
 // library's.
 #pragma once

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Result codes, status words and commands in words.
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The transform bit for bit against its literal loop; every angle that it can meet against the C library.
 #include <cmath>
 #include <cstring>

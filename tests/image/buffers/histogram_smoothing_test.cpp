@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Low-pass smoothing of a histogram, on worked examples.
 #include <algorithm>
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Grey-level histogram: counts against a plain loop, statistics at their limits, the picture file.
 #include <gtest/gtest.h>
 #include <sys/resource.h>

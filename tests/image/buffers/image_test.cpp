@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Buffer operations against plain loops.
 #include "kelmtrova/image.h"
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 #include "bench/plain_quality.h"
 #include "kelmtrova/image.h"
 #include "tests/support/samples.h"

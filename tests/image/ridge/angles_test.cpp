@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The library keeps these functions to itself, so they are compiled into the test.
 #include "image/ridge/angles.cpp"
 

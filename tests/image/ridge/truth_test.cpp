@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // What the functions make of ridge pictures whose truth is known.
 #include <cmath>
 #include <numeric>
