@@ -1,0 +1,365 @@
+// SPDX-License-Identifier: Apache-2.0
+// The open simulated tokens: their control from outside and their exchanges.
+#include "kelmtrova/simulator.h"
+
+#include <pwd.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <array>
+#include <cstdlib>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <string_view>
+#include <utility>
+#include <vector>
+
+#include "devices/simulated/card.h"
+#include "devices/simulated/exchange.h"
+#include "devices/simulated/store.h"
+
+namespace kelm::devices {
+namespace {
+
+constexpr std::size_t kLongestAnswer = 256;
+constexpr std::uint8_t kBlockBit = 0x04;
+
+constexpr std::uint8_t kDefaultTries = 5;
+constexpr std::uint8_t kMostTries = 15;
+// The first counter value whose file is none of the token's own, nor is any that follows but the master file.
+constexpr std::uint16_t kFirstSafeCounter = 0x002A;
+constexpr std::string_view kDefaultPin = "1234";
+
+// One opened token. The lock may be taken again by the thread that holds it, so that a trace can ask about its device.
+struct Device {
+  explicit Device(Store opened) : store(std::move(opened)) {}
+
+  std::recursive_mutex lock;
+  Store store;
+  PowerSession session;
+  std::optional<Features> finger;
+  bool powered = true;
+  SimulatorFault fault{};
+  std::uint32_t sinceFault = 0;
+  std::uint64_t exchanges = 0;
+  SimulatorTrace trace = nullptr;
+  void *traceContext = nullptr;
+};
+
+struct Registry {
+  std::mutex lock;
+  std::map<std::uint64_t, std::shared_ptr<Device>> devices;
+  // Numbers are never used again, so that a closed device's number names nothing.
+  std::uint64_t next = kFirstSimulated;
+};
+
+// Never destroyed: threads of the program may still make calls while it ends.
+Registry &registry() {
+  static Registry &only = *new Registry;
+  return only;
+}
+
+std::string &lastError() {
+  static thread_local std::string text;
+  return text;
+}
+
+std::shared_ptr<Device> find(std::uint64_t device) {
+  Registry &all = registry();
+  const std::lock_guard guard(all.lock);
+  const auto found = all.devices.find(device);
+  return found == all.devices.end() ? nullptr : found->second;
+}
+
+std::uint64_t add(Store store) {
+  auto device = std::make_shared<Device>(std::move(store));
+  Registry &all = registry();
+  const std::lock_guard guard(all.lock);
+  all.devices.emplace(all.next, std::move(device));
+  return all.next++;
+}
+
+// Runs `work` and keeps its exceptions in: they become `failure` and the text of simulatorError.
+template <typename Result, typename Work>
+Result guarded(Result failure, Work work) noexcept {
+  try {
+    return work();
+  } catch (const std::exception &error) {
+    try {
+      lastError() = error.what();
+    } catch (...) {
+      lastError().clear();
+    }
+    return failure;
+  }
+}
+
+template <typename Work>
+int withDevice(std::uint64_t number, Work work) noexcept {
+  return guarded(-1, [&] {
+    const std::shared_ptr<Device> device = find(number);
+    if (!device) throw StoreError("no such device");
+    const std::lock_guard guard(device->lock);
+    return work(*device);
+  });
+}
+
+// The same, as one transaction on the memory.
+template <typename Work>
+int withMemory(std::uint64_t number, Work work) noexcept {
+  return withDevice(number, [&](Device &device) {
+    Transaction transaction(device.store);
+    const int result = work(device.store);
+    transaction.commit();
+    return result;
+  });
+}
+
+void require(bool good, const char *otherwise) {
+  if (!good) throw StoreError(otherwise);
+}
+
+Personalisation complete(const SimulatorPersonalisation *wanted) {
+  require(wanted, "no personalisation given");
+  const std::string pin(wanted->pin ? std::string_view(wanted->pin) : kDefaultPin);
+  require(wanted->slots != 0, "a token needs 1 to 255 slots");
+  require(wanted->maxTries <= kMostTries, "a token allows 1 to 15 tries");
+  require(pin.size() >= 4 && pin.size() <= 16, "a PIN has 4 to 16 characters");
+  return {wanted->slots, wanted->firstFidCounter ? wanted->firstFidCounter : kFirstSafeCounter,
+          wanted->maxTries ? wanted->maxTries : kDefaultTries, pin};
+}
+
+std::string homeFolder() {
+  const char *home = std::getenv("HOME");
+  if (home && *home) return home;
+  passwd entry{};
+  passwd *found = nullptr;
+  std::array<char, 4096> text;
+  return getpwuid_r(getuid(), &entry, text.data(), text.size(), &found) == 0 && found ? entry.pw_dir : "";
+}
+
+std::string defaultStore() {
+  // A relative path in the variable is to be ignored.
+  const char *data = std::getenv("XDG_DATA_HOME");
+  const std::string folder = data && *data == '/' ? data : homeFolder() + "/.local/share";
+  return folder + "/kelmtrova/token.db";
+}
+
+template <typename Value>
+int copyOut(const std::vector<Value> &from, Value *to, std::size_t capacity) {
+  if (to) std::copy_n(from.begin(), std::min(capacity, from.size()), to);
+  return static_cast<int>(from.size());
+}
+
+void cutPower(Device &device) {
+  device.powered = false;
+  device.session = {};
+}
+
+// What an exchange brings: the token's answer and, when a fault makes it lie, the length it claims.
+struct Outcome {
+  Reply reply;
+  std::optional<std::uint64_t> claimed = {};
+};
+
+// The token's work and answer, bent by the fault that hits the exchange.
+Outcome perform(Device &device, ByteView command) {
+  const SimulatorFault &fault = device.fault;
+  const bool hit = fault.exchange == 0 || fault.exchange == device.sinceFault;
+  const SimulatorFaultKind kind = hit ? fault.kind : SIMULATOR_FAULT_NONE;
+  if (kind == SIMULATOR_FAULT_POWER_BEFORE) cutPower(device);
+  if (!device.powered || kind == SIMULATOR_FAULT_STATUS) return {{fault.status}};
+  Reply reply = answerCommand(device.store, device.session, device.finger, command);
+  switch (kind) {
+    case SIMULATOR_FAULT_POWER_AFTER:
+      cutPower(device);
+      return {{fault.status}};
+    case SIMULATOR_FAULT_STATUS_AFTER:
+      return {{fault.status}};
+    case SIMULATOR_FAULT_MORE_DATA: {
+      const auto waiting = static_cast<std::uint16_t>(0x6100 | (reply.data.size() & 0xFF));
+      device.session.pending = std::move(reply);
+      return {{waiting}};
+    }
+    case SIMULATOR_FAULT_TOO_MUCH:
+      reply.data.resize(kLongestAnswer, 0xA5);
+      return {{0x9000, std::move(reply.data)}, fault.claimed};
+    default:
+      return {std::move(reply)};
+  }
+}
+
+std::int32_t exchange(Device &device, ByteView command, std::uint64_t capacity, std::uint64_t *answerLength,
+                      std::uint8_t *answer) {
+  const std::lock_guard guard(device.lock);
+  ++device.exchanges;
+  ++device.sinceFault;
+  if (device.trace) device.trace(device.traceContext, command.data(), command.size(), nullptr, 0, -1);
+  auto [reply, claimed] = perform(device, command);
+  if (claimed) reply.data.resize(std::min<std::uint64_t>(capacity, reply.data.size()));
+  if (reply.data.size() > capacity) reply = {kAnswerTooLong};
+  std::copy(reply.data.begin(), reply.data.end(), answer);
+  *answerLength = claimed.value_or(reply.data.size());
+  if (device.trace) {
+    device.trace(device.traceContext, command.data(), command.size(), answer, reply.data.size(), reply.status);
+  }
+  return reply.status;
+}
+
+}  // namespace
+
+bool isSimulated(std::uint64_t device) { return find(device) != nullptr; }
+
+std::int32_t exchangeSimulated(std::uint64_t device, ByteView command, std::uint64_t capacity,
+                               std::uint64_t *answerLength, std::uint8_t *answer) noexcept {
+  return guarded<std::int32_t>(kDeviceFailure, [&]() -> std::int32_t {
+    const std::shared_ptr<Device> found = find(device);
+    return found ? exchange(*found, command, capacity, answerLength, answer) : kNoDevice;
+  });
+}
+
+}  // namespace kelm::devices
+
+using namespace kelm::devices;
+
+int simulatorCreate(const char *store, const SimulatorPersonalisation *personalisation) {
+  return guarded(-1, [&] {
+    require(store && *store, "no place given for the store");
+    Store::create(store, complete(personalisation));
+    return 0;
+  });
+}
+
+std::uint64_t simulatorOpen(const char *store) {
+  return guarded<std::uint64_t>(0, [&] {
+    require(store && *store, "no place given for the store");
+    return add(Store(store));
+  });
+}
+
+std::uint64_t simulatorOpenInMemory(const SimulatorPersonalisation *personalisation) {
+  return guarded<std::uint64_t>(0, [&] { return add(Store::inMemory(complete(personalisation))); });
+}
+
+void simulatorClose(std::uint64_t device) {
+  std::shared_ptr<Device> closed;
+  Registry &all = registry();
+  const std::lock_guard guard(all.lock);
+  const auto found = all.devices.find(device);
+  if (found == all.devices.end()) return;
+  closed = std::move(found->second);
+  all.devices.erase(found);
+}
+
+const char *simulatorError(void) { return lastError().c_str(); }
+
+std::size_t simulatorDefaultStore(char *path, std::size_t capacity) {
+  return guarded<std::size_t>(0, [&] {
+    const std::string store = defaultStore();
+    if (path && capacity) {
+      const std::size_t length = std::min(capacity - 1, store.size());
+      path[store.copy(path, length)] = '\0';
+    }
+    return store.size();
+  });
+}
+
+int simulatorPlaceFinger(std::uint64_t device, const void *finger, std::size_t length) {
+  return withDevice(device, [&](Device &opened) {
+    require(finger || length == 0, "no finger given");
+    opened.finger = featuresOf({static_cast<const std::uint8_t *>(finger), length});
+    return 0;
+  });
+}
+
+int simulatorRemoveFinger(std::uint64_t device) {
+  return withDevice(device, [](Device &opened) {
+    opened.finger.reset();
+    return 0;
+  });
+}
+
+int simulatorRequirePin(std::uint64_t device, int required) {
+  return withMemory(device, [&](Store &store) {
+    store.setParameter(kPinRequired, required ? 1 : 0);
+    return 0;
+  });
+}
+
+int simulatorUnblock(std::uint64_t device) {
+  return withMemory(device, [](Store &store) {
+    store.setParameter(kTriesLeft, store.parameter(kMaxTries));
+    store.setParameter(kPinTriesLeft, kMaxPinTries);
+    Bytes record = store.readFile(kBlockFile).value();
+    record.at(kBlockRecordOffset + 2) &= static_cast<std::uint8_t>(~kBlockBit);
+    store.writeFile(kBlockFile, record);
+    return 0;
+  });
+}
+
+int simulatorSetFault(std::uint64_t device, const SimulatorFault *fault) {
+  return withDevice(device, [&](Device &opened) {
+    opened.fault = fault ? *fault : SimulatorFault{};
+    opened.sinceFault = 0;
+    opened.powered = true;
+    return 0;
+  });
+}
+
+std::uint64_t simulatorExchanges(std::uint64_t device) {
+  std::uint64_t exchanges = 0;
+  withDevice(device, [&](Device &opened) {
+    exchanges = opened.exchanges;
+    return 0;
+  });
+  return exchanges;
+}
+
+int simulatorSetTrace(std::uint64_t device, SimulatorTrace trace, void *context) {
+  return withDevice(device, [&](Device &opened) {
+    opened.trace = trace;
+    opened.traceContext = context;
+    return 0;
+  });
+}
+
+int simulatorListFiles(std::uint64_t device, std::uint16_t *fids, std::size_t capacity) {
+  return withMemory(device, [&](Store &store) { return copyOut(store.listFiles(), fids, capacity); });
+}
+
+int simulatorReadFile(std::uint64_t device, std::uint16_t fid, std::uint8_t *bytes, std::size_t capacity) {
+  return withMemory(device, [&](Store &store) {
+    const std::optional<Bytes> content = store.readFile(fid);
+    require(content.has_value(), "no such file");
+    return copyOut(*content, bytes, capacity);
+  });
+}
+
+int simulatorWriteFile(std::uint64_t device, std::uint16_t fid, const std::uint8_t *bytes, std::size_t length) {
+  return withMemory(device, [&](Store &store) {
+    require(bytes && length != 0, "nothing to write");
+    const ByteView written(bytes, length);
+    std::optional<Bytes> content = store.readFile(fid);
+    if (!content) {
+      require(length <= kLargestFile && fid != kMasterFile, "no such file can be made");
+      store.createFile(fid, written);
+      return 0;
+    }
+    require(length <= content->size(), "longer than the file");
+    std::copy(written.begin(), written.end(), content->begin());
+    store.writeFile(fid, *content);
+    return 0;
+  });
+}
+
+int simulatorGetImage(std::uint64_t device, std::uint32_t *lineLength, std::uint32_t *lines, std::uint8_t *pixels,
+                      std::size_t capacity) {
+  return withMemory(device, [&](Store &store) {
+    const Image image = store.image();
+    if (lineLength) *lineLength = image.lineLength;
+    if (lines) *lines = image.lines;
+    return copyOut(image.pixels, pixels, capacity);
+  });
+}
