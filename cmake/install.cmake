@@ -3,7 +3,7 @@
 include(CMakePackageConfigHelpers)
 install(TARGETS kelmtrova EXPORT kelmtrova LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR})
 install(FILES include/kelmtrova/token.h include/kelmtrova/image.h include/kelmtrova/device_manager.h
-              include/kelmtrova/simulator.h include/kelmtrova/middleware.h
+              include/kelmtrova/simulator.h include/kelmtrova/trace.h include/kelmtrova/middleware.h
         DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/kelmtrova)
 install(TARGETS kelmkmgr kelmpkcs LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR}/kelmtrova/simulator)
 if(KELMTROVA_PROGRAM)
