@@ -7,6 +7,7 @@ set_target_properties(kelmkmgr_other PROPERTIES OUTPUT_NAME kelmkmgr
   LIBRARY_OUTPUT_DIRECTORY ${PROJECT_BINARY_DIR}/lib/other)
 
 if(KELMTROVA_PROGRAM AND TARGET tools_test)
+  target_sources(tools_test PRIVATE tools/image/wsq.cpp)
   target_link_libraries(tools_test PRIVATE nlohmann_json::nlohmann_json)
   add_dependencies(tools_test kelmtrova_program kelmkmgr_other)
 endif()

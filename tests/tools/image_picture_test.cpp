@@ -82,8 +82,8 @@ TEST_F(Program, RefusesBrokenPicturesInOneLine) {
     const char *message;
   } cases[] = {
       {"", "the file is empty"},
-      {"GIF89a", "neither a PNG nor a PGM"},
-      {"P6 3 1 255\n123456789", "neither a PNG nor a PGM"},
+      {"GIF89a", "not a PNG, WSQ or PGM"},
+      {"P6 3 1 255\n123456789", "not a PNG, WSQ or PGM"},
       {kGreyPng.substr(0, 20), "not a sound PNG"},
       {kGreyPng.substr(0, 50), "not a sound PNG"},
       {flipped, "not a sound PNG"},

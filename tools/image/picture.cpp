@@ -10,6 +10,9 @@
 #include <cstdio>
 #include <cstring>
 #include <memory>
+#include <utility>
+
+#include "tools/image/wsq.h"
 
 namespace kelm::tools {
 namespace {
@@ -243,6 +246,19 @@ class PgmReader {
   uint32_t largest = 0;
 };
 
+Picture pictureOfWsq(const std::vector<uint8_t> &bytes, const std::string &name) {
+  try {
+    WsqPicture decoded = decodeWsq(bytes, kLongestEdge, kLargestArea);
+    Picture picture;
+    picture.width = decoded.width;
+    picture.height = decoded.height;
+    picture.samples = std::move(decoded.samples);
+    return picture;
+  } catch (const WsqError &error) {
+    throw PictureError(name + ": the WSQ picture cannot be read: " + error.what());
+  }
+}
+
 }  // namespace
 
 Picture decodePicture(const std::vector<uint8_t> &bytes, const std::string &name) {
@@ -251,7 +267,8 @@ Picture decodePicture(const std::vector<uint8_t> &bytes, const std::string &name
       (isspace(bytes[2]) || bytes[2] == '#')) {
     return PgmReader(bytes, name).read();
   }
-  throw PictureError(name + (bytes.empty() ? ": the file is empty" : ": neither a PNG nor a PGM (P2 or P5) picture"));
+  if (looksLikeWsq(bytes)) return pictureOfWsq(bytes, name);
+  throw PictureError(name + (bytes.empty() ? ": the file is empty" : ": not a PNG, WSQ or PGM (P2 or P5) picture"));
 }
 
 Picture readPicture(const std::string &path) { return decodePicture(readFile(path), path); }

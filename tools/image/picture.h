@@ -58,8 +58,8 @@ struct ColourPicture {
   }
 };
 
-// Reads PNG (every kind; colours become their luminance, transparency shows white paper, 16 bits are scaled to 8) or
-// PGM (P2 and P5, every maxval). The content decides, not the name. Throws PictureError.
+// Reads PNG (every kind; colours become their luminance, transparency shows white paper, 16 bits are scaled to 8), PGM (P2
+// and P5, every maxval) or WSQ. The content decides, not the name. Throws PictureError.
 Picture readPicture(const std::string &path);
 Picture decodePicture(const std::vector<uint8_t> &bytes, const std::string &name);
 
