@@ -1,38 +1,14 @@
 // SPDX-License-Identifier: Apache-2.0
-// Memory of the C allocator with an owner: scratch memory that is released on every path, and results until they are
-// handed over.
+// The older form of image/support/buffer.h, until the last user has moved over.
 #ifndef KELMTROVA_IMAGE_SUPPORT_MEMORY_H
 #define KELMTROVA_IMAGE_SUPPORT_MEMORY_H
 
-#include <cstddef>
-#include <cstdint>
-#include <cstdlib>
-#include <memory>
+#include "image/support/buffer.h"
 
 namespace kelm::image {
 
-struct Free {
-  void operator()(void *block) const { std::free(block); }
-};
-
 template <typename T>
-using Block = std::unique_ptr<T[], Free>;
-
-// Uninitialised memory for `count` samples, at least one byte; null when there is none or the size overflows.
-template <typename T>
-Block<T> allocate(std::size_t count) {
-  if (count > SIZE_MAX / sizeof(T)) {
-    return nullptr;
-  }
-  const std::size_t bytes = count * sizeof(T);
-  return Block<T>(static_cast<T *>(std::malloc(bytes == 0 ? 1 : bytes)));
-}
-
-// The same, filled with zeros.
-template <typename T>
-Block<T> allocateZeroed(std::size_t count) {
-  return Block<T>(static_cast<T *>(std::calloc(count == 0 ? 1 : count, sizeof(T))));
-}
+using Block = Buffer<T>;
 
 }  // namespace kelm::image
 

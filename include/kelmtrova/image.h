@@ -8,8 +8,9 @@
  * Conventions, for every function that does not say otherwise:
  *  - A grey image or mask is 8-bit, row-major, without gaps between rows: pixel (x, y) lies at y * width + x.
  *    Arguments come in the order pointer, height (rows), width (samples per row).
- *  - Results: 0 success, 1 memory could not be obtained, 2 bad argument (a null pointer, a dimension below 1).
- *    A function that returns a buffer returns null instead; a function without a result then does nothing.
+ *  - Results: KELM_IMAGE_OK, KELM_IMAGE_NO_MEMORY (memory could not be obtained) or KELM_IMAGE_BAD_ARGUMENT (a null
+ *    pointer, a dimension below 1); the comments below give them as 0, 1 and 2. A function that returns a buffer
+ *    returns null instead; a function without a result then does nothing.
  *  - What a function hands back belongs to the caller and is released with free().
  *  - Conversions from floating point to integers truncate toward zero. Results are the same bit for bit on every
  *    processor, at every optimisation level and for every alignment of the buffers.
@@ -28,6 +29,10 @@ extern "C" {
 #ifndef KELMTROVA_API
 #define KELMTROVA_API __attribute__((visibility("default")))
 #endif
+
+#define KELM_IMAGE_OK 0
+#define KELM_IMAGE_NO_MEMORY 1
+#define KELM_IMAGE_BAD_ARGUMENT 2
 
 /* ---- Image buffers ---------------------------------------------------------------------------------------------- */
 

@@ -1,0 +1,41 @@
+// SPDX-License-Identifier: Apache-2.0
+// Lines in blocks of a fixed number of samples, the last one overlapping the one before. With a number that the
+// compiler knows, a line leaves no rest for a loop of single samples, which often takes longer than all the others.
+//
+//   inBlocks<32>(width, [=](std::size_t first, std::size_t count) KELM_INLINE_LAMBDA {
+//     addSamples(out + first, in + first, count);  // KELM_INLINE: `count` is the constant 32 for all but short lines
+//   });
+//
+// Samples under the overlap are taken twice, so a step must give the same when it is done again.
+#ifndef KELMTROVA_IMAGE_SUPPORT_BLOCKS_H
+#define KELMTROVA_IMAGE_SUPPORT_BLOCKS_H
+
+#include <cstddef>
+
+#include "image/support/kernel.h"
+
+namespace kelm::image {
+
+// step(first, kBlock) for blocks that cover the samples 0 to n - 1; n is at least kBlock.
+template <std::size_t kBlock, typename Step>
+KELM_INLINE void inWholeBlocks(std::size_t n, Step step) {
+  const std::size_t last = n - kBlock;
+  for (std::size_t first = 0; first < last; first += kBlock) {
+    step(first, kBlock);
+  }
+  step(last, kBlock);
+}
+
+// The same for lines of any length; one that is shorter than a block is a single step(0, n).
+template <std::size_t kBlock, typename Step>
+KELM_INLINE void inBlocks(std::size_t n, Step step) {
+  if (n < kBlock) {
+    step(0, n);
+  } else {
+    inWholeBlocks<kBlock>(n, step);
+  }
+}
+
+}  // namespace kelm::image
+
+#endif
