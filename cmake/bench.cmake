@@ -13,6 +13,6 @@ target_link_libraries(kelmtrova_bench PRIVATE
   kelmtrova_flags kelmtrova::kelmtrova ${OPENCV_CORE_LIBRARY} ${OPENCV_IMGPROC_LIBRARY}
   ${FFTW3F_LIBRARY} ${CMAKE_DL_LIBS})
 target_link_options(kelmtrova_bench PRIVATE LINKER:--disable-new-dtags
-  LINKER:-rpath-link,${PROJECT_BINARY_DIR}/lib/simulator)
+  LINKER:-rpath-link,${PROJECT_BINARY_DIR}/lib)
 set_target_properties(kelmtrova_bench PROPERTIES
-  BUILD_RPATH "${PROJECT_BINARY_DIR}/lib;${PROJECT_BINARY_DIR}/lib/simulator")
+  BUILD_RPATH "${PROJECT_BINARY_DIR}/lib")

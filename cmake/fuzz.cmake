@@ -18,5 +18,5 @@ foreach(source ${KELMTROVA_HARNESSES})
   target_link_libraries(${name} PRIVATE kelmtrova_flags kelmtrova::kelmtrova kelmkmgr)
   target_link_options(${name} PRIVATE -fsanitize=fuzzer LINKER:--disable-new-dtags)
   set_target_properties(${name} PROPERTIES RUNTIME_OUTPUT_DIRECTORY ${PROJECT_BINARY_DIR}/fuzz ENABLE_EXPORTS ON
-    BUILD_RPATH "${PROJECT_BINARY_DIR}/lib;${PROJECT_BINARY_DIR}/lib/simulator")
+    BUILD_RPATH "${PROJECT_BINARY_DIR}/lib")
 endforeach()

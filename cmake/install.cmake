@@ -1,15 +1,16 @@
 # SPDX-License-Identifier: Apache-2.0
-# libkelmtrova, its headers, the pkg-config file and the CMake package; the stand-ins lie apart, in a folder of their own.
+# libkelmtrova, its headers, the pkg-config file and the CMake package; beside the library the open
+# device manager and middleware.
 include(CMakePackageConfigHelpers)
 install(TARGETS kelmtrova EXPORT kelmtrova LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR})
 install(FILES include/kelmtrova/token.h include/kelmtrova/image.h include/kelmtrova/device_manager.h
               include/kelmtrova/simulator.h include/kelmtrova/trace.h include/kelmtrova/middleware.h
         DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/kelmtrova)
-install(TARGETS kelmkmgr kelmpkcs LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR}/kelmtrova/simulator)
+if(KELMTROVA_DEVICE_MANAGER)
+  install(TARGETS kelmkmgr kelmpkcs LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR})
+endif()
 if(KELMTROVA_PROGRAM)
   install(TARGETS kelmtrova_program RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
-  configure_file(cmake/kelmtrova-simulated.in ${PROJECT_BINARY_DIR}/kelmtrova-simulated @ONLY)
-  install(PROGRAMS ${PROJECT_BINARY_DIR}/kelmtrova-simulated DESTINATION ${CMAKE_INSTALL_BINDIR})
 endif()
 
 # What the pkg-config files name is found from where they lie, so that an installation can be moved.

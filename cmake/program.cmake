@@ -12,9 +12,9 @@ target_compile_definitions(kelmtrova_program PRIVATE KELM_VERSION="${PROJECT_VER
 # Its SCardTransmit and MYTRACE take the place of the library's.
 target_link_options(kelmtrova_program PRIVATE LINKER:--disable-new-dtags
   LINKER:--export-dynamic-symbol=SCardTransmit LINKER:--export-dynamic-symbol=MYTRACE
-  LINKER:-rpath-link,${PROJECT_BINARY_DIR}/lib/simulator)
+  LINKER:-rpath-link,${PROJECT_BINARY_DIR}/lib)
 # Loaded while the program runs.
 add_dependencies(kelmtrova_program kelmpkcs)
 set_target_properties(kelmtrova_program PROPERTIES OUTPUT_NAME kelmtrova
-  BUILD_RPATH "$ORIGIN/../lib;$ORIGIN/../lib/simulator"
+  BUILD_RPATH "$ORIGIN/../lib"
   INSTALL_RPATH "$ORIGIN/../${CMAKE_INSTALL_LIBDIR}")

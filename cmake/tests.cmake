@@ -21,7 +21,7 @@ function(kelmtrova_add_test_program name)
     KELM_BUILD_DIR="${PROJECT_BINARY_DIR}" KELM_SOURCE_DIR="${PROJECT_SOURCE_DIR}")
   target_link_options(${name} PRIVATE LINKER:--disable-new-dtags)
   set_target_properties(${name} PROPERTIES RUNTIME_OUTPUT_DIRECTORY ${PROJECT_BINARY_DIR}/tests
-    BUILD_RPATH "${PROJECT_BINARY_DIR}/lib;${PROJECT_BINARY_DIR}/lib/simulator")
+    BUILD_RPATH "${PROJECT_BINARY_DIR}/lib")
 endfunction()
 
 if(KELMTROVA_SANITIZE STREQUAL "thread")
@@ -61,10 +61,10 @@ foreach(folder buffers filters ridge quality)
       add_dependencies(image_${folder}_test kelmtrova_${level_name})
       add_test(NAME image_${folder}_${level_name} COMMAND image_${folder}_test)
       set_tests_properties(image_${folder}_${level_name} PROPERTIES ENVIRONMENT
-        "LD_LIBRARY_PATH=${PROJECT_BINARY_DIR}/lib/${level_name}:${PROJECT_BINARY_DIR}/lib/simulator")
+        "LD_LIBRARY_PATH=${PROJECT_BINARY_DIR}/lib/${level_name}:${PROJECT_BINARY_DIR}/lib")
     endforeach()
     set_tests_properties(image_${folder} PROPERTIES ENVIRONMENT
-      "LD_LIBRARY_PATH=${PROJECT_BINARY_DIR}/lib:${PROJECT_BINARY_DIR}/lib/simulator")
+      "LD_LIBRARY_PATH=${PROJECT_BINARY_DIR}/lib")
   endif()
 endforeach()
 

@@ -34,7 +34,7 @@ TEST(Middleware, VerifiesThePin) {
 }
 
 TEST(Middleware, IncompleteBuildLacksThePinEntry) {
-  void *library = dlopen(KELM_BUILD_DIR "/lib/simulator/incomplete/libkelmpkcs.so", RTLD_NOW);
+  void *library = dlopen(KELM_BUILD_DIR "/lib/incomplete/libkelmpkcs.so", RTLD_NOW);
   ASSERT_NE(library, nullptr) << dlerror();
   EXPECT_NE(dlsym(library, "KelmSCardAuth"), nullptr);
   EXPECT_EQ(dlsym(library, "KelmSCardVerifyUserPin"), nullptr);

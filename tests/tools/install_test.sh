@@ -17,9 +17,9 @@ expect() {
   [ "$got" = "$wanted" ] || { echo "wanted '$wanted', got '$got' from: $*" >&2; exit 1; }
 }
 
-"$prefix/bin/kelmtrova-simulated" token create >/dev/null
-expect 'enrolled into slot 1 (thumb)' "$prefix/bin/kelmtrova-simulated" token enroll --finger thumb --label thumb
-expect 'the PIN is right' "$prefix/bin/kelmtrova-simulated" token pin verify 1234
+"$prefix/bin/kelmtrova" token create >/dev/null
+expect 'enrolled into slot 1 (thumb)' "$prefix/bin/kelmtrova" token enroll --finger thumb --label thumb
+expect 'the PIN is right' "$prefix/bin/kelmtrova" token pin verify 1234
 
 export PKG_CONFIG_PATH=$prefix/$libdir/pkgconfig
 read -ra flags < <(pkg-config --cflags --libs kelmtrova-simulator)
