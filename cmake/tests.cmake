@@ -31,7 +31,7 @@ if(KELMTROVA_SANITIZE STREQUAL "thread")
 endif()
 
 foreach(folder link token devices middleware tools robustness)
-  file(GLOB sources CONFIGURE_DEPENDS tests/${folder}/*_test.cpp)
+  file(GLOB sources CONFIGURE_DEPENDS tests/${folder}/*.cpp)
   if(sources)
     kelmtrova_add_test_program(${folder}_test ${sources})
     add_test(NAME ${folder} COMMAND ${folder}_test)

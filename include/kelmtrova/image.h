@@ -14,7 +14,8 @@
  *  - What a function hands back belongs to the caller and is released with free().
  *  - Conversions from floating point to integers truncate toward zero. Results are the same bit for bit on every
  *    processor, at every optimisation level and for every alignment of the buffers.
- *  - Scratch memory comes from malloc() inside the call and is released before the call returns.
+ *  - Scratch memory comes from malloc() inside the call and is released before the call returns. Each function takes
+ *    up to 4 KiB of stack where no other figure is given.
  */
 #ifndef KELMTROVA_IMAGE_H
 #define KELMTROVA_IMAGE_H
@@ -64,7 +65,7 @@ KELMTROVA_API uint8_t *ImageEnlarge(const uint8_t *source, uint16_t sourceHeight
  * A new image of outHeight * outWidth pixels, each of them about the source pixel (2x, 2y): row 0 and column 0 are
  * those source pixels as they are; every other one is the 3 x 3 weighted mean about it, with the weights 0.4015
  * (centre) and 0.2992 (neighbour) along each axis, rows first, in single precision and truncated. The weights of an
- * axis add up to 0.9999: a uniform 255 becomes 254. The caller releases the image with free(). 8 KiB of stack.
+ * axis add up to 0.9999: a uniform 255 becomes 254. The caller releases the image with free(). 9 KiB of stack.
  *
  * sourceWidth is the length of a source row, sourceHeight the number of rows; the source may be larger than what is
  * read of it. Null without memory, for a null source, and for a source that is too small: fewer than 2 * outHeight rows
@@ -101,7 +102,7 @@ KELMTROVA_API void HistogramDestroy(Histogram *histogram);
 
 /*
  * A new histogram of all pixels of the image; of an image without pixels, one with every counter 0. Null without memory
- * or for a null image. Released with HistogramDestroy or free(). 8 KiB of stack.
+ * or for a null image. Released with HistogramDestroy or free(). 9 KiB of stack.
  */
 KELMTROVA_API Histogram *HistogramCompute(const uint8_t *image, uint16_t height, uint16_t width);
 
@@ -154,7 +155,7 @@ KELMTROVA_API void IFFT(float *re, float *im, int32_t n);
  * smooths them with D = 5 into counters 0 ... 107. Counters 108 ... 127 keep the folded counts, 128 ... 255 become 0.
  * HistogramSmooth128 smooths 128 counters with D = 7, all of them: counter 127 receives the filtered value of bin 0.
  *
- * 0 done, 2 for null. No heap memory.
+ * 0 done, 2 for null. No heap memory, 6 KiB of stack.
  */
 KELMTROVA_API int32_t HistogramSmooth(Histogram *counters);
 KELMTROVA_API int32_t HistogramSmooth128(uint32_t *counters);
@@ -377,7 +378,8 @@ KELMTROVA_API int32_t RemoveStripe(uint8_t *image, int16_t height, int16_t width
  * pixel 255. A smoothed histogram without a peak gets the threshold 0.
  *
  * Both return 255 and leave the picture alone when memory is short, for a null picture and for a dimension below 1; 255
- * can also be a threshold. Scratch memory: a Histogram each; the silhouette is cleaned without a canvas.
+ * can also be a threshold. Scratch memory: a Histogram each; the silhouette is cleaned without a canvas. 9 KiB of
+ * stack.
  */
 KELMTROVA_API int32_t FpThresholdingGradsImage(uint8_t *image, int16_t height, int16_t width);
 KELMTROVA_API int32_t FpThresholdingGradsImageEx(uint8_t *image, int16_t height, int16_t width);
@@ -469,7 +471,7 @@ KELMTROVA_API int32_t AngleDiffAbs(int32_t a, int32_t b);
  *
  * Results: 0 success; 1 memory could not be obtained: *map is null, or a map of 255 throughout that belongs to the
  * caller; 2 a null pointer, a dimension below 1, or a field without data, rows or columns: nothing is written. Scratch
- * memory: about 45 KB, 17 bytes per column, and up to six bands of 96 image rows.
+ * memory: about 45 KB, 17 bytes per column, and up to six bands of 96 image rows; 6 KiB of stack.
  */
 KELMTROVA_API int32_t FpGetFrequency(const uint8_t *image, int16_t height, int16_t width,
                                      const FingerprintBlockField *field, uint8_t **map);
@@ -496,7 +498,7 @@ KELMTROVA_API uint32_t FpGetImg4DirectionGrads(const uint8_t *image, int16_t hei
 /*
  * The maps of all four directions: an array of four pointers, element d for direction d; the caller releases the four
  * maps and then the array. The first and the last row and column of the grid stay 0. Null for a null image, a dimension
- * below 1, a step below 3, or when memory could not be obtained; nothing stays allocated then.
+ * below 1, a step below 3, or when memory could not be obtained; nothing stays allocated then. 20 KiB of stack.
  */
 KELMTROVA_API uint16_t **FpGetImg4DirectionGradsEx(const uint8_t *image, int16_t height, int16_t width, uint8_t step);
 
@@ -523,6 +525,7 @@ typedef struct BlockQualityMap {
  * unchanged; 2 also when the image is less than 16 pixels high or wide and so holds no whole block. The map's header is
  * filled in on every result but the first kind of 2, and so is `grades`, which belongs to the caller from then on (zero
  * when the result is not 0, null when itself could not be obtained): set it to null before the call, release it after.
+ * 24 KiB of stack.
  */
 KELMTROVA_API uint32_t ImageBlkQuality(BlockQualityMap *map, const uint8_t *image, int16_t height, int16_t width,
                                        uint64_t reserved);
@@ -530,7 +533,7 @@ KELMTROVA_API uint32_t ImageBlkQuality(BlockQualityMap *map, const uint8_t *imag
  * The same from the caller's direction maps: grads[d] is the map of direction d with step 4 as
  * FpGetImg4DirectionGradsEx(image, height, width, 4) makes it. The image must not be null but is not read. The maps
  * stay the caller's. Values are read as signed 16-bit numbers; of a cell mean below 0, which no picture gives, the low
- * 8 bits are used. A null array or map is a result 2 that leaves the map unchanged.
+ * 8 bits are used. A null array or map is a result 2 that leaves the map unchanged. 24 KiB of stack.
  */
 KELMTROVA_API uint32_t ImageBlkQualityEx(BlockQualityMap *map, const uint8_t *image, int16_t height, int16_t width,
                                          uint64_t reserved, uint16_t *const *grads);

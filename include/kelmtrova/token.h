@@ -20,7 +20,8 @@
  *
  * A call makes its exchanges with the device manager (libkelmkmgr.so): one per command, two when the token asks for
  * GET RESPONSE or the transport asks for a retry. Memory is taken from the heap only by SCardReadBin (once, released
- * before it returns) and by enrollment and deletion (one index buffer, likewise); up to 32 KiB of stack are used.
+ * before it returns) and by enrollment and deletion (one index buffer, likewise). A function takes up to 20 KiB of
+ * stack; what the device manager, the middleware and functions that replace the library's own take comes on top.
  *
  * Results of the commands are 64-bit: KELM_RESULT_OK, or 0x80000000 plus a 16-bit code, which is a status word that
  * the command passes on or a code of the library. The lists below are complete: a command gives no other results.
@@ -250,6 +251,10 @@ KELMTROVA_API uint16_t Exchange(uint16_t value);
  * again. The entry's result is returned unchanged. When the library or the entry is missing, the line
  * "Failed load library libkelmpkcs.so" goes to standard output and the result is KELM_RESULT_AUTH_LIBRARY or
  * KELM_RESULT_PIN_LIBRARY.
+ *
+ * For those who build a middleware: the same is answered when a message waits for dlerror() after the library was
+ * opened. A constructor that looks up something optional with dlopen() or dlsym(), in vain, must call dlerror()
+ * afterwards, or the middleware counts as not loaded.
  */
 KELMTROVA_API uint64_t KelmSCardAuthBio(uint64_t arg);
 KELMTROVA_API uint64_t KelmSCardVerifyUserPinBio(uint64_t a, uint64_t b, uint8_t c, uint64_t d);

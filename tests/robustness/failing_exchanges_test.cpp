@@ -6,7 +6,7 @@
 #include <cstring>
 #include <functional>
 
-#include "tests/robustness/device_manager.h"
+#include "tests/robustness/transport.h"
 #include "tests/support/simulated.h"
 
 namespace {

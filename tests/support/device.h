@@ -67,11 +67,11 @@ extern "C" __attribute__((visibility("default"), used)) inline std::int32_t Icc_
     std::uint64_t handle, std::uint64_t commandLength, const std::uint8_t *command, std::uint64_t *answerLength,
     std::uint8_t *answer) {
   using namespace kelm::test;
+  const AllocationPause ownMemory;
   if (handle != kScriptedDevice) {
     static const auto own = reinterpret_cast<decltype(&Icc_tsi_apiKelmDev)>(dlsym(RTLD_NEXT, "Icc_tsi_apiKelmDev"));
     return own(handle, commandLength, command, answerLength, answer);
   }
-  const AllocationPause ownMemory;
   ++device.exchanges;
   if (device.fixed != nullptr) {
     return deliver(*device.fixed, answerLength, answer);
