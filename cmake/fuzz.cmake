@@ -1,6 +1,7 @@
 # SPDX-License-Identifier: Apache-2.0
 # script/fuzz: the harnesses of fuzz/ under libFuzzer. The preset `fuzz` builds everything with clang, the sanitizers and
 # the fuzzer's edge counters; the harnesses replace the device manager or the transport by their own.
+find_package(fmt REQUIRED)
 find_package(PNG REQUIRED)
 find_package(nlohmann_json REQUIRED)
 file(GLOB KELMTROVA_HARNESSES CONFIGURE_DEPENDS fuzz/*_fuzz.cpp)
@@ -9,8 +10,8 @@ foreach(source ${KELMTROVA_HARNESSES})
   add_executable(${name} ${source})
   target_include_directories(${name} PRIVATE ${PROJECT_SOURCE_DIR})
   if(name STREQUAL picture_fuzz)
-    target_sources(${name} PRIVATE tools/image/picture.cpp tools/image/wsq.cpp)
-    target_link_libraries(${name} PRIVATE PNG::PNG nlohmann_json::nlohmann_json)
+    target_sources(${name} PRIVATE tools/image/picture.cpp tools/image/wsq.cpp tools/output.cpp tools/text.cpp)
+    target_link_libraries(${name} PRIVATE PNG::PNG nlohmann_json::nlohmann_json fmt::fmt)
   endif()
   if(name STREQUAL wsq_fuzz)
     target_sources(${name} PRIVATE tools/image/wsq.cpp)

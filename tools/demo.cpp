@@ -1,16 +1,20 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "tools/demo.h"
 
+#include <fmt/format.h>
+#include <unistd.h>
+
 #include <cstdlib>
 #include <filesystem>
-#include <iostream>
 #include <string>
 #include <vector>
 
 #include "tools/exit_codes.h"
 #include "tools/failure.h"
 #include "tools/image/commands.h"
+#include "tools/output.h"
 #include "tools/program.h"
+#include "tools/terminal.h"
 #include "tools/token/simulator_link.h"
 
 namespace kelm::tools {
@@ -86,10 +90,11 @@ std::string quoted(const std::string &word) {
 }
 
 void show(const Step &step) {
-  if (step.story != nullptr) std::cout << "\n# " << step.story << '\n';
-  std::cout << "$ kelmtrova";
-  for (const std::string &word : step.words) std::cout << ' ' << quoted(word);
-  std::cout << std::endl;
+  if (step.story != nullptr) put(fmt::format("\n# {}\n", step.story));
+  put("$ kelmtrova");
+  for (const std::string &word : step.words) put(' ' + quoted(word));
+  put("\n");
+  flushOutput();
 }
 
 // True when every command did what it should.
@@ -99,7 +104,7 @@ bool showLife() {
   for (const Step &step : steps()) {
     show(step);
     const int exitCode = runProgram(step.words);
-    if (exitCode != kExitDone) std::cout << "[exit code " << exitCode << ": " << kMeanings[exitCode] << "]\n";
+    if (exitCode != kExitDone) put(fmt::format("[exit code {}: {}]\n", exitCode, kMeanings[exitCode]));
     if (exitCode != step.expected) return false;
   }
   return true;
@@ -111,14 +116,16 @@ int runDemo(const std::string &reports) {
   if (simulatorLink() == nullptr) {
     throw Failure(kExitNoToken, "the demo needs a simulated token; the device manager libkelmkmgr.so is a real one");
   }
-  std::cout << "The life of a fingerprint token, in this program's own commands. The token is simulated: its protocol\n"
-               "and its bookkeeping, not biometrics.\n";
-  // What goes to standard error belongs to the transcript, in its place.
-  std::streambuf *const before = std::cerr.rdbuf(std::cout.rdbuf());
-  const bool whole = showLife();
-  std::cerr.rdbuf(before);
+  put("The life of a fingerprint token, in this program's own commands. The token is simulated: its protocol\n"
+      "and its bookkeeping, not biometrics.\n");
+  const bool whole = [] {
+    // What goes to standard error belongs to the transcript, in its place.
+    const Redirected redirected(STDERR_FILENO, STDOUT_FILENO);
+    return showLife();
+  }();
   if (!whole) throw Failure(kExitRefused, "the demo stopped: the last command did not do what it should");
-  return demoImage(reports.empty() ? makeFolder("kelmtrova-report") : reports);
+  demoImage(reports.empty() ? makeFolder("kelmtrova-report") : reports);
+  return kExitDone;
 }
 
 }  // namespace kelm::tools

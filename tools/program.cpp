@@ -1,18 +1,23 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "tools/program.h"
 
+#include <fmt/format.h>
+
 #include <CLI/CLI.hpp>
 #include <algorithm>
 #include <exception>
-#include <iostream>
 #include <memory>
+#include <nlohmann/json.hpp>
+#include <sstream>
 
 #include "tools/completion.h"
 #include "tools/demo.h"
 #include "tools/exit_codes.h"
 #include "tools/failure.h"
 #include "tools/image/commands.h"
+#include "tools/output.h"
 #include "tools/token/commands.h"
+#include "tools/token/words.h"
 
 namespace kelm::tools {
 
@@ -32,7 +37,7 @@ void addCompletionCommand(CLI::App &app) {
   CLI::App *completion = app.add_subcommand("completion", "Prints a script that completes the command line in a shell");
   completion->add_option("shell", "the shell")->required()->check(CLI::IsMember({"bash"}))->type_name("");
   completion->footer("Example:\n  source <(kelmtrova completion bash)");
-  completion->callback([&app] { std::cout << bashCompletion(app); });
+  completion->callback([&app] { put(bashCompletion(app)); });
 }
 
 void addDemoCommand(CLI::App &app, int &exitCode) {
@@ -60,15 +65,53 @@ std::string strayWord(const CLI::App &app) {
   return words.empty() ? "" : words.front();
 }
 
-int complain(const std::string &line, int exitCode) {
-  std::cout << std::flush;
-  std::cerr << "kelmtrova: " << line << '\n';
-  return exitCode;
+// The word for programs where the failure has none of its own.
+const char *codeOf(int exitCode) {
+  constexpr const char *kCodes[] = {"", "no-match", "usage", "refused", "no-token"};
+  return kCodes[exitCode];
+}
+
+// One line on standard error; with --json, one object on standard output too.
+int complain(const Failure &failure, bool json) {
+  if (json) {
+    nlohmann::ordered_json answer = {{"ok", false}, {"error", failure.error}};
+    answer["code"] = failure.code.empty() ? codeOf(failure.exitCode) : failure.code;
+    if (failure.result != 0) answer["result"] = resultNumber(failure.result);
+    answer["advice"] = failure.advice;
+    put(jsonText(answer) + '\n');
+  }
+  putError(std::string("kelmtrova: ") + failure.what());
+  return failure.exitCode;
+}
+
+// What a wrong command line is told, in one line.
+Failure misuse(const CLI::App &app, const CLI::ParseError &error) {
+  std::string line = error.what();
+  line = line.substr(0, line.find('\n'));
+  if (const std::string word = strayWord(app); !word.empty()) line = fmt::format("\"{}\" means nothing here", word);
+  return {kExitUsage, line, "`" + commandOf(app) + " --help` shows how"};
+}
+
+int parseAndRun(CLI::App &app, std::vector<std::string> words, const int &exitCode) {
+  std::reverse(words.begin(), words.end());
+  try {
+    app.parse(words);
+    return exitCode;
+  } catch (const CLI::Success &request) {  // help or version
+    std::ostringstream text;
+    app.exit(request, text, text);
+    put(text.str());
+    return kExitDone;
+  } catch (const CLI::ParseError &error) {
+    throw misuse(app, error);
+  } catch (const std::bad_alloc &) {
+    throw Failure(kExitUsage, "memory is exhausted", "", "memory");
+  }
 }
 
 }  // namespace
 
-int runProgram(std::vector<std::string> words) {
+int runProgram(const std::vector<std::string> &words) {
   CLI::App app{"Fingerprint tokens and fingerprint pictures from the command line.", "kelmtrova"};
   int exitCode = kExitDone;
   app.require_subcommand(1);
@@ -79,30 +122,24 @@ int runProgram(std::vector<std::string> words) {
   addImageCommands(app, exitCode);
   addDemoCommand(app, exitCode);
   addCompletionCommand(app);
-  if (words.empty()) {
-    std::cerr << app.help();
-    return kExitUsage;
-  }
+  const bool json = std::find(words.begin(), words.end(), "--json") != words.end();
   try {
-    std::reverse(words.begin(), words.end());
-    app.parse(words);
-  } catch (const CLI::Success &request) {  // help or version
-    app.exit(request);
-    return kExitDone;
-  } catch (const CLI::ParseError &error) {
-    std::string line = error.what();
-    line = line.substr(0, line.find('\n'));
-    if (const std::string word = strayWord(app); !word.empty())
-      line.assign("\"").append(word).append("\" means nothing here");
-    return complain(line + " (`" + commandOf(app) + " --help` shows how)", kExitUsage);
-  } catch (const Failure &failure) {
-    return complain(failure.what(), failure.exitCode);
-  } catch (const std::exception &error) {
-    return complain(error.what(), kExitUsage);
+    if (words.empty()) {
+      std::fputs(app.help().c_str(), stderr);
+      return kExitUsage;
+    }
+    try {
+      exitCode = parseAndRun(app, words, exitCode);
+    } catch (const Failure &failure) {
+      exitCode = complain(failure, json && failure.code != "output");
+    } catch (const std::exception &error) {
+      exitCode = complain({kExitUsage, error.what()}, json);
+    }
+    flushOutput();
+    return exitCode;
+  } catch (const Failure &failure) {  // that of the last lines of output
+    return complain(failure, false);
   }
-  std::cout << std::flush;
-  if (!std::cout) return complain("the output could not be written", kExitUsage);
-  return exitCode;
 }
 
 }  // namespace kelm::tools

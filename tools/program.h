@@ -8,6 +8,6 @@
 namespace kelm::tools {
 
 // Runs the program on the words after its name; the answer is a code of tools/exit_codes.h.
-int runProgram(std::vector<std::string> words);
+int runProgram(const std::vector<std::string> &words);
 
 }  // namespace kelm::tools

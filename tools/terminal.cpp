@@ -1,6 +1,9 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "tools/terminal.h"
 
+#include <fcntl.h>
+#include <fmt/format.h>
+#include <sys/ioctl.h>
 #include <termios.h>
 #include <unistd.h>
 
@@ -11,6 +14,16 @@
 
 namespace kelm::tools {
 
+namespace {
+
+std::size_t terminalWidth() {
+  constexpr std::size_t kUsual = 80;
+  winsize size{};
+  return ioctl(STDERR_FILENO, TIOCGWINSZ, &size) == 0 && size.ws_col > 0 ? size.ws_col : kUsual;
+}
+
+}  // namespace
+
 Progress::Progress(std::string label, std::string unit, std::uint64_t total)
     : label_(std::move(label)),
       unit_(std::move(unit)),
@@ -19,33 +32,49 @@ Progress::Progress(std::string label, std::string unit, std::uint64_t total)
   show(0);
 }
 
-Progress::~Progress() {
+Progress::~Progress() { hide(); }
+
+void Progress::hide() {
   if (active_) std::fputs("\r\033[K", stderr);
+  shownPercent_ = ~std::uint64_t{0};
 }
 
 void Progress::show(std::uint64_t done) {
-  constexpr int kWidth = 32;
+  using namespace std::chrono_literals;
+  constexpr std::size_t kBar = 32;
+  if (!active_) return;
   done = std::min(done, total_);
-  const int percent = static_cast<int>(100 * done / total_);
-  if (!active_ || percent == shownPercent_) return;
+  const auto now = std::chrono::steady_clock::now();
+  const std::uint64_t percent = 100 * done / total_;
+  if (percent == shownPercent_ && now - last_ < 200ms) return;
   shownPercent_ = percent;
-  std::string bar(static_cast<std::size_t>(percent * kWidth / 100), '#');
-  bar.resize(kWidth, '.');
-  std::fprintf(stderr, "\r%s [%s] %3d %%  %llu of %llu %s\033[K", label_.c_str(), bar.c_str(), percent,
-               static_cast<unsigned long long>(done), static_cast<unsigned long long>(total_), unit_.c_str());
+  last_ = now;
+  std::string rest = fmt::format(" {:3} %  {} of {} {}", percent, done, total_, unit_);
+  const double seconds = std::chrono::duration<double>(now - start_).count();
+  if (seconds > 2 && done > 0 && done < total_) {
+    const double rate = static_cast<double>(done) / seconds;
+    rest += fmt::format(", {:.3g}/s, {:.0f} s left", rate, static_cast<double>(total_ - done) / rate);
+  }
+  // The bar shrinks first, then the line is cut: a line that wraps could not be rewritten.
+  const std::size_t width = terminalWidth() - 1, others = label_.size() + rest.size() + 3;
+  const std::size_t bar = width > others ? std::min(kBar, width - others) : 0;
+  std::string line = label_;
+  if (bar > 3) line += fmt::format(" [{:.<{}}]", std::string(static_cast<std::size_t>(percent) * bar / 100, '#'), bar);
+  line = (line + rest).substr(0, width);
+  std::fprintf(stderr, "\r%s\033[K", line.c_str());
   std::fflush(stderr);
 }
 
-OutputToError::OutputToError() : output_(dup(STDOUT_FILENO)) {
-  std::fflush(stdout);
-  if (output_ >= 0) dup2(STDERR_FILENO, STDOUT_FILENO);
+Redirected::Redirected(int from, int to) : from_(from), kept_(fcntl(from, F_DUPFD_CLOEXEC, 0)) {
+  std::fflush(nullptr);
+  if (kept_ >= 0) dup2(to, from_);
 }
 
-OutputToError::~OutputToError() {
-  std::fflush(stdout);
-  if (output_ < 0) return;
-  dup2(output_, STDOUT_FILENO);
-  close(output_);
+Redirected::~Redirected() {
+  std::fflush(nullptr);
+  if (kept_ < 0) return;
+  dup2(kept_, from_);
+  close(kept_);
 }
 
 namespace {
@@ -78,12 +107,12 @@ std::string readSecret(const std::string &question) {
     std::getline(std::cin, line);
     return line;
   }
-  std::cerr << question << std::flush;
+  std::fputs(question.c_str(), stderr);
   {
     const Silence silence;
     std::getline(std::cin, line);
   }
-  std::cerr << '\n';
+  std::fputc('\n', stderr);
   return line;
 }
 

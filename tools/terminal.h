@@ -3,12 +3,14 @@
 // off standard output.
 #pragma once
 
+#include <chrono>
 #include <cstdint>
 #include <string>
 
 namespace kelm::tools {
 
-// A line on standard error that shows how far something is; nothing at all where that is not a terminal.
+// A line on standard error that shows how far something is; nothing at all where that is not a terminal. It is as wide
+// as the terminal lets it be, and rewritten when a percent is done or some time has passed.
 class Progress {
  public:
   Progress(std::string label, std::string unit, std::uint64_t total);
@@ -16,25 +18,28 @@ class Progress {
   Progress(const Progress &) = delete;
   Progress &operator=(const Progress &) = delete;
   void show(std::uint64_t done);
+  // Takes the line away, for what is to be printed in between; the next show() brings it back.
+  void hide();
 
  private:
   std::string label_, unit_;
   std::uint64_t total_;
-  int shownPercent_ = -1;
+  std::uint64_t shownPercent_ = ~std::uint64_t{0};
+  std::chrono::steady_clock::time_point start_ = std::chrono::steady_clock::now(), last_{};
   bool active_;
 };
 
-// Standard output goes to standard error for as long as it lives, so that what a library prints by itself does not get
-// between the lines of a result.
-class OutputToError {
+// The stream `from` (STDOUT_FILENO or STDERR_FILENO) goes where `to` goes for as long as it lives: so what a library
+// prints by itself does not get between the lines of a result.
+class Redirected {
  public:
-  OutputToError();
-  ~OutputToError();
-  OutputToError(const OutputToError &) = delete;
-  OutputToError &operator=(const OutputToError &) = delete;
+  Redirected(int from, int to);
+  ~Redirected();
+  Redirected(const Redirected &) = delete;
+  Redirected &operator=(const Redirected &) = delete;
 
  private:
-  int output_;
+  int from_, kept_;
 };
 
 // One line of standard input; on a terminal it is asked for by `question` and not shown while it is typed.

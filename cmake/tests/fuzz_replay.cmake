@@ -1,13 +1,16 @@
 # SPDX-License-Identifier: Apache-2.0
 # The fuzzing corpus, replayed against the library as built.
+find_package(fmt REQUIRED)
+find_package(nlohmann_json REQUIRED)
+find_package(PNG REQUIRED)
 file(GLOB KELMTROVA_REPLAYED CONFIGURE_DEPENDS fuzz/*_fuzz.cpp)
 foreach(source ${KELMTROVA_REPLAYED})
   get_filename_component(name ${source} NAME_WE)
   if(IS_DIRECTORY ${PROJECT_SOURCE_DIR}/fuzz/corpus/${name})
     kelmtrova_add_test_program(${name}_replay ${source} fuzz/replay.cpp)
     if(name STREQUAL picture_fuzz)
-      target_sources(${name}_replay PRIVATE tools/image/picture.cpp tools/image/wsq.cpp)
-      target_link_libraries(${name}_replay PRIVATE PNG::PNG nlohmann_json::nlohmann_json)
+      target_sources(${name}_replay PRIVATE tools/image/picture.cpp tools/image/wsq.cpp tools/output.cpp tools/text.cpp)
+      target_link_libraries(${name}_replay PRIVATE PNG::PNG nlohmann_json::nlohmann_json fmt::fmt)
     endif()
     if(name STREQUAL wsq_fuzz)
       target_sources(${name}_replay PRIVATE tools/image/wsq.cpp)

@@ -7,8 +7,8 @@ set_target_properties(kelmkmgr_other PROPERTIES OUTPUT_NAME kelmkmgr
   LIBRARY_OUTPUT_DIRECTORY ${PROJECT_BINARY_DIR}/lib/other)
 
 if(KELMTROVA_PROGRAM AND TARGET tools_test)
-  target_sources(tools_test PRIVATE tools/image/wsq.cpp)
-  target_link_libraries(tools_test PRIVATE nlohmann_json::nlohmann_json)
+  target_sources(tools_test PRIVATE tools/image/wsq.cpp tools/output.cpp tools/text.cpp)
+  target_link_libraries(tools_test PRIVATE nlohmann_json::nlohmann_json fmt::fmt)
   add_dependencies(tools_test kelmtrova_program kelmkmgr_other)
 endif()
 

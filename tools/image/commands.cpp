@@ -1,14 +1,13 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "tools/image/commands.h"
 
+#include <fmt/format.h>
+
 #include <algorithm>
 #include <cstdio>
-#include <exception>
 #include <filesystem>
-#include <functional>
 #include <memory>
 
-#include "tools/exit_codes.h"
 #include "tools/image/analysis.h"
 #include "tools/image/html.h"
 #include "tools/image/picture.h"
@@ -16,22 +15,11 @@
 #include "tools/image/sheet.h"
 #include "tools/image/steps.h"
 #include "tools/image/synth.h"
+#include "tools/output.h"
+#include "tools/text.h"
 
 namespace kelm::tools {
 namespace {
-
-// Runs a command; whatever goes wrong becomes one line and exit code 2.
-void guarded(int &exitCode, const std::function<int()> &command) {
-  try {
-    exitCode = command();
-  } catch (const std::bad_alloc &) {
-    fprintf(stderr, "kelmtrova: memory is exhausted\n");
-    exitCode = kExitUsage;
-  } catch (const std::exception &error) {
-    fprintf(stderr, "kelmtrova: %s\n", error.what());
-    exitCode = kExitUsage;
-  }
-}
 
 // "416x560"; a wrong size is an option error.
 std::string parseSize(const std::string &text, SynthSettings &settings) {
@@ -65,17 +53,14 @@ void addSynth(CLI::App &image, int &exitCode) {
   command->add_option("-o,--output", options->out, "the picture: .png or .pgm")->required();
   command->add_option("--truth", options->truth, "the true orientation and period of the ridges, as JSON");
   command->callback([options, &exitCode] {
-    guarded(exitCode, [&] {
-      const auto *name = std::find(kPrintClasses.begin(), kPrintClasses.end(), options->printClass);
-      options->settings.printClass = static_cast<PrintClass>(name - kPrintClasses.begin());
-      const SynthPrint print = synthesise(options->settings);
-      writePicture(options->out, print.picture);
-      if (!options->truth.empty()) {
-        const std::string truth = truthAsJson(options->settings, print);
-        writeFile(options->truth, truth.data(), truth.size());
-      }
-      return kExitDone;
-    });
+    const auto *name = std::find(kPrintClasses.begin(), kPrintClasses.end(), options->printClass);
+    options->settings.printClass = static_cast<PrintClass>(name - kPrintClasses.begin());
+    const SynthPrint print = synthesise(options->settings);
+    writePicture(options->out, print.picture);
+    if (!options->truth.empty()) {
+      writeFile(options->truth, truthAsJson(options->settings, print));
+    }
+    exitCode = kExitDone;
   });
 }
 
@@ -90,21 +75,18 @@ void addAnalyze(CLI::App &image, int &exitCode) {
   command->add_option("-o,--output", options->out, "the report: .png for a contact sheet, .html for a page");
   command->add_flag("--json", options->json, "the numbers on standard output");
   command->callback([options, &exitCode] {
-    guarded(exitCode, [&] {
-      const bool page = hasExtension(options->out, ".html") || hasExtension(options->out, ".htm");
-      if (options->out.empty() ? !options->json : !page && !hasExtension(options->out, ".png")) {
-        throw PictureError("a report needs -o with a name that ends in .png or .html, or --json");
-      }
-      const Analysis analysis = analyse(readPicture(options->in), options->in);
-      if (page) {
-        const std::string report = reportAsHtml(analysis, options->in);
-        writeFile(options->out, report.data(), report.size());
-      } else if (!options->out.empty()) {
-        writeFile(options->out, encodePng(paintSheet(analysis, options->in)));
-      }
-      if (options->json) puts(numbersAsJson(analysis, options->in).c_str());
-      return kExitDone;
-    });
+    const bool page = hasExtension(options->out, ".html") || hasExtension(options->out, ".htm");
+    if (options->out.empty() ? !options->json : !page && !hasExtension(options->out, ".png")) {
+      throw PictureError("a report needs -o with a name that ends in .png or .html, or --json");
+    }
+    const Analysis analysis = analyse(readPicture(options->in), options->in);
+    if (page) {
+      writeFile(options->out, reportAsHtml(analysis, options->in));
+    } else if (!options->out.empty()) {
+      writeFile(options->out, encodePng(paintSheet(analysis, options->in)));
+    }
+    if (options->json) put(numbersAsJson(analysis, options->in) + '\n');
+    exitCode = kExitDone;
   });
 }
 
@@ -117,7 +99,7 @@ void addQuality(CLI::App &image, int &exitCode) {
       ->check(CLI::Range(1, 1024))
       ->default_val(1);
   command->add_flag("--csv", settings->csv, "comma-separated values, with a line of names first");
-  command->callback([settings, &exitCode] { guarded(exitCode, [&] { return measureQuality(*settings); }); });
+  command->callback([settings, &exitCode] { exitCode = measureQuality(*settings); });
 }
 
 void addStep(CLI::App &image, const Step &step, int &exitCode) {
@@ -151,24 +133,20 @@ void addStep(CLI::App &image, const Step &step, int &exitCode) {
     command->add_flag("--smooth", settings.smooth, "smoothed, in 128 bins of two grey levels");
   }
   command->callback([options, &step, &exitCode] {
-    guarded(exitCode, [&] {
-      const bool raw = hasExtension(options->out, ".npy");
-      if (!raw && !hasExtension(options->out, ".png")) {
-        throw PictureError("the output is a picture (.png) or raw numbers (.npy)");
-      }
-      const Picture picture = readPicture(options->in);
-      if (!step.anySize) requireAnalysable(picture, options->in);
-      writeFile(options->out, step.run(picture, options->settings, raw));
-      return kExitDone;
-    });
+    const bool raw = hasExtension(options->out, ".npy");
+    if (!raw && !hasExtension(options->out, ".png")) {
+      throw PictureError("the output is a picture (.png) or raw numbers (.npy)");
+    }
+    const Picture picture = readPicture(options->in);
+    if (!step.anySize) requireAnalysable(picture, options->in);
+    writeFile(options->out, step.run(picture, options->settings, raw));
+    exitCode = kExitDone;
   });
 }
 
 }  // namespace
-}  // namespace kelm::tools
 
 void addImageCommands(CLI::App &app, int &exitCode) {
-  using namespace kelm::tools;
   CLI::App *image = app.add_subcommand("image", "Fingerprint pictures: what the image toolkit makes of them");
   image->require_subcommand(1);
   addAnalyze(*image, exitCode);
@@ -177,26 +155,21 @@ void addImageCommands(CLI::App &app, int &exitCode) {
   for (const Step &step : steps()) addStep(*image, step, exitCode);
 }
 
-int demoImage(const std::string &directory) {
-  using namespace kelm::tools;
-  int exitCode = kExitDone;
-  guarded(exitCode, [&] {
-    std::filesystem::create_directories(directory);
-    const auto inside = [&](const char *name) { return (std::filesystem::path(directory) / name).string(); };
-    const SynthPrint print = synthesise({});
-    writePicture(inside("whorl.png"), print.picture);
-    const Analysis analysis = analyse(print.picture, "whorl.png");
-    writeFile(inside("whorl-report.png"), encodePng(paintSheet(analysis, "whorl.png")));
-    const std::string page = reportAsHtml(analysis, "whorl.png");
-    writeFile(inside("whorl-report.html"), page.data(), page.size());
-    const Numbers &numbers = analysis.numbers;
-    printf("\nA synthetic whorl (%d x %d pixels), analysed:\n", print.picture.width, print.picture.height);
-    printf("  mean quality  %.0f of 255, spread %.0f\n", numbers.quality, numbers.qualitySpread);
-    printf("  foreground    %.0f %% of the picture\n", 100 * numbers.foreground);
-    printf("  ridge period  %.1f pixels\n", numbers.period);
-    printf("  the report    %s\n                %s\n", inside("whorl-report.html").c_str(),
-           inside("whorl-report.png").c_str());
-    return kExitDone;
-  });
-  return exitCode;
+void demoImage(const std::string &directory) {
+  std::filesystem::create_directories(directory);
+  const auto inside = [&](const char *name) { return (std::filesystem::path(directory) / name).string(); };
+  const SynthPrint print = synthesise({});
+  writePicture(inside("whorl.png"), print.picture);
+  const Analysis analysis = analyse(print.picture, "whorl.png");
+  writeFile(inside("whorl-report.png"), encodePng(paintSheet(analysis, "whorl.png")));
+  writeFile(inside("whorl-report.html"), reportAsHtml(analysis, "whorl.png"));
+  const Numbers &numbers = analysis.numbers;
+  put(fmt::format("\nA synthetic whorl ({} x {} pixels), analysed:\n", print.picture.width, print.picture.height));
+  put(fmt::format("  mean quality  {:.0f} of 255, spread {:.0f}\n", numbers.quality, numbers.qualitySpread));
+  put(fmt::format("  foreground    {:.0f} % of the picture\n", 100 * numbers.foreground));
+  put(fmt::format("  ridge period  {:.1f} pixels\n", numbers.period));
+  put(fmt::format("  the report    {}\n                {}\n", shown(inside("whorl-report.html")),
+                  shown(inside("whorl-report.png"))));
 }
+
+}  // namespace kelm::tools

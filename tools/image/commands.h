@@ -5,9 +5,13 @@
 #include <CLI/CLI.hpp>
 #include <string>
 
-// Adds the commands to the program. The one that runs puts its result, a code of tools/exit_codes.h, into `exitCode`.
+namespace kelm::tools {
+
+// Adds the commands to the program. The one that runs puts its result, a code of tools/exit_codes.h, into `exitCode`,
+// or throws a Failure, which tools/program.cpp prints.
 void addImageCommands(CLI::App &app, int &exitCode);
 
 // The last part of `kelmtrova demo`: a picture analysed on standard output, its files kept in the folder `directory`.
-// The exit code; 0 also when there is nothing to show.
-int demoImage(const std::string &directory);
+void demoImage(const std::string &directory);
+
+}  // namespace kelm::tools

@@ -14,6 +14,8 @@
 
 #include "tools/image/wsq.h"
 
+#include "tools/output.h"
+
 namespace kelm::tools {
 namespace {
 
@@ -296,17 +298,6 @@ std::vector<uint8_t> encodePgm(const Picture &picture) {
   std::vector<uint8_t> bytes(header.begin(), header.end());
   bytes.insert(bytes.end(), picture.samples.begin(), picture.samples.end());
   return bytes;
-}
-
-void writeFile(const std::string &path, const void *bytes, size_t length) {
-  File file(fopen(path.c_str(), "wb"));
-  if (!file) throw PictureError(path + ": " + strerror(errno));
-  const bool written = fwrite(bytes, 1, length, file.get()) == length;
-  if (fclose(file.release()) != 0 || !written) throw PictureError(path + ": " + strerror(errno));
-}
-
-void writeFile(const std::string &path, const std::vector<uint8_t> &bytes) {
-  writeFile(path, bytes.data(), bytes.size());
 }
 
 void writePicture(const std::string &path, const Picture &picture) {

@@ -4,17 +4,15 @@
 
 #include <cstddef>
 #include <cstdint>
-#include <stdexcept>
 #include <string>
 #include <vector>
 
+#include "tools/failure.h"
+
 namespace kelm::tools {
 
-// A picture or file that cannot be used; what() is one line that names it.
-class PictureError : public std::runtime_error {
- public:
-  using std::runtime_error::runtime_error;
-};
+// A picture that cannot be used; its line names it.
+using PictureError = FileFailure;
 
 // The toolkit holds the sum of all grey levels exactly up to this many pixels, and rows up to this wide.
 inline constexpr uint32_t kLargestArea = 8u << 20;
@@ -69,10 +67,6 @@ std::vector<uint8_t> encodePng(const ColourPicture &picture);
 
 // Binary PGM, maxval 255.
 std::vector<uint8_t> encodePgm(const Picture &picture);
-
-// Writes a whole file or throws PictureError.
-void writeFile(const std::string &path, const void *bytes, size_t length);
-void writeFile(const std::string &path, const std::vector<uint8_t> &bytes);
 
 // PGM when the name ends in .pgm, else PNG.
 void writePicture(const std::string &path, const Picture &picture);

@@ -16,6 +16,9 @@
 
 #include "tools/exit_codes.h"
 #include "tools/image/analysis.h"
+#include "tools/output.h"
+#include "tools/terminal.h"
+#include "tools/text.h"
 
 namespace kelm::tools {
 namespace {
@@ -62,19 +65,15 @@ struct Line {
   bool failed = false;
 };
 
-std::string csvField(const nlohmann::json &value) {
+std::string csvCell(const nlohmann::ordered_json &value) {
   if (value.is_null()) return "";
-  if (!value.is_string()) return value.dump();
-  std::string quoted = "\"";
-  for (const char character : value.get<std::string>()) quoted += character == '"' ? "\"\"" : std::string(1, character);
-  return quoted + "\"";
+  return value.is_string() ? csvField(value.get<std::string>()) : value.dump();
 }
 
 std::string lineOf(const nlohmann::ordered_json &record, bool csv) {
-  // Names of files are bytes and need not be UTF-8.
-  if (!csv) return record.dump(-1, ' ', false, nlohmann::json::error_handler_t::replace);
+  if (!csv) return jsonText(record, -1);
   std::string line;
-  for (const char *column : kColumns) line.append(line.empty() ? "" : ",").append(csvField(record.at(column)));
+  for (const char *column : kColumns) line.append(line.empty() ? "" : ",").append(csvCell(record.at(column)));
   return line;
 }
 
@@ -101,33 +100,6 @@ Line measure(const std::string &path, bool csv) {
   return {lineOf(record, csv), !record["error"].is_null()};
 }
 
-// A bar with rate and time left, rewritten in place; nothing unless standard error is a terminal.
-class Progress {
- public:
-  explicit Progress(size_t expected) : total(expected), shown(isatty(STDERR_FILENO) == 1) {}
-
-  void show(size_t done) {
-    const auto now = std::chrono::steady_clock::now();
-    if (!shown || (done < total && now - last < std::chrono::milliseconds(100))) return;
-    last = now;
-    const double seconds = std::chrono::duration<double>(now - start).count();
-    const double rate = seconds > 0 ? static_cast<double>(done) / seconds : 0;
-    const size_t filled = total > 0 ? done * kBar / total : kBar;
-    std::string bar(filled, '#');
-    bar.append(kBar - filled, '.');
-    fprintf(stderr, "\r[%s] %zu of %zu, %.1f pictures/s, %.0f s left \x1b[K", bar.c_str(), done, total, rate,
-            rate > 0 ? static_cast<double>(total - done) / rate : 0.0);
-    if (done == total) fputc('\n', stderr);
-  }
-
- private:
-  static constexpr size_t kBar = 30;
-  size_t total;
-  bool shown;
-  std::chrono::steady_clock::time_point start = std::chrono::steady_clock::now();
-  std::chrono::steady_clock::time_point last{};
-};
-
 // Pictures are taken in order by several threads; the lines are kept until it is their turn.
 class Batch {
  public:
@@ -139,8 +111,17 @@ class Batch {
     const size_t count = std::min(static_cast<size_t>(std::max(settings.jobs, 1)), paths.size());
     std::vector<std::thread> workers;
     for (size_t i = 0; i < count; ++i) workers.emplace_back([this] { work(); });
-    const bool sound = write();
+    bool sound = false;
+    std::exception_ptr failure;
+    try {
+      sound = write();
+    } catch (...) {
+      failure = std::current_exception();
+      const std::lock_guard lock(mutex);
+      taken = paths.size();
+    }
     for (std::thread &worker : workers) worker.join();
+    if (failure) std::rethrow_exception(failure);
     return sound;
   }
 
@@ -159,15 +140,15 @@ class Batch {
   }
 
   bool write() {
-    Progress progress(paths.size());
+    Progress progress("measuring", "pictures", paths.size());
     bool sound = true;
     for (size_t i = 0; i < paths.size(); ++i) {
       std::unique_lock lock(mutex);
       ready.wait(lock, [&] { return lines[i].has_value(); });
       const Line line = *std::exchange(lines[i], std::nullopt);
       lock.unlock();
-      puts(line.text.c_str());
-      fflush(stdout);
+      put(line.text + '\n');
+      flushOutput();
       sound &= !line.failed;
       progress.show(i + 1);
     }
@@ -189,7 +170,7 @@ int measureQuality(const QualitySettings &settings) {
   if (settings.csv) {
     std::string header;
     for (const char *column : kColumns) header.append(header.empty() ? "" : ",").append(column);
-    puts(header.c_str());
+    put(header + '\n');
   }
   return Batch(paths, settings).run() ? kExitDone : kExitUsage;
 }

@@ -1,9 +1,10 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "tools/token/actions.h"
 
+#include <fmt/format.h>
+
 #include <algorithm>
 #include <array>
-#include <cstdio>
 #include <cstring>
 #include <filesystem>
 #include <span>
@@ -11,6 +12,7 @@
 #include "tools/failure.h"
 #include "tools/image/picture.h"
 #include "tools/terminal.h"
+#include "tools/text.h"
 #include "tools/token/watch.h"
 #include "tools/token/words.h"
 
@@ -20,26 +22,15 @@ namespace {
 
 constexpr unsigned kAnySlot = 0;
 
-std::string count(std::size_t number, const std::string &thing) {
-  return std::to_string(number) + " " + thing + (number == 1 ? "" : "s");
-}
-
 // "  00  4B 45 ...  KE.." for 16 bytes each.
 std::string dump(std::span<const std::uint8_t> bytes) {
   constexpr std::size_t kPerLine = 16;
   std::string text;
-  char digits[24];
   for (std::size_t start = 0; start < bytes.size(); start += kPerLine) {
     const auto line = bytes.subspan(start, std::min(kPerLine, bytes.size() - start));
-    std::snprintf(digits, sizeof digits, "  %02zX ", start);
-    text += digits;
     std::string characters;
-    for (const std::uint8_t byte : line) {
-      std::snprintf(digits, sizeof digits, " %02X", byte);
-      text += digits;
-      characters += byte >= ' ' && byte < 0x7F ? static_cast<char>(byte) : '.';
-    }
-    text += std::string(3 * (kPerLine - line.size()) + 2, ' ') + characters + "\n";
+    for (const std::uint8_t byte : line) characters += byte >= ' ' && byte < 0x7F ? static_cast<char>(byte) : '.';
+    text += fmt::format("  {:02X}  {:<{}}  {}\n", start, hex(line, " "), 3 * kPerLine - 1, characters);
   }
   return text;
 }
@@ -47,7 +38,7 @@ std::string dump(std::span<const std::uint8_t> bytes) {
 void requireSlotInRange(int slot, std::size_t slots) {
   if (slot < 1 || static_cast<std::size_t>(slot) > slots) {
     throw Failure(kExitUsage,
-                  "slot " + std::to_string(slot) + " does not exist: the token has " + count(slots, "slot"));
+                  "slot " + std::to_string(slot) + " does not exist: the token has " + counted(slots, "slot"));
   }
 }
 
@@ -141,7 +132,7 @@ Report createToken(const TokenOptions &token, const CreateOptions &options) {
     throw Failure(kExitUsage, "no token can be made in " + store + ": " + link.error());
   }
   Report report;
-  report.text = "made a token with " + count(personalisation.slots, "slot") + " in " + store + "\n";
+  report.text = "made a token with " + counted(personalisation.slots, "slot") + " in " + store + "\n";
   report.json = {{"store", store}, {"slots", options.slots}, {"tries", options.tries}};
   return report;
 }
@@ -155,17 +146,11 @@ Report showInfo(Session &session) {
   const auto used = static_cast<std::size_t>(std::count_if(
       index.begin(), index.end(), [](const auto &entry) { return slotState(entry) == SlotState::kEnrolled; }));
   Report report;
-  report.text = "fingerprint token at " + session.place() + "\n" + count(index.size(), "slot") + ", " +
-                std::to_string(used) + " enrolled\n" + "device information, " + count(bytes.size(), "byte") + ":\n" +
+  report.text = "fingerprint token at " + session.place() + "\n" + counted(index.size(), "slot") + ", " +
+                std::to_string(used) + " enrolled\n" + "device information, " + counted(bytes.size(), "byte") + ":\n" +
                 dump(bytes);
   report.json = {{"place", session.place()}, {"slots", index.size()}, {"enrolled", used}};
-  std::string hex;
-  char digits[4];
-  for (const std::uint8_t byte : bytes) {
-    std::snprintf(digits, sizeof digits, "%02X", byte);
-    hex += digits;
-  }
-  report.json["deviceInformation"] = hex;
+  report.json["deviceInformation"] = hex(bytes);
   return report;
 }
 
@@ -254,9 +239,7 @@ Report parameters(Session &session, const ParameterOptions &options) {
   for (const Parameter &parameter : kParameters) {
     std::uint8_t value = 0;
     check(parameter.get(session.handle(), &value), std::string("reading the ") + parameter.name);
-    char line[64];
-    std::snprintf(line, sizeof line, "%-15s %3u\n", parameter.name, static_cast<unsigned>(value));
-    report.text += line;
+    report.text += fmt::format("{:<15} {:3}\n", parameter.name, value);
     report.json[parameter.key] = value;
   }
   return report;
@@ -295,7 +278,7 @@ Report sendImage(Session &session, const std::string &file) {
   }
   Report report;
   report.text = "sent " + file + ": " + std::to_string(picture.width) + " x " + std::to_string(picture.height) +
-                " pixels in " + count(blocks, "block") + "\n";
+                " pixels in " + counted(blocks, "block") + "\n";
   report.json = {{"width", picture.width}, {"height", picture.height}, {"blocks", blocks}};
   return report;
 }

@@ -2,14 +2,12 @@
 #include "tools/token/commands.h"
 
 #include <functional>
-#include <iostream>
 #include <memory>
 
 #include "tools/exit_codes.h"
 #include "tools/failure.h"
-#include "tools/image/picture.h"
+#include "tools/output.h"
 #include "tools/token/actions.h"
-#include "tools/token/words.h"
 
 namespace kelm::tools {
 
@@ -38,36 +36,16 @@ struct Options {
   std::string word;  // the positional argument of cache, pin require, send-image and pin verify
 };
 
-void printJson(nlohmann::ordered_json json) {
-  std::cout << json.dump(2, ' ', false, nlohmann::ordered_json::error_handler_t::replace) << '\n';
-}
-
-// What a program reads instead of the line on standard error.
-void printFailure(const Failure &failure) {
-  nlohmann::ordered_json json = {{"ok", false}, {"error", failure.what()}};
-  if (failure.result != 0) json["result"] = resultNumber(failure.result);
-  printJson(std::move(json));
-}
-
 int run(const TokenOptions &token, const std::function<Report()> &action) {
-  try {
-    Report report = action();
-    if (token.json) {
-      nlohmann::ordered_json json = {{"ok", true}};
-      json.update(report.json);
-      printJson(std::move(json));
-    } else {
-      std::cout << report.text;
-    }
-    return report.exitCode;
-  } catch (const Failure &failure) {
-    if (token.json) printFailure(failure);
-    throw;
-  } catch (const PictureError &error) {
-    const Failure failure(kExitUsage, error.what());
-    if (token.json) printFailure(failure);
-    throw failure;
+  const Report report = action();
+  if (token.json) {
+    nlohmann::ordered_json json = {{"ok", true}};
+    json.update(report.json);
+    put(jsonText(json) + '\n');
+  } else {
+    put(report.text);
   }
+  return report.exitCode;
 }
 
 // Makes the commands. Each lives in a CLI::App; the options live as long as the callbacks that use them.

@@ -1,7 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 // Clears a template file that an interrupted enrollment left behind.
+#include <fmt/format.h>
+
 #include <algorithm>
-#include <cstdio>
 
 #include "tools/exit_codes.h"
 #include "tools/failure.h"
@@ -31,19 +32,18 @@ Report repair(Session &session) {
                                  [fid](const TemplateIndexEntry &entry) { return Exchange(entry.fid) == fid; });
   const bool own = std::find(std::begin(kTokensOwn), std::end(kTokensOwn), fid) != std::end(kTokensOwn);
   Report report;
-  char name[8];
-  std::snprintf(name, sizeof name, "%04X", static_cast<unsigned>(fid));
+  const std::string name = fmt::format("{:04X}", fid);
   if (own || named) {
-    throw Failure(kExitRefused, std::string("the FID counter yields file ") + name +
+    throw Failure(kExitRefused, "the FID counter yields file " + name +
                                     ", which is in use: personalise the token with a higher counter");
   }
   const bool found = isThere(session, fid);
   if (found && SCardEraseEF(session.handle(), fid) != 1) {
-    throw Failure(kExitRefused, std::string("the token would not erase file ") + name + ", which no slot names");
+    throw Failure(kExitRefused, "the token would not erase file " + name + ", which no slot names");
   }
-  report.text = found ? std::string("erased file ") + name + ", which an interrupted enrollment had left behind\n"
+  report.text = found ? "erased file " + name + ", which an interrupted enrollment had left behind\n"
                       : "nothing stands in the way of the next enrollment\n";
-  report.json = {{"erased", found}, {"fid", fid}};
+  report.json = {{"erased", found}, {"fid", name}};
   return report;
 }
 

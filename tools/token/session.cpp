@@ -1,6 +1,9 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "tools/token/session.h"
 
+#include <fmt/format.h>
+#include <unistd.h>
+
 #include <array>
 #include <cstdio>
 #include <filesystem>
@@ -20,6 +23,12 @@ namespace {
 int exitCodeOf(std::uint64_t result) {
   if (result == KELM_RESULT_ARGUMENT) return kExitUsage;
   return result == KELM_RESULT_AUTH_LIBRARY || result == KELM_RESULT_PIN_LIBRARY ? kExitNoToken : kExitRefused;
+}
+
+Failure refused(const std::string &error, const std::string &advice, std::uint64_t result) {
+  Failure failure(kExitRefused, error, advice);
+  failure.result = result;
+  return failure;
 }
 
 std::uint64_t openSimulated(const SimulatorLink &link, const std::string &store) {
@@ -64,13 +73,14 @@ void check(std::uint64_t result, const std::string &action) {
   const ResultWords &words = resultWords(result);
   std::string answer;
   if (result == KELM_RESULT_UNLISTED && watch().lastStatus >= 0) {
-    char status[8];
-    std::snprintf(status, sizeof status, "%04X", static_cast<unsigned>(watch().lastStatus));
     const std::string meaning = statusWords(watch().lastStatus);
-    answer = std::string(", its last answer was ") + status + (meaning.empty() ? "" : " (" + meaning + ")");
+    answer =
+        fmt::format(", its last answer was {:04X}{}", watch().lastStatus, meaning.empty() ? "" : " (" + meaning + ")");
   }
-  throw Failure(exitCodeOf(result),
-                action + ": " + words.what + " [" + resultNumber(result) + answer + "]; " + words.advice, result);
+  Failure failure(exitCodeOf(result), fmt::format("{}: {} [{}{}]", action, words.what, resultNumber(result), answer),
+                  words.advice);
+  failure.result = result;
+  throw failure;
 }
 
 Session::Session(const SimulatorLink *link, const TokenOptions &options) : link_(link) {
@@ -136,18 +146,17 @@ void Session::verifyPin(const std::string &given) {
   if (pin.empty() || pin.size() > kLongest) throw Failure(kExitUsage, "a PIN has 1 to 16 characters");
   std::uint8_t triesLeft = 0;
   const std::uint64_t result = [&] {
-    const OutputToError redirected;
+    const Redirected redirected(STDOUT_FILENO, STDERR_FILENO);
     return KelmSCardVerifyUserPinBio(device(), reinterpret_cast<std::uintptr_t>(pin.data()),
                                      static_cast<std::uint8_t>(pin.size()),
                                      reinterpret_cast<std::uintptr_t>(&triesLeft));
   }();
   const std::string number = " [" + resultNumber(result) + "]";
   if (result == KELM_RESULT_BLOCKED) {
-    throw Failure(kExitRefused, "the PIN is blocked" + number + "; `kelmtrova token unblock` gives its tries back",
-                  result);
+    throw refused("the PIN is blocked" + number, "`kelmtrova token unblock` gives its tries back", result);
   }
   if ((result & ~kTriesMask) == kWrong) {
-    throw Failure(kExitRefused, "the PIN is wrong" + number + "; tries left: " + std::to_string(triesLeft), result);
+    throw refused("the PIN is wrong" + number, "tries left: " + std::to_string(triesLeft), result);
   }
   check(result, "verifying the PIN");
 }

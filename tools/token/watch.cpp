@@ -2,15 +2,18 @@
 #include "tools/token/watch.h"
 
 #include <dlfcn.h>
+#include <fmt/format.h>
 
+#include <algorithm>
 #include <cstdarg>
 #include <cstdio>
 #include <cstring>
-#include <iostream>
 #include <span>
 #include <string>
 
 #include "kelmtrova/token.h"
+#include "tools/output.h"
+#include "tools/text.h"
 #include "tools/token/words.h"
 
 namespace kelm::tools {
@@ -25,19 +28,17 @@ namespace {
 std::string hexLines(std::span<const std::uint8_t> bytes) {
   constexpr std::size_t kPerLine = 32;
   std::string text;
-  char digits[4];
-  for (std::size_t i = 0; i < bytes.size(); ++i) {
-    if (i != 0) text += i % kPerLine == 0 ? "\n    " : " ";
-    std::snprintf(digits, sizeof digits, "%02X", bytes[i]);
-    text += digits;
+  for (; !bytes.empty(); bytes = bytes.subspan(std::min(kPerLine, bytes.size()))) {
+    if (!text.empty()) text += "\n    ";
+    text += hex(bytes.first(std::min(kPerLine, bytes.size())), " ");
   }
   return text;
 }
 
-std::string hexStatus(int status) {
-  char digits[8];
-  std::snprintf(digits, sizeof digits, "%04X", static_cast<unsigned>(status));
-  return digits;
+// Several lines of our own making: no names from outside are in them.
+void show(const std::string &text) {
+  std::fflush(stdout);
+  std::fputs(text.c_str(), stderr);
 }
 
 void showCommand(std::span<const std::uint8_t> command) {
@@ -45,20 +46,20 @@ void showCommand(std::span<const std::uint8_t> command) {
   constexpr std::uint8_t kVerifyPin = 0x20, kChangePin = 0x24, kUnblockPin = 0x2C;
   const bool secret =
       command.size() > kHeader && (command[1] == kVerifyPin || command[1] == kChangePin || command[1] == kUnblockPin);
-  std::cerr << "  > " << hexLines(secret ? command.first(kHeader) : command) << (secret ? " and the PIN" : "") << "  ("
-            << commandName(command) << ")\n";
+  show(fmt::format("  > {}{}  ({})\n", hexLines(secret ? command.first(kHeader) : command),
+                   secret ? " and the PIN" : "", commandName(command)));
 }
 
 void showAnswer(std::span<const std::uint8_t> answer, int status) {
   const std::string words = statusWords(status);
-  std::cerr << "  < " << hexLines(answer) << (answer.empty() ? "" : " ") << hexStatus(status)
-            << (words.empty() ? "" : "  (" + words + ")") << '\n';
+  show(fmt::format("  < {}{}{:04X}{}\n", hexLines(answer), answer.empty() ? "" : " ", status,
+                   words.empty() ? "" : "  (" + words + ")"));
 }
 
 void showTrace(const char *format, std::va_list arguments) {
   char line[256];
   std::vsnprintf(line, sizeof line, format, arguments);
-  std::cerr << "  # " << line << '\n';
+  putError(std::string("  # ") + line);
 }
 
 }  // namespace

@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "tools/token/words.h"
 
-#include <cstdio>
+#include <fmt/format.h>
 
 #include "kelmtrova/token.h"
 
@@ -88,7 +88,7 @@ constexpr StatusWords kStatuses[] = {
     {0x9000, 0xFFFF, "done"},
     {0x6100, 0xFF00, "more data wait"},
     {0x63C0, 0xFFFF, "no match, no tries left"},
-    {0x63C0, 0xFFF0, "no match, %d tries left"},
+    {0x63C0, 0xFFF0, "no match, {} tries left"},
     {0x6581, 0xFFFF, "memory failure"},
     {0x6700, 0xFFFF, "wrong length"},
     {0x6981, 0xFFFF, "not that kind of file"},
@@ -152,12 +152,6 @@ constexpr CommandWords kCommands[] = {
     {0x00, 0xC0, -1, "get response", Detail::kNone},
 };
 
-std::string number(const char *format, unsigned value) {
-  char text[64];
-  std::snprintf(text, sizeof text, format, value);
-  return text;
-}
-
 // "0520, the template index" for the two bytes of a FID.
 std::string fileName(std::uint8_t high, std::uint8_t low) {
   const unsigned fid = static_cast<unsigned>(high) << 8 | low;
@@ -165,7 +159,7 @@ std::string fileName(std::uint8_t high, std::uint8_t low) {
                      : fid == KELM_FID_BLOCK_RECORD   ? ", the block record"
                      : fid == KELM_FID_TEMPLATE_INDEX ? ", the template index"
                                                       : "";
-  return number(" %04X", fid) + name;
+  return fmt::format(" {:04X}{}", fid, name);
 }
 
 }  // namespace
@@ -179,14 +173,12 @@ const ResultWords &resultWords(std::uint64_t result) {
   return kUnknown;
 }
 
-std::string resultNumber(std::uint64_t result) { return number("0x%08X", static_cast<unsigned>(result)); }
+std::string resultNumber(std::uint64_t result) { return fmt::format("0x{:08X}", result); }
 
 std::string statusWords(int status) {
   for (const StatusWords &entry : kStatuses) {
     if ((status & entry.mask) != entry.status) continue;
-    const std::string words = entry.words;
-    const std::size_t place = words.find("%d");
-    return place == std::string::npos ? words : number(entry.words, static_cast<unsigned>(status & ~entry.mask));
+    return fmt::format(fmt::runtime(entry.words), status & ~entry.mask);
   }
   return "";
 }
@@ -197,7 +189,7 @@ std::string commandName(std::span<const std::uint8_t> command) {
   for (const CommandWords &entry : kCommands) {
     if (entry.cla != command[0] || entry.ins != command[1] || (entry.p1 >= 0 && entry.p1 != command[2])) continue;
     std::string name = entry.name;
-    if (entry.detail == Detail::kP2) name += number(" %u", command[3]);
+    if (entry.detail == Detail::kP2) name += fmt::format(" {}", command[3]);
     if (entry.detail == Detail::kFidInHeader) name += fileName(command[2], command[3]);
     if (entry.detail == Detail::kFidInData && command.size() >= kDataStart + 2) {
       name += fileName(command[kDataStart], command[kDataStart + 1]);

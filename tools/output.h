@@ -1,0 +1,30 @@
+// SPDX-License-Identifier: Apache-2.0
+// Everything that the program writes: standard output, lines on standard error, files. What cannot be written to its
+// end is a Failure with exit code 2.
+#pragma once
+
+#include <cstdint>
+#include <nlohmann/json_fwd.hpp>
+#include <span>
+#include <string>
+#include <string_view>
+
+namespace kelm::tools {
+
+// Standard output, buffered. Both throw when it cannot be written; main() flushes at the end.
+void put(std::string_view text);
+void flushOutput();
+
+// A whole line on standard error, after what standard output holds by then; `line` is made safe to show.
+void putError(std::string_view line);
+
+// JSON as text that a terminal can show: what shown() would replace is escaped, bytes that are no UTF-8 replaced.
+// `indent` as nlohmann's dump: 2 for people, -1 for one line.
+std::string jsonText(const nlohmann::ordered_json &json, int indent = 2);
+
+// Writes a whole file, or throws and leaves what was there before: the bytes go into a new file beside it that then
+// takes its name and keeps its mode. Links are followed; devices and pipes are written in place.
+void writeFile(const std::string &path, std::span<const std::uint8_t> bytes);
+void writeFile(const std::string &path, std::string_view text);
+
+}  // namespace kelm::tools
