@@ -41,19 +41,17 @@ enum Status : std::uint16_t {
 constexpr std::size_t kHeaderSize = 5;
 constexpr std::size_t kLongestAnswer = 256;
 constexpr std::size_t kTemplateSize = 904;
-constexpr std::uint8_t kTemplateFileType = 0x28;
-constexpr std::size_t kFileMemory = 512 * 1024;
 constexpr std::size_t kImageHeaderSize = 8;
 constexpr std::size_t kLongestImageLine = 240;
-constexpr std::size_t kLongestPin = 16;
 constexpr std::uint8_t kCountingNoTries = 0x26;
 constexpr std::array<std::uint8_t, 4> kTemplateMark = {'K', 'F', 'P', 'T'};
 
 // One command on its way through the token.
 struct Call {
   Store &store;
+  Transaction &transaction;
   PowerSession &session;
-  const std::optional<Features> &finger;
+  PowerSession &before;  // what the session falls back to when the memory fails
   ByteView command;
 
   std::uint8_t p1() const { return command[2]; }
@@ -84,10 +82,6 @@ Bytes templateOf(const Features &features) {
   for (int shift = 0; shift < 64; shift += 8) *at++ = static_cast<std::uint8_t>(features.length >> shift);
   std::copy(features.digest.begin(), features.digest.end(), at);
   return bytes;
-}
-
-bool isTemplate(ByteView content) {
-  return content.size() >= kTemplateSize && std::equal(kTemplateMark.begin(), kTemplateMark.end(), content.begin());
 }
 
 // ---- Files --------------------------------------------------------------------------------------------------------
@@ -125,6 +119,7 @@ Reply writeBinary(const Call &call) {
   if (call.p12() >= content->size()) return refuse(kWrongParameters);
   if (call.data().size() > content->size() - call.p12()) return refuse(kWrongLength);
   std::copy(call.data().begin(), call.data().end(), content->begin() + call.p12());
+  if (call.session.selected == kCounterFile && !isGoodCounter(*content)) return refuse(kWrongData);
   call.store.writeFile(*call.session.selected, *content);
   return {};
 }
@@ -135,7 +130,7 @@ Reply createFile(const Call &call) {
   if (fid == 0 || fid == 0xFFFF || call.data()[0] != kTemplateFileType || size == 0) return refuse(kWrongData);
   if (isOwnFile(fid) || call.store.readFile(fid)) return refuse(kFileExists);
   if (size > kLargestFile || call.store.totalSize() + size > kFileMemory) return refuse(kNoRoom);
-  call.store.createFile(fid, Bytes(size));
+  call.store.createFile(fid, kTemplateFileType, Bytes(size));
   call.session.selected = fid;
   return {};
 }
@@ -173,6 +168,24 @@ Reply getResponse(const Call &call) {
 
 // ---- The user's PIN -----------------------------------------------------------------------------------------------
 
+// Takes one off a counter of tries and makes that last before anything is compared. False when none is left.
+bool countTry(Store &store, Transaction &transaction, std::string_view counter) {
+  const std::int64_t tries = store.parameter(counter);
+  if (tries == 0) return false;
+  store.setParameter(counter, tries - 1);
+  transaction.commit();
+  transaction.begin();
+  return true;
+}
+
+// Fills the tries again when it is.
+bool isRightPin(Store &store, ByteView pin) {
+  const std::string right = store.pin();
+  if (!std::equal(right.begin(), right.end(), pin.begin(), pin.end())) return false;
+  store.setParameter(kPinTriesLeft, kMaxPinTries);
+  return true;
+}
+
 Reply verifyPin(const Call &call) {
   const std::int64_t tries = call.store.parameter(kPinTriesLeft);
   if (call.data().empty()) {
@@ -180,22 +193,21 @@ Reply verifyPin(const Call &call) {
     return refuse(tries ? static_cast<int>(kTriesLeftAre | tries) : kBlocked);
   }
   if (call.data().size() > kLongestPin) return refuse(kWrongLength);
-  if (tries == 0) return refuse(kBlocked);
-  const std::string pin = call.store.pin();
-  call.session.pinVerified = std::equal(pin.begin(), pin.end(), call.data().begin(), call.data().end());
-  if (call.session.pinVerified) {
-    if (tries != kMaxPinTries) call.store.setParameter(kPinTriesLeft, kMaxPinTries);
-    return {};
+  if (!countTry(call.store, call.transaction, kPinTriesLeft)) return refuse(kBlocked);
+  call.session.pinVerified = call.before.pinVerified = false;
+  if (!isRightPin(call.store, call.data())) {
+    return refuse(static_cast<int>(kTriesLeftAre | call.store.parameter(kPinTriesLeft)));
   }
-  call.store.setParameter(kPinTriesLeft, tries - 1);
-  return refuse(static_cast<int>(kTriesLeftAre | (tries - 1)));
+  call.session.pinVerified = true;
+  return {};
 }
 
 // ---- The sensor ---------------------------------------------------------------------------------------------------
 
 Reply captureImage(const Call &call) {
-  if (!call.finger) return refuse(kNoFinger);
-  call.session.captured = call.finger;
+  const std::optional<Features> finger = call.store.finger();
+  if (!finger) return refuse(kNoFinger);
+  call.session.captured = finger;
   return answerTwo();
 }
 
@@ -253,8 +265,8 @@ Status compareSlot(const Call &call, ByteView index, std::size_t slot) {
 
 // The verdict and, on a match, the slot. One-to-many passes over slots that cannot be compared.
 std::pair<Status, std::size_t> compare(const Call &call, std::size_t slots) {
-  const Bytes index = call.store.readFile(kIndexFile).value_or(Bytes());
-  if (index.size() < slots * kIndexEntrySize) throw StoreError("the template index is too short");
+  const Bytes index = call.store.ownFile(kIndexFile);
+  if (index.size() < slots * kIndexEntrySize) call.store.database().damaged("the template index is too short");
   if (call.p2()) return {compareSlot(call, index, call.p2()), call.p2()};
   Status verdict = kSlotNotEnrolled;
   for (std::size_t slot = 1; slot <= slots; ++slot) {
@@ -267,26 +279,37 @@ std::pair<Status, std::size_t> compare(const Call &call, std::size_t slots) {
 
 Reply match(const Call &call) {
   const auto slots = static_cast<std::size_t>(call.store.parameter(kSlots));
-  const std::int64_t tries = call.store.parameter(kTriesLeft);
   const bool counts = call.p1() != kCountingNoTries;
   if (call.p2() > slots) return refuse(kWrongParameters);
-  if (counts && tries == 0) return refuse(kBlocked);
+  if (counts && call.store.parameter(kTriesLeft) == 0) return refuse(kBlocked);
   if (!call.session.live) return refuse(kNoFeatures);
+  if (counts && !countTry(call.store, call.transaction, kTriesLeft)) return refuse(kBlocked);
   const auto [verdict, slot] = compare(call, slots);
   call.session.fresh = {};
   if (verdict == kDone) {
-    const std::int64_t all = call.store.parameter(kMaxTries);
-    if (counts && tries != all) call.store.setParameter(kTriesLeft, all);
+    if (counts) call.store.setParameter(kTriesLeft, call.store.parameter(kMaxTries));
     return answerByte(static_cast<std::int64_t>(slot));
   }
-  if (verdict != kNoMatch || !counts) return refuse(verdict);
-  call.store.setParameter(kTriesLeft, tries - 1);
-  return refuse(static_cast<int>(kTriesLeftAre | (tries - 1)));
+  if (!counts) return refuse(verdict);
+  const std::int64_t tries = call.store.parameter(kTriesLeft);
+  if (verdict == kNoMatch) return refuse(static_cast<int>(kTriesLeftAre | tries));
+  // Nothing was compared: the try comes back.
+  call.store.setParameter(kTriesLeft, std::min(tries + 1, call.store.parameter(kMaxTries)));
+  return refuse(verdict);
 }
 
 // ---- The device ---------------------------------------------------------------------------------------------------
 
-Reply selfTest(const Call &call) { return call.store.sound() ? answerTwo() : refuse(kSelfTestFailed); }
+Reply selfTest(const Call &call) {
+  try {
+    call.store.check();
+  } catch (const StoreError &error) {
+    if (error.kind != SIMULATOR_STORE_DAMAGED) throw;
+    rememberFailure(error);
+    return refuse(kSelfTestFailed);
+  }
+  return answerTwo();
+}
 
 // 0 name, padded with zeros; 32 version; 34 slots; 35 feature buffers; 36 bytes of a template; 38 width and 40 height
 // of the sensor in pixels; 42 pixels per inch; 44 tries that matching allows. Numbers have the high byte first.
@@ -463,6 +486,10 @@ Reply dispatch(const Call &call) {
 
 }  // namespace
 
+bool isTemplate(ByteView content) {
+  return content.size() >= kTemplateSize && std::equal(kTemplateMark.begin(), kTemplateMark.end(), content.begin());
+}
+
 // FNV-1a of 128 bits: fingers differ by accident, nobody forges them here.
 Features featuresOf(ByteView finger) {
   __extension__ using Wide = unsigned __int128;
@@ -477,19 +504,28 @@ Features featuresOf(ByteView finger) {
   return features;
 }
 
-Reply answerCommand(Store &store, PowerSession &session, const std::optional<Features> &finger, ByteView command) {
+Reply answerCommand(Store &store, PowerSession &session, ByteView command) {
   constexpr std::uint8_t kGetResponse = 0xC0;
-  const PowerSession before = session;
+  PowerSession before = session;
   try {
-    Transaction transaction(store);
+    Transaction transaction(store.database());
     if (command.size() < 2 || command[1] != kGetResponse) session.pending.reset();
-    Reply reply = dispatch({store, session, finger, command});
+    Reply reply = dispatch({store, transaction, session, before, command});
     transaction.commit();
     return reply;
-  } catch (const StoreError &) {
-    session = before;
+  } catch (const StoreError &error) {
+    rememberFailure(error);
+    session = std::move(before);
     return refuse(kMemoryFailure);
+  } catch (...) {
+    session = std::move(before);
+    throw;
   }
+}
+
+PinVerdict comparePin(Store &store, Transaction &transaction, ByteView pin) {
+  if (!countTry(store, transaction, kPinTriesLeft)) return PinVerdict::kBlocked;
+  return isRightPin(store, pin) ? PinVerdict::kRight : PinVerdict::kWrong;
 }
 
 }  // namespace kelm::devices

@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 // The simulated token's commands: what each does to its memory and what it answers.
-#ifndef KELMTROVA_TOKEN_CARD_H
-#define KELMTROVA_TOKEN_CARD_H
+#ifndef KELMTROVA_DEVICES_SIMULATED_CARD_H
+#define KELMTROVA_DEVICES_SIMULATED_CARD_H
 
 #include <array>
 #include <cstdint>
@@ -11,14 +11,10 @@
 
 namespace kelm::devices {
 
-// What stands for the features of a finger: its length and a digest of its bytes. A finger without bytes has none.
-struct Features {
-  std::uint64_t length = 0;
-  std::array<std::uint8_t, 16> digest{};
-  bool operator==(const Features &) const = default;
-};
-
 Features featuresOf(ByteView finger);
+
+// Whether a finger was enrolled into a file with that content.
+bool isTemplate(ByteView content);
 
 struct Reply {
   std::uint16_t status = 0x9000;
@@ -39,8 +35,15 @@ struct PowerSession {
   std::optional<Reply> pending;
 };
 
-// Carries out one command as one transaction. When the memory fails, the answer is 0x6581 and nothing has changed.
-Reply answerCommand(Store &store, PowerSession &session, const std::optional<Features> &finger, ByteView command);
+// Carries out one command as one transaction; what counts a try does so in a transaction of its own before it looks at
+// the PIN or the finger. When the memory fails, the answer is 0x6581, the failure is remembered for the thread, and
+// nothing has changed but for such a try.
+Reply answerCommand(Store &store, PowerSession &session, ByteView command);
+
+enum class PinVerdict { kRight, kWrong, kBlocked };
+// Compares with the PIN of the token, within `transaction`: counts the try, durably, and only then compares. The right
+// PIN fills the tries again.
+PinVerdict comparePin(Store &store, Transaction &transaction, ByteView pin);
 
 }  // namespace kelm::devices
 

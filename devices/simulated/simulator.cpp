@@ -18,7 +18,8 @@
 
 #include "devices/simulated/card.h"
 #include "devices/simulated/exchange.h"
-#include "devices/simulated/store.h"
+#include "devices/simulated/failure.h"
+#include "devices/simulated/store_file.h"
 
 namespace kelm::devices {
 namespace {
@@ -27,7 +28,6 @@ constexpr std::size_t kLongestAnswer = 256;
 constexpr std::uint8_t kBlockBit = 0x04;
 
 constexpr std::uint8_t kDefaultTries = 5;
-constexpr std::uint8_t kMostTries = 15;
 // The first counter value whose file is none of the token's own, nor is any that follows but the master file.
 constexpr std::uint16_t kFirstSafeCounter = 0x002A;
 constexpr std::string_view kDefaultPin = "1234";
@@ -39,7 +39,6 @@ struct Device {
   std::recursive_mutex lock;
   Store store;
   PowerSession session;
-  std::optional<Features> finger;
   bool powered = true;
   SimulatorFault fault{};
   std::uint32_t sinceFault = 0;
@@ -47,6 +46,14 @@ struct Device {
   SimulatorTrace trace = nullptr;
   void *traceContext = nullptr;
 };
+
+struct OwnFile {
+  std::uint16_t fid;
+  SimulatorFileKind kind;
+};
+
+constexpr OwnFile kOwnFiles[] = {
+    {kCounterFile, SIMULATOR_FILE_COUNTER}, {kBlockFile, SIMULATOR_FILE_BLOCK}, {kIndexFile, SIMULATOR_FILE_INDEX}};
 
 struct Registry {
   std::mutex lock;
@@ -59,11 +66,6 @@ struct Registry {
 Registry &registry() {
   static Registry &only = *new Registry;
   return only;
-}
-
-std::string &lastError() {
-  static thread_local std::string text;
-  return text;
 }
 
 std::shared_ptr<Device> find(std::uint64_t device) {
@@ -81,17 +83,13 @@ std::uint64_t add(Store store) {
   return all.next++;
 }
 
-// Runs `work` and keeps its exceptions in: they become `failure` and the text of simulatorError.
+// Runs `work` and keeps its exceptions in: they become `failure` and what simulatorFailure and simulatorError say.
 template <typename Result, typename Work>
 Result guarded(Result failure, Work work) noexcept {
   try {
     return work();
   } catch (const std::exception &error) {
-    try {
-      lastError() = error.what();
-    } catch (...) {
-      lastError().clear();
-    }
+    rememberFailure(error);
     return failure;
   }
 }
@@ -100,7 +98,7 @@ template <typename Work>
 int withDevice(std::uint64_t number, Work work) noexcept {
   return guarded(-1, [&] {
     const std::shared_ptr<Device> device = find(number);
-    if (!device) throw StoreError("no such device");
+    if (!device) throw StoreError(SIMULATOR_NO_DEVICE, "no such device");
     const std::lock_guard guard(device->lock);
     return work(*device);
   });
@@ -110,15 +108,19 @@ int withDevice(std::uint64_t number, Work work) noexcept {
 template <typename Work>
 int withMemory(std::uint64_t number, Work work) noexcept {
   return withDevice(number, [&](Device &device) {
-    Transaction transaction(device.store);
+    Transaction transaction(device.store.database());
     const int result = work(device.store);
     transaction.commit();
     return result;
   });
 }
 
-void require(bool good, const char *otherwise) {
-  if (!good) throw StoreError(otherwise);
+void require(bool good, const char *otherwise, SimulatorFailure kind = SIMULATOR_BAD_ARGUMENT) {
+  if (!good) throw StoreError(kind, otherwise);
+}
+
+void requirePin(std::string_view pin) {
+  require(pin.size() >= kShortestPin && pin.size() <= kLongestPin, "a PIN has 4 to 16 characters");
 }
 
 Personalisation complete(const SimulatorPersonalisation *wanted) {
@@ -126,7 +128,8 @@ Personalisation complete(const SimulatorPersonalisation *wanted) {
   const std::string pin(wanted->pin ? std::string_view(wanted->pin) : kDefaultPin);
   require(wanted->slots != 0, "a token needs 1 to 255 slots");
   require(wanted->maxTries <= kMostTries, "a token allows 1 to 15 tries");
-  require(pin.size() >= 4 && pin.size() <= 16, "a PIN has 4 to 16 characters");
+  require(wanted->firstFidCounter <= kUsedUpCounter, "a FID counter begins at 1 to 2048");
+  requirePin(pin);
   return {wanted->slots, wanted->firstFidCounter ? wanted->firstFidCounter : kFirstSafeCounter,
           wanted->maxTries ? wanted->maxTries : kDefaultTries, pin};
 }
@@ -171,7 +174,7 @@ Outcome perform(Device &device, ByteView command) {
   const SimulatorFaultKind kind = hit ? fault.kind : SIMULATOR_FAULT_NONE;
   if (kind == SIMULATOR_FAULT_POWER_BEFORE) cutPower(device);
   if (!device.powered || kind == SIMULATOR_FAULT_STATUS) return {{fault.status}};
-  Reply reply = answerCommand(device.store, device.session, device.finger, command);
+  Reply reply = answerCommand(device.store, device.session, command);
   switch (kind) {
     case SIMULATOR_FAULT_POWER_AFTER:
       cutPower(device);
@@ -227,7 +230,7 @@ using namespace kelm::devices;
 int simulatorCreate(const char *store, const SimulatorPersonalisation *personalisation) {
   return guarded(-1, [&] {
     require(store && *store, "no place given for the store");
-    Store::create(store, complete(personalisation));
+    createStore(store, complete(personalisation));
     return 0;
   });
 }
@@ -253,8 +256,6 @@ void simulatorClose(std::uint64_t device) {
   all.devices.erase(found);
 }
 
-const char *simulatorError(void) { return lastError().c_str(); }
-
 std::size_t simulatorDefaultStore(char *path, std::size_t capacity) {
   return guarded<std::size_t>(0, [&] {
     const std::string store = defaultStore();
@@ -266,17 +267,72 @@ std::size_t simulatorDefaultStore(char *path, std::size_t capacity) {
   });
 }
 
-int simulatorPlaceFinger(std::uint64_t device, const void *finger, std::size_t length) {
+int simulatorExport(std::uint64_t device, const char *file) {
   return withDevice(device, [&](Device &opened) {
+    require(file && *file, "no place given for the exported token");
+    exportStore(opened.store, file);
+    return 0;
+  });
+}
+
+int simulatorImport(const char *file, const char *store) {
+  return guarded(-1, [&] {
+    require(file && *file, "no exported token given");
+    require(store && *store, "no place given for the store");
+    importStore(file, store);
+    return 0;
+  });
+}
+
+int simulatorPlaceFinger(std::uint64_t device, const void *finger, size_t length) {
+  return withMemory(device, [&](Store &store) {
     require(finger || length == 0, "no finger given");
-    opened.finger = featuresOf({static_cast<const std::uint8_t *>(finger), length});
+    store.setFinger(featuresOf({static_cast<const std::uint8_t *>(finger), length}));
     return 0;
   });
 }
 
 int simulatorRemoveFinger(std::uint64_t device) {
-  return withDevice(device, [](Device &opened) {
-    opened.finger.reset();
+  return withMemory(device, [](Store &store) {
+    store.setFinger(std::nullopt);
+    return 0;
+  });
+}
+
+int simulatorGetState(std::uint64_t device, SimulatorState *state) {
+  return withDevice(device, [&](Device &opened) {
+    require(state, "no place given for the state");
+    Store &store = opened.store;
+    const Transaction reading(store.database());
+    const auto number = [&](std::string_view name) { return static_cast<std::uint8_t>(store.parameter(name)); };
+    const Bytes block = store.ownFile(kBlockFile);
+    *state = {.fidCounter = counterIn(store.ownFile(kCounterFile)),
+              .slots = number(kSlots),
+              .maxTries = number(kMaxTries),
+              .triesLeft = number(kTriesLeft),
+              .blockRecorded = (block.at(kBlockRecordOffset + 2) & kBlockBit) != 0,
+              .pinRequired = number(kPinRequired),
+              .pinVerified = opened.session.pinVerified,
+              .maxPinTries = kMaxPinTries,
+              .pinTriesLeft = number(kPinTriesLeft),
+              .fingerLies = store.finger().has_value(),
+              .readOnly = store.database().readOnly()};
+    return 0;
+  });
+}
+
+int simulatorChangePin(std::uint64_t device, const char *oldPin, const char *newPin) {
+  return withDevice(device, [&](Device &opened) {
+    require(oldPin && newPin, "a PIN is missing");
+    requirePin(newPin);
+    const std::string_view old(oldPin);
+    Transaction transaction(opened.store.database());
+    const PinVerdict verdict =
+        comparePin(opened.store, transaction, {reinterpret_cast<const std::uint8_t *>(old.data()), old.size()});
+    require(verdict != PinVerdict::kBlocked, "the PIN is blocked", SIMULATOR_PIN_BLOCKED);
+    require(verdict == PinVerdict::kRight, "the PIN is wrong", SIMULATOR_PIN_WRONG);
+    opened.store.setPin(newPin);
+    transaction.commit();
     return 0;
   });
 }
@@ -292,7 +348,7 @@ int simulatorUnblock(std::uint64_t device) {
   return withMemory(device, [](Store &store) {
     store.setParameter(kTriesLeft, store.parameter(kMaxTries));
     store.setParameter(kPinTriesLeft, kMaxPinTries);
-    Bytes record = store.readFile(kBlockFile).value();
+    Bytes record = store.ownFile(kBlockFile);
     record.at(kBlockRecordOffset + 2) &= static_cast<std::uint8_t>(~kBlockBit);
     store.writeFile(kBlockFile, record);
     return 0;
@@ -325,14 +381,33 @@ int simulatorSetTrace(std::uint64_t device, SimulatorTrace trace, void *context)
   });
 }
 
-int simulatorListFiles(std::uint64_t device, std::uint16_t *fids, std::size_t capacity) {
-  return withMemory(device, [&](Store &store) { return copyOut(store.listFiles(), fids, capacity); });
+int simulatorListFiles(std::uint64_t device, std::uint16_t *fids, size_t capacity) {
+  return withMemory(device, [&](Store &store) {
+    std::vector<std::uint16_t> found;
+    for (const File &file : store.files()) found.push_back(file.fid);
+    return copyOut(found, fids, capacity);
+  });
+}
+
+int simulatorGetFiles(std::uint64_t device, SimulatorFile *files, size_t capacity) {
+  return withMemory(device, [&](Store &store) {
+    std::vector<SimulatorFile> found;
+    for (const File &file : store.files()) {
+      const auto own = std::ranges::find(kOwnFiles, file.fid, &OwnFile::fid);
+      const SimulatorFileKind kind = own != std::end(kOwnFiles)       ? own->kind
+                                     : file.type == kTemplateFileType ? SIMULATOR_FILE_TEMPLATE
+                                                                      : SIMULATOR_FILE_OTHER;
+      found.push_back({file.fid, static_cast<std::uint16_t>(file.content.size()), static_cast<std::uint8_t>(kind),
+                       isTemplate(file.content)});
+    }
+    return copyOut(found, files, capacity);
+  });
 }
 
 int simulatorReadFile(std::uint64_t device, std::uint16_t fid, std::uint8_t *bytes, std::size_t capacity) {
   return withMemory(device, [&](Store &store) {
     const std::optional<Bytes> content = store.readFile(fid);
-    require(content.has_value(), "no such file");
+    require(content.has_value(), "no such file", SIMULATOR_NO_FILE);
     return copyOut(*content, bytes, capacity);
   });
 }
@@ -343,12 +418,14 @@ int simulatorWriteFile(std::uint64_t device, std::uint16_t fid, const std::uint8
     const ByteView written(bytes, length);
     std::optional<Bytes> content = store.readFile(fid);
     if (!content) {
-      require(length <= kLargestFile && fid != kMasterFile, "no such file can be made");
-      store.createFile(fid, written);
+      require(length <= kLargestFile && fid != 0 && fid != 0xFFFF && fid != kMasterFile, "no such file can be made");
+      require(store.totalSize() + length <= kFileMemory, "no room for such a file");
+      store.createFile(fid, kPlainFileType, written);
       return 0;
     }
     require(length <= content->size(), "longer than the file");
     std::copy(written.begin(), written.end(), content->begin());
+    require(fid != kCounterFile || isGoodCounter(*content), "a FID counter lies within 1 and 2048");
     store.writeFile(fid, *content);
     return 0;
   });

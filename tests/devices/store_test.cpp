@@ -37,7 +37,7 @@ TEST_F(StoreTest, MemoryLastsAndThePowerSessionDoesNot) {
   }
   const Device token(store);
   converse(token,
-           "80 F9 05 06 01 = 63 9000; 80 FA 00 00 02 = 6A0E; 80 FB 00 01 02 = 6A07; 80 FD 06 03 01 = 6A11; "
+           "80 F9 05 06 01 = 63 9000; 80 FB 00 01 02 = 6A07; 80 FA 00 00 02 = 00 00 9000; 80 FD 06 03 01 = 6A11; "
            "00 B0 00 00 01 = 6986; 80 F9 09 00 01 = 00 9000");
   EXPECT_EQ(simulatorGetImage(token.number, nullptr, nullptr, nullptr, 0), 2);
   std::array<std::uint16_t, 3> fids{};
@@ -68,7 +68,7 @@ TEST_F(StoreTest, WhatIsNoSoundStoreIsRefused) {
   const Damage kDamages[] = {
       {"not the store of a token", 0, "fingerprints"},
       {"not the store of a token", 68, std::string(4, '\0')},
-      {"the store of a token of another version", 60, std::string("\0\0\0\7", 4)},
+      {"the store of a token of a later version, 7", 60, std::string("\0\0\0\7", 4)},
       {"the store of the token is damaged", 4096, std::string(12000, '\x55')},
   };
   for (const Damage &damage : kDamages) {
