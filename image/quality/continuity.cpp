@@ -155,12 +155,13 @@ bool notContinue(const std::uint8_t *image, std::int32_t height, std::int32_t wi
 
 void Project(std::int32_t *sums, const std::uint8_t *image, std::int32_t rows, std::int32_t width, std::uint32_t mode) {
   using namespace kelm::image;
-  if (sums == nullptr || image == nullptr || rows < 1 || width < 1) {
+  if (sums == nullptr || image == nullptr) {
     return;
   }
+  // Without columns, the sums of the rows are 0, and the other way round.
+  const auto extent = [](std::int32_t samples) { return static_cast<std::size_t>(std::max(samples, 0)); };
   auto *const unsignedSums = reinterpret_cast<std::uint32_t *>(sums);
-  (mode == 0 ? projectRows : projectColumns)(unsignedSums, image, static_cast<std::size_t>(rows),
-                                             static_cast<std::size_t>(width));
+  (mode == 0 ? projectRows : projectColumns)(unsignedSums, image, extent(rows), extent(width));
 }
 
 std::int32_t NotContinue(const std::uint8_t *image, std::int32_t height, std::int32_t width, std::int32_t level) {

@@ -8,6 +8,7 @@
 
 #include "image/support/dispatch.h"
 #include "image/support/memory.h"
+#include "image/support/words.h"
 #include "kelmtrova/image.h"
 
 #if defined(__SSE2__)
@@ -129,9 +130,8 @@ template <unsigned kNeeded>
 KELM_INLINE void splitLine(CellRow::Column (&columns)[kCell], std::size_t to, const std::uint8_t *__restrict line,
                            std::size_t cells) {
   for (std::size_t i = 0; i < cells; ++i) {
-    std::uint16_t left, right;
-    std::memcpy(&left, line + kCell * i, sizeof(left));
-    std::memcpy(&right, line + kCell * i + 2, sizeof(right));
+    const auto left = loadWord<std::uint16_t>(line + kCell * i);
+    const auto right = loadWord<std::uint16_t>(line + kCell * i + 2);
     const std::uint16_t samples[kCell] = {
         static_cast<std::uint16_t>(left & 0xFF), static_cast<std::uint16_t>(left >> 8),
         static_cast<std::uint16_t>(right & 0xFF), static_cast<std::uint16_t>(right >> 8)};

@@ -24,8 +24,8 @@ GradientGrid gradientGrid(const std::uint8_t *image, std::int32_t height, std::i
 // Pixels along the edge of a cell, whose first pixel is a point of a grid of step 4.
 inline constexpr std::size_t kCell = 4;
 
-// Points of a row of the grid that are worked on at a time.
-inline constexpr std::size_t kMaxStretch = 256;
+// Points of a row of the grid that are worked on at a time: as many as fit on the stack without more than 16 KiB of it.
+inline constexpr std::size_t kMaxStretch = 128;
 
 // The samples of a stretch of cells, sorted by row and column within the cell.
 struct alignas(64) CellRow {

@@ -7,7 +7,6 @@
 // stay in the cache, and of that only the strips that some profile reaches. Samples too near the image's border are
 // taken point by point.
 #include <algorithm>
-#include <bit>
 #include <cstddef>
 #include <cstdint>
 #include <cstring>
@@ -16,6 +15,7 @@
 #include "image/ridge/period.h"
 #include "image/support/dispatch.h"
 #include "image/support/memory.h"
+#include "image/support/words.h"
 #include "kelmtrova/image.h"
 
 namespace kelm::image {
@@ -216,21 +216,11 @@ bool isInterior(const Picture &picture, const Crossing &crossing, int x, int y) 
 
 // Two cells side by side of each of two rows, in the order of lanes.
 inline void putCells(std::uint8_t *lanes, const std::uint8_t *upper, const std::uint8_t *lower) {
-  if constexpr (std::endian::native == std::endian::little) {
-    constexpr std::uint64_t kCells = 0x000000FF000000FFU;
-    std::uint64_t first;
-    std::uint64_t second;
-    std::memcpy(&first, upper, sizeof first);
-    std::memcpy(&second, lower, sizeof second);
-    const std::uint64_t apart = (first & kCells) | (second & kCells) << 16;  // each in the low byte of 16 bits
-    const std::uint32_t cells = static_cast<std::uint32_t>(apart | apart >> 24);
-    std::memcpy(lanes, &cells, sizeof cells);
-  } else {
-    lanes[0] = upper[0];
-    lanes[1] = upper[kCell];
-    lanes[2] = lower[0];
-    lanes[3] = lower[kCell];
-  }
+  constexpr std::uint64_t kCells = 0x000000FF000000FFU;
+  const std::uint64_t first = loadWord<std::uint64_t>(upper) & kCells;
+  const std::uint64_t second = loadWord<std::uint64_t>(lower) & kCells;
+  const std::uint64_t apart = first | second << 16;  // each in the low byte of 16 bits
+  storeWord(lanes, static_cast<std::uint32_t>(apart | apart >> 24));
 }
 
 void sampleBlock(std::uint8_t *profiles, const std::uint8_t *means, const std::int32_t *offsets, int width) {

@@ -6,6 +6,7 @@
 #include <cstring>
 
 #include "image/support/dispatch.h"
+#include "image/support/lanes.h"
 
 namespace kelm::image {
 namespace {
@@ -22,12 +23,6 @@ struct Turns {
   Lanes range;  // from the first to the last
   Lanes gap[kSlots];
 };
-
-KELM_INLINE std::uint8_t mask(bool condition) { return static_cast<std::uint8_t>(-static_cast<int>(condition)); }
-
-KELM_INLINE std::uint8_t choose(std::uint8_t condition, std::uint8_t yes, std::uint8_t no) {
-  return static_cast<std::uint8_t>((condition & yes) | (~condition & no));
-}
 
 KELM_INLINE void note(Turns *turns, int slot, int lane, std::uint8_t found, std::uint8_t position) {
   const std::uint8_t last = turns->last[lane];

@@ -149,10 +149,8 @@ KELM_KERNEL(void, stripRow,
             (matcher, image, base, width, window, fill), stripRowBody)
 
 // Columns are taken 64 at a time: one word per row. The words of a tile of rows are followed by those of the rows below
-// that a window from the tile can reach.
-constexpr std::size_t kTileRows = 1024;
-constexpr std::size_t kHalo = kLongestWindow;
-constexpr std::size_t kColumnWords = kTileRows + kHalo;
+// that a window from the tile can reach, its halo.
+constexpr std::size_t kColumnWords = 640;
 
 KELM_INLINE void narrowDown(std::uint64_t *__restrict out, const std::uint64_t *__restrict in, std::size_t words,
                             std::size_t shift) {
@@ -181,16 +179,17 @@ KELM_INLINE void stripColumnsBody(const Matcher &matcher, std::uint8_t *image, s
                                   std::size_t column, std::size_t window, std::uint8_t fill) {
   std::uint64_t runs[kColumnWords];
   std::uint64_t buffers[2][kColumnWords];
+  const std::size_t halo = window - 1;
+  const std::size_t tileRows = kColumnWords - halo;
   std::uint64_t lasting = 0;  // columns in which the row above belongs to a long run
   std::size_t loaded = 0;     // words of `runs` that stand for rows already looked at
   std::size_t next = 0;       // the first row not yet looked at
-  for (std::size_t top = 0; top < height; top += kTileRows) {
-    const std::size_t words = std::min(kColumnWords, height - top + kHalo);
-    for (; loaded < words; ++loaded, ++next) {
+  for (std::size_t top = 0; top < height; top += tileRows) {
+    const std::size_t rows = std::min(tileRows, height - top);
+    for (; loaded < rows + halo; ++loaded, ++next) {
       runs[loaded] = next < height ? matchFrom(matcher, next * width + column, width - column) : 0;
     }
-    const std::uint64_t *const windows = windowsDown(runs, buffers, words, window);
-    const std::size_t rows = std::min(kTileRows, height - top);
+    const std::uint64_t *const windows = windowsDown(runs, buffers, rows + halo, window);
     for (std::size_t i = 0; i < rows; ++i) {
       lasting = runs[i] & (lasting | windows[i]);
       const std::uint64_t stripes = runs[i] & ~lasting;
@@ -198,8 +197,8 @@ KELM_INLINE void stripColumnsBody(const Matcher &matcher, std::uint8_t *image, s
         overwrite(image + (top + i) * width + column, stripes, width - column, fill);
       }
     }
-    loaded = words - rows;
-    std::memmove(runs, runs + rows, loaded * sizeof(runs[0]));
+    loaded = halo;
+    std::memmove(runs, runs + rows, halo * sizeof(runs[0]));
   }
 }
 KELM_KERNEL(void, stripColumns,

@@ -358,7 +358,7 @@ KELMTROVA_API int32_t MeanSmooth(const uint8_t *source, uint8_t *destination, in
  * the columns for direction 1; any other direction, and longest = 0, leave the image as it is. Runs that touch the
  * border count like all others.
  *
- * Results: 0 success; 2 a null image or a dimension below 1. Takes no memory but up to 31 KiB of the stack.
+ * Results: 0 success; 2 a null image or a dimension below 1. No memory, but 16 KiB of stack.
  */
 KELMTROVA_API int32_t RemoveStripe(uint8_t *image, int16_t height, int16_t width, uint8_t value, uint8_t fill,
                                    uint8_t longest, uint8_t direction);
@@ -498,7 +498,7 @@ KELMTROVA_API uint32_t FpGetImg4DirectionGrads(const uint8_t *image, int16_t hei
 /*
  * The maps of all four directions: an array of four pointers, element d for direction d; the caller releases the four
  * maps and then the array. The first and the last row and column of the grid stay 0. Null for a null image, a dimension
- * below 1, a step below 3, or when memory could not be obtained; nothing stays allocated then. 20 KiB of stack.
+ * below 1, a step below 3, or when memory could not be obtained; nothing stays allocated then. 12 KiB of stack.
  */
 KELMTROVA_API uint16_t **FpGetImg4DirectionGradsEx(const uint8_t *image, int16_t height, int16_t width, uint8_t step);
 
@@ -525,7 +525,7 @@ typedef struct BlockQualityMap {
  * unchanged; 2 also when the image is less than 16 pixels high or wide and so holds no whole block. The map's header is
  * filled in on every result but the first kind of 2, and so is `grades`, which belongs to the caller from then on (zero
  * when the result is not 0, null when itself could not be obtained): set it to null before the call, release it after.
- * 24 KiB of stack.
+ * 14 KiB of stack.
  */
 KELMTROVA_API uint32_t ImageBlkQuality(BlockQualityMap *map, const uint8_t *image, int16_t height, int16_t width,
                                        uint64_t reserved);
@@ -533,7 +533,7 @@ KELMTROVA_API uint32_t ImageBlkQuality(BlockQualityMap *map, const uint8_t *imag
  * The same from the caller's direction maps: grads[d] is the map of direction d with step 4 as
  * FpGetImg4DirectionGradsEx(image, height, width, 4) makes it. The image must not be null but is not read. The maps
  * stay the caller's. Values are read as signed 16-bit numbers; of a cell mean below 0, which no picture gives, the low
- * 8 bits are used. A null array or map is a result 2 that leaves the map unchanged. 24 KiB of stack.
+ * 8 bits are used. A null array or map is a result 2 that leaves the map unchanged. 14 KiB of stack.
  */
 KELMTROVA_API uint32_t ImageBlkQualityEx(BlockQualityMap *map, const uint8_t *image, int16_t height, int16_t width,
                                          uint64_t reserved, uint16_t *const *grads);
@@ -542,7 +542,8 @@ KELMTROVA_API uint32_t ImageBlkQualityEx(BlockQualityMap *map, const uint8_t *im
 
 /*
  * Mode 0: sums[r] = the sum of row r, for `rows` rows of `width` samples. Any other mode: sums[c] = the sum of column
- * c. Sums wrap modulo 2^32. Does nothing for a null pointer or a dimension below 1.
+ * c. Sums wrap modulo 2^32. A sum over no samples, because the other dimension is below 1, is 0. Does nothing for a null
+ * pointer, and where the dimension that says how many sums there are is below 1.
  */
 KELMTROVA_API void Project(int32_t *sums, const uint8_t *image, int32_t rows, int32_t width, uint32_t mode);
 /*

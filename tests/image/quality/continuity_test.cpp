@@ -153,13 +153,25 @@ TEST(Project, EqualsPlainSumsAndWritesNothingElse) {
       ASSERT_TRUE(same(sums.data(), expected)) << rows << " x " << width;
     }
   }
-  std::int32_t sum = -1;
+}
+
+// As many sums as there are rows, or columns, whatever the other dimension.
+TEST(Project, SumsOverNothingAreZero) {
   const std::uint8_t sample = 3;
-  Project(&sum, nullptr, 1, 1, 0);
-  Project(&sum, &sample, 0, 1, 1);
-  Project(&sum, &sample, 1, 0, 0);
+  struct {
+    const std::uint8_t *image;
+    int rows, width, mode, written;
+  } const cases[] = {{&sample, 3, 0, 0, 3},  {&sample, 3, -2, 0, 3}, {&sample, 0, 2, 7, 2},
+                     {&sample, -9, 2, 1, 2}, {&sample, 0, 3, 0, 0},  {&sample, -1, -1, 0, 0},
+                     {&sample, 3, -1, 1, 0}, {nullptr, 3, 3, 0, 0},  {nullptr, 3, 3, 1, 0}};
+  for (const auto &c : cases) {
+    std::vector<std::int32_t> expected(4, -1);
+    std::fill_n(expected.begin(), c.written, 0);
+    const Guarded<std::int32_t> sums(std::vector<std::int32_t>(4, -1));
+    call(Project, sums.data(), c.image, c.rows, c.width, c.mode);
+    EXPECT_TRUE(same(sums.data(), expected)) << c.rows << " x " << c.width << " mode " << c.mode;
+  }
   Project(nullptr, &sample, 1, 1, 0);
-  EXPECT_EQ(sum, -1);
 }
 
 }  // namespace
