@@ -215,6 +215,14 @@ std::int32_t exchange(Device &device, ByteView command, std::uint64_t capacity, 
 
 bool isSimulated(std::uint64_t device) { return find(device) != nullptr; }
 
+void resetSimulated(std::uint64_t device) {
+  if (const std::shared_ptr<Device> found = find(device)) {
+    const std::lock_guard guard(found->lock);
+    found->session = {};
+    found->powered = true;
+  }
+}
+
 std::int32_t exchangeSimulated(std::uint64_t device, ByteView command, std::uint64_t capacity,
                                std::uint64_t *answerLength, std::uint8_t *answer) noexcept {
   return guarded<std::int32_t>(kDeviceFailure, [&]() -> std::int32_t {

@@ -123,10 +123,10 @@ SIMULATOR_API int simulatorUnblock(uint64_t device);
  * such as the reading end of a pipe, becomes readable or is closed at its other end (-1: for ever). Then the connection
  * is closed, for the reader the card is pulled out, and the result is 0.
  *
- * Fails when no reader answers within 5 seconds, when it ends the connection, takes more than 5 seconds over one
- * message, or sends nonsense. Cutting the power and resetting begin a new session of the token (and bring back power
- * that a fault cut). The device stays usable by others meanwhile; closing it does not end the call. `ready`, when not
- * null, is called once as soon as the reader has the token.
+ * Fails when no reader answers within 5 seconds of looking up its name, when it ends the connection, takes more than 5
+ * seconds over one message, or sends nonsense, and when the device is closed. Cutting the power and resetting begin a
+ * new session of the token (and bring back power that a fault cut). The device stays usable by others meanwhile, in the
+ * same session. `ready`, when not null, is called once as soon as the reader has the token.
  */
 SIMULATOR_API int simulatorServe(uint64_t device, const char *reader, int stop, void (*ready)(void *context),
                                  void *context);
