@@ -13,6 +13,9 @@ enum Status : std::uint16_t {
   kTriesLeftAre = 0x63C0,
   kMemoryFailure = 0x6581,
   kWrongLength = 0x6700,
+  kNoLogicalChannel = 0x6881,
+  kNoSecureMessaging = 0x6882,
+  kNoChaining = 0x6884,
   kNotAllowed = 0x6982,
   kBlocked = 0x6983,
   kWrongConditions = 0x6985,
@@ -53,12 +56,13 @@ struct Call {
   PowerSession &session;
   PowerSession &before;  // what the session falls back to when the memory fails
   ByteView command;
+  ByteView data = {};
+  std::optional<std::uint8_t> le = {};
 
   std::uint8_t p1() const { return command[2]; }
   std::uint8_t p2() const { return command[3]; }
   std::uint16_t p12() const { return static_cast<std::uint16_t>(p1() << 8 | p2()); }
-  std::size_t expected() const { return command[4] ? command[4] : kLongestAnswer; }
-  ByteView data() const { return command.size() > kHeaderSize ? command.subspan(kHeaderSize) : ByteView(); }
+  std::size_t expected() const { return le.value_or(0) ? *le : kLongestAnswer; }
 };
 
 std::uint16_t bigEndian(ByteView bytes) { return static_cast<std::uint16_t>(bytes[0] << 8 | bytes[1]); }
@@ -86,15 +90,44 @@ Bytes templateOf(const Features &features) {
 
 // ---- Files --------------------------------------------------------------------------------------------------------
 
-Reply selectFile(const Call &call) {
-  const std::uint16_t fid = bigEndian(call.data());
-  if (fid == kMasterFile) {
-    call.session.selected.reset();
-    return {};
+// ISO/IEC 7816-4 on the selected file, in BER-TLV: its size (not of the master file), whether it is a file (01) or a
+// folder (38), its FID, and that it is in use.
+Bytes controlInformation(std::uint8_t tag, std::uint16_t fid, std::optional<std::size_t> size) {
+  const auto high = [](std::size_t number) { return static_cast<std::uint8_t>(number >> 8); };
+  const auto low = [](std::size_t number) { return static_cast<std::uint8_t>(number); };
+  Bytes objects;
+  if (size) objects = {0x80, 2, high(*size), low(*size)};
+  for (const int byte : {0x82, 1, size ? 0x01 : 0x38, 0x83, 2, fid >> 8, fid & 0xFF, 0x8A, 1, 0x05}) {
+    objects.push_back(low(static_cast<std::size_t>(byte)));
   }
-  if (!call.store.readFile(fid)) return refuse(kFileNotFound);
-  call.session.selected = fid;
-  return {};
+  Bytes answer = {tag, low(objects.size())};
+  answer.insert(answer.end(), objects.begin(), objects.end());
+  return answer;
+}
+
+// The host selects by FID and wants no data. Other clients of smart cards say by a FID or a path below the master file,
+// may leave out the master file's, and ask for control information with an Le and P2 00 or 04.
+Reply selectFile(const Call &call) {
+  constexpr std::uint8_t kFileControlInformation = 0x00, kFileControlParameters = 0x04, kNoInformation = 0x0C;
+  constexpr std::uint8_t kFileBelow = 0x02, kByName = 0x04;
+  if (call.p2() != kFileControlInformation && call.p2() != kFileControlParameters && call.p2() != kNoInformation) {
+    return refuse(kWrongParameters);
+  }
+  if (call.p1() == kByName) return refuse(call.data.empty() ? kWrongLength : kFileNotFound);
+  const bool unsaid = call.data.empty() && call.p1() != kFileBelow;
+  if (call.data.size() != 2 && !unsaid) return refuse(kWrongLength);
+  const std::uint16_t fid = unsaid ? kMasterFile : bigEndian(call.data);
+  const bool master = fid == kMasterFile && call.p1() != kFileBelow;
+  std::optional<Bytes> content;
+  if (!master && !(content = call.store.readFile(fid))) return refuse(kFileNotFound);
+  Reply reply;
+  if (call.le && call.p2() != kNoInformation) {
+    const std::optional<std::size_t> size = master ? std::nullopt : std::optional(content->size());
+    reply.data = controlInformation(call.p2() == kFileControlInformation ? 0x6F : 0x62, fid, size);
+    if (*call.le != 0 && *call.le != reply.data.size()) return refuse(kLengthIs | static_cast<int>(reply.data.size()));
+  }
+  call.session.selected = master ? std::nullopt : std::optional(fid);
+  return reply;
 }
 
 Reply readBinary(const Call &call) {
@@ -105,7 +138,7 @@ Reply readBinary(const Call &call) {
   const std::size_t rest = content->size() - call.p12();
   std::size_t length = call.expected();
   if (length > rest) {
-    if (call.command[4]) return refuse(kLengthIs | static_cast<int>(rest));
+    if (call.le != 0) return refuse(kLengthIs | static_cast<int>(rest));
     length = rest;
   }
   const auto first = content->begin() + call.p12();
@@ -117,8 +150,8 @@ Reply writeBinary(const Call &call) {
   std::optional<Bytes> content = call.store.readFile(*call.session.selected);
   if (!content) return refuse(kNoFileSelected);
   if (call.p12() >= content->size()) return refuse(kWrongParameters);
-  if (call.data().size() > content->size() - call.p12()) return refuse(kWrongLength);
-  std::copy(call.data().begin(), call.data().end(), content->begin() + call.p12());
+  if (call.data.size() > content->size() - call.p12()) return refuse(kWrongLength);
+  std::copy(call.data.begin(), call.data.end(), content->begin() + call.p12());
   if (call.session.selected == kCounterFile && !isGoodCounter(*content)) return refuse(kWrongData);
   call.store.writeFile(*call.session.selected, *content);
   return {};
@@ -126,8 +159,8 @@ Reply writeBinary(const Call &call) {
 
 Reply createFile(const Call &call) {
   const std::uint16_t fid = call.p12();
-  const std::size_t size = bigEndian(call.data().subspan(1));
-  if (fid == 0 || fid == 0xFFFF || call.data()[0] != kTemplateFileType || size == 0) return refuse(kWrongData);
+  const std::size_t size = bigEndian(call.data.subspan(1));
+  if (fid == 0 || fid == 0xFFFF || call.data[0] != kTemplateFileType || size == 0) return refuse(kWrongData);
   if (isOwnFile(fid) || call.store.readFile(fid)) return refuse(kFileExists);
   if (size > kLargestFile || call.store.totalSize() + size > kFileMemory) return refuse(kNoRoom);
   call.store.createFile(fid, kTemplateFileType, Bytes(size));
@@ -136,7 +169,7 @@ Reply createFile(const Call &call) {
 }
 
 Reply deleteFile(const Call &call) {
-  const std::uint16_t fid = bigEndian(call.data());
+  const std::uint16_t fid = bigEndian(call.data);
   if (isOwnFile(fid)) return refuse(kWrongConditions);
   const std::optional<Bytes> content = call.store.readFile(fid);
   if (!content) return refuse(kFileNotFound);
@@ -153,7 +186,7 @@ Reply getResponse(const Call &call) {
   if (!call.session.pending) return refuse(kWrongConditions);
   Reply &pending = *call.session.pending;
   const std::size_t available = pending.data.size();
-  if (call.command[4] && call.expected() > available) return refuse(kLengthIs | static_cast<int>(available & 0xFF));
+  if (call.le != 0 && call.expected() > available) return refuse(kLengthIs | static_cast<int>(available & 0xFF));
   const std::size_t length = std::min(call.expected(), available);
   const auto cut = pending.data.begin() + static_cast<std::ptrdiff_t>(length);
   Reply reply{pending.status, Bytes(pending.data.begin(), cut)};
@@ -188,14 +221,14 @@ bool isRightPin(Store &store, ByteView pin) {
 
 Reply verifyPin(const Call &call) {
   const std::int64_t tries = call.store.parameter(kPinTriesLeft);
-  if (call.data().empty()) {
+  if (call.data.empty()) {
     if (call.session.pinVerified) return {};
     return refuse(tries ? static_cast<int>(kTriesLeftAre | tries) : kBlocked);
   }
-  if (call.data().size() > kLongestPin) return refuse(kWrongLength);
+  if (call.data.size() > kLongestPin) return refuse(kWrongLength);
   if (!countTry(call.store, call.transaction, kPinTriesLeft)) return refuse(kBlocked);
   call.session.pinVerified = call.before.pinVerified = false;
-  if (!isRightPin(call.store, call.data())) {
+  if (!isRightPin(call.store, call.data)) {
     return refuse(static_cast<int>(kTriesLeftAre | call.store.parameter(kPinTriesLeft)));
   }
   call.session.pinVerified = true;
@@ -339,15 +372,15 @@ Reply readField(const Call &call) {
 
 Reply setField(const Call &call) {
   const auto field = std::ranges::find(kFields, call.p1() - 1, &Field::p1);
-  call.store.setParameter(field->name, call.data()[0]);
+  call.store.setParameter(field->name, call.data[0]);
   return {};
 }
 
 Reply readVerifyMode(const Call &call) { return answerByte(call.store.parameter(kVerifyMode)); }
 
 Reply setVerifyMode(const Call &call) {
-  if (call.data()[0] > 2) return refuse(kModeOutOfRange);
-  call.store.setParameter(kVerifyMode, call.data()[0]);
+  if (call.data[0] > 2) return refuse(kModeOutOfRange);
+  call.store.setParameter(kVerifyMode, call.data[0]);
   return {};
 }
 
@@ -374,7 +407,7 @@ Reply switchCache(const Call &call) {
 
 // The header of a block: its first line, low byte first; two zeros; its number of lines; three zeros.
 Reply receiveImage(const Call &call) {
-  const ByteView data = call.data();
+  const ByteView data = call.data;
   if (data.size() <= kImageHeaderSize) return refuse(kWrongLength);
   const std::uint32_t pixels = static_cast<std::uint32_t>(data.size() - kImageHeaderSize);
   ImageBlock block{static_cast<std::uint32_t>(data[0] | data[1] << 8), data[4], 0};
@@ -399,9 +432,10 @@ Reply receiveImage(const Call &call) {
 // ---- The table of commands ----------------------------------------------------------------------------------------
 
 enum class Frame : std::uint8_t {
-  kAsks,         // five bytes, the last being Le
-  kTells,        // Lc and data
-  kTellsOrAsks,  // Lc and data, or the header alone, with or without an Lc of 0
+  kAsks,         // Le
+  kTells,        // Lc and data; an Le is welcome, though no data comes back
+  kTellsOrAsks,  // the same, or the header alone, with or without a fifth byte of 0
+  kAny,          // the command sees to it
 };
 
 constexpr int kAny = -1;
@@ -419,7 +453,10 @@ struct Rule {
 
 constexpr Rule kRules[] = {
     {0x00, 0x20, 0x00, 0x00, Frame::kTellsOrAsks, 0, false, verifyPin},
-    {0x00, 0xA4, 0x00, 0x00, Frame::kTells, 2, false, selectFile},
+    {0x00, 0xA4, 0x00, kAny, Frame::kAny, 0, false, selectFile},
+    {0x00, 0xA4, 0x02, kAny, Frame::kAny, 0, false, selectFile},
+    {0x00, 0xA4, 0x04, kAny, Frame::kAny, 0, false, selectFile},
+    {0x00, 0xA4, 0x08, kAny, Frame::kAny, 0, false, selectFile},
     {0x00, 0xB0, kAny, kAny, Frame::kAsks, 0, false, readBinary},
     {0x00, 0xC0, 0x00, 0x00, Frame::kAsks, 0, false, getResponse},
     {0x00, 0xD0, kAny, kAny, Frame::kTells, 0, false, writeBinary},
@@ -453,30 +490,55 @@ constexpr Rule kRules[] = {
 
 bool fits(int wanted, std::uint8_t byte) { return wanted == kAny || wanted == byte; }
 
-// kDone when the lengths are right for the rule.
-int checkFrame(const Rule &rule, ByteView command) {
-  const std::size_t size = command.size();
-  const std::uint8_t length = size >= kHeaderSize ? command[4] : 0;
-  if (rule.frame == Frame::kAsks) {
-    if (size != kHeaderSize) return kWrongLength;
-    return rule.length == 0 || length == 0 || length == rule.length ? kDone : kLengthIs | rule.length;
+// Tells data and Le of a short command apart; false when the lengths are not those of one.
+bool parse(Call &call) {
+  const ByteView command = call.command;
+  if (command.size() == kHeaderSize) call.le = command[4];
+  if (command.size() <= kHeaderSize) return true;
+  const std::size_t length = command[4];
+  const std::size_t rest = command.size() - kHeaderSize;
+  if (length == 0 || (rest != length && rest != length + 1)) return false;
+  call.data = command.subspan(kHeaderSize, length);
+  if (rest > length) call.le = command.back();
+  return true;
+}
+
+// kDone when what is there of data and Le is right for the rule.
+int checkFrame(const Rule &rule, const Call &call) {
+  switch (rule.frame) {
+    case Frame::kAsks:
+      if (!call.data.empty() || !call.le) return kWrongLength;
+      return rule.length == 0 || *call.le == 0 || *call.le == rule.length ? kDone : kLengthIs | rule.length;
+    case Frame::kTellsOrAsks:
+      if (call.data.empty() && call.le.value_or(0) == 0) return kDone;
+      [[fallthrough]];
+    case Frame::kTells:
+      return !call.data.empty() && (rule.length == 0 || call.data.size() == rule.length) ? kDone : kWrongLength;
+    default:
+      return kDone;
   }
-  if (rule.frame == Frame::kTellsOrAsks && length == 0 && size <= kHeaderSize) return kDone;
-  const bool good = length != 0 && size == kHeaderSize + length && (rule.length == 0 || length == rule.length);
-  return good ? kDone : kWrongLength;
+}
+
+// What a class other than the two that are used asks for and does not get.
+Status refuseClass(std::uint8_t cla) {
+  if (cla >= 0x80) return kUnknownClass;
+  if (cla >= 0x40) return kNoLogicalChannel;
+  if (cla >= 0x20) return kUnknownClass;
+  return cla & 0x10 ? kNoChaining : cla & 0x0C ? kNoSecureMessaging : kNoLogicalChannel;
 }
 
 // In the order of ISO/IEC 7816-4: class, instruction, P1 and P2, length, security, and then the work itself.
-Reply dispatch(const Call &call) {
+Reply dispatch(Call call) {
   const ByteView command = call.command;
   if (command.size() < 4) return refuse(kWrongLength);
-  if (command[0] != 0x00 && command[0] != 0x80) return refuse(kUnknownClass);
+  if (command[0] != 0x00 && command[0] != 0x80) return refuse(refuseClass(command[0]));
+  const bool framed = parse(call);
   int status = kUnknownInstruction;
   for (const Rule &rule : kRules) {
     if (rule.cla != command[0] || rule.ins != command[1]) continue;
     status = kWrongParameters;
     if (!fits(rule.p1, command[2]) || !fits(rule.p2, command[3])) continue;
-    status = checkFrame(rule, command);
+    status = framed ? checkFrame(rule, call) : kWrongLength;
     if (status != kDone) break;
     if (rule.needsPin && call.store.parameter(kPinRequired) && !call.session.pinVerified) return refuse(kNotAllowed);
     return rule.run(call);
