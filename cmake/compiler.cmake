@@ -5,7 +5,9 @@ target_compile_options(kelmtrova_flags INTERFACE
   -Wall -Wextra -Wconversion -Wshadow
   # Image results are the same bit for bit everywhere: no fused multiply-add, no reordering.
   -ffp-contract=off
-  -fstack-protector-strong)
+  -fstack-protector-strong
+  # The built files are the same from any folder. A debug build keeps the whole paths, by which debuggers find the source.
+  $<$<NOT:$<CONFIG:Debug>>:-ffile-prefix-map=${PROJECT_SOURCE_DIR}=.>)
 target_link_options(kelmtrova_flags INTERFACE LINKER:-z,relro,-z,now,-z,noexecstack)
 if(CMAKE_BUILD_TYPE MATCHES "^(Release|RelWithDebInfo)$" AND NOT KELMTROVA_SANITIZE)
   target_compile_options(kelmtrova_flags INTERFACE -U_FORTIFY_SOURCE -D_FORTIFY_SOURCE=2)

@@ -16,6 +16,10 @@ target_link_options(kelmtrova_program PRIVATE LINKER:--disable-new-dtags
   LINKER:-rpath-link,${PROJECT_BINARY_DIR}/lib)
 # Loaded while the program runs.
 add_dependencies(kelmtrova_program kelmpkcs)
+# The same run path in the build tree and installed: where the two differ, CMake pads the first with an empty element, by
+# which the loader searches the current folder.
+file(RELATIVE_PATH libraries ${CMAKE_INSTALL_FULL_BINDIR} ${CMAKE_INSTALL_FULL_LIBDIR})
+set(run_path "$ORIGIN/../lib" "$ORIGIN/${libraries}")
+list(REMOVE_DUPLICATES run_path)
 set_target_properties(kelmtrova_program PROPERTIES OUTPUT_NAME kelmtrova
-  BUILD_RPATH "$ORIGIN/../lib"
-  INSTALL_RPATH "$ORIGIN/../${CMAKE_INSTALL_LIBDIR}")
+  INSTALL_RPATH "${run_path}" BUILD_WITH_INSTALL_RPATH ON)

@@ -4,6 +4,8 @@
 
 #include <algorithm>
 #include <cstddef>
+#include <exception>
+#include <optional>
 
 #include "devices/simulated/exchange.h"
 

@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "tools/completion.h"
 
+#include <cstddef>
 #include <map>
 #include <string_view>
 #include <vector>

@@ -14,7 +14,10 @@ endif()
 
 # A sanitized library wants its run time in every program that links to it.
 if(KELMTROVA_PROGRAM AND NOT KELMTROVA_SANITIZE)
-  add_test(NAME install COMMAND
+  kelmtrova_add_test(install 60
     ${PROJECT_SOURCE_DIR}/tests/tools/install_test.sh ${PROJECT_SOURCE_DIR} ${PROJECT_BINARY_DIR}
     ${CMAKE_INSTALL_LIBDIR})
+  # The consumer of the installed files is built as this was: no other generator need be there.
+  set_tests_properties(install PROPERTIES ENVIRONMENT
+    "CMAKE_GENERATOR=${CMAKE_GENERATOR};CC=${CMAKE_C_COMPILER};CXX=${CMAKE_CXX_COMPILER}")
 endif()

@@ -2,6 +2,7 @@
 #include "devices/simulated/store.h"
 
 #include <algorithm>
+#include <system_error>
 #include <utility>
 
 #include "devices/simulated/checksum.h"

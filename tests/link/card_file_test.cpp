@@ -2,6 +2,7 @@
 #include <gtest/gtest.h>
 
 #include <numeric>
+#include <utility>
 
 #include "kelmtrova/token.h"
 #include "tests/support/device.h"

@@ -41,7 +41,7 @@ __attribute__((visibility("default"))) std::int64_t SCardTransmit(std::uint64_t 
                                                                   const std::uint8_t *send, std::uint64_t sendLength,
                                                                   SCardPci *recvPci, std::uint8_t *recv,
                                                                   std::uint64_t *recvLength) {
-  if (device.fixed == nullptr) {
+  if (!device.fixed) {
     protocols.push_back(sendPci);
   }
   if (replies.empty()) {

@@ -5,6 +5,7 @@
 #include <cstdio>
 #include <cstring>
 #include <functional>
+#include <ios>
 
 #include "tests/robustness/transport.h"
 #include "tests/support/simulated.h"

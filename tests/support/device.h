@@ -31,7 +31,7 @@ struct Answer {
 
 struct Device {
   std::function<Answer(const Bytes &)> answer = [](const Bytes &) { return Answer{}; };
-  const Answer *fixed = nullptr;  // answers every command, without a record: takes no memory
+  std::optional<Answer> fixed;  // answers every command, without a record: takes no memory
   std::uint64_t exchanges = 0;
   std::vector<std::string> log;  // commands in hexadecimal, and what the hooks add
 };
@@ -73,7 +73,7 @@ extern "C" __attribute__((visibility("default"), used)) inline std::int32_t Icc_
     return own(handle, commandLength, command, answerLength, answer);
   }
   ++device.exchanges;
-  if (device.fixed != nullptr) {
+  if (device.fixed) {
     return deliver(*device.fixed, answerLength, answer);
   }
   const Bytes bytes(command, command + commandLength);

@@ -92,10 +92,9 @@ TEST(Command, EveryStatusWord) {
   const SCardConnection connection = readyConnection();
   for (const Row &row : kRows) {
     restart();
-    Answer answer = {.data = {0x5A, 0x77}};
-    device.fixed = &answer;
+    device.fixed = Answer{.data = {0x5A, 0x77}};
     for (std::uint32_t status = 0; status <= 0xFFFF; ++status) {
-      answer.status = static_cast<std::int32_t>(status);
+      device.fixed->status = static_cast<std::int32_t>(status);
       std::uint8_t out = kUntouched;
       ASSERT_EQ(row.call(&connection, &out), expectedResult(row, status)) << row.name << ' ' << status;
       ASSERT_EQ(out, !row.getter ? kUntouched : status == 0x9000 ? 0x5A : left(row)) << row.name << ' ' << status;
@@ -189,7 +188,7 @@ TEST(Command, LongAnswersAndNoHeap) {
   for (const Row &row : kRows) {
     restart();
     for (const Answer *answer : {&tooMuch, &more}) {
-      device.fixed = answer;
+      device.fixed = *answer;
       device.exchanges = 0;
       std::uint8_t out = 0;
       AllocationWatch watch;

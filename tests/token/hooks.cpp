@@ -29,7 +29,7 @@ bool isScripted(const SCardConnection *handle) { return handle != nullptr && han
 #define REPLACED __attribute__((visibility("default")))
 
 REPLACED void MYTRACE(const char *format, ...) {
-  if (device.fixed == nullptr) {
+  if (!device.fixed) {
     char text[200];
     va_list arguments;
     va_start(arguments, format);
@@ -46,14 +46,14 @@ REPLACED std::uint64_t MyLock(const SCardConnection *handle) {
   if (++hooks.locks == hooks.lockFails) {
     return 0;
   }
-  if (device.fixed == nullptr) {
+  if (!device.fixed) {
     device.log.push_back("lock");
   }
   return 0x1000 + static_cast<std::uint64_t>(hooks.locks);
 }
 
 REPLACED void MyUnlock(std::uint64_t token) {
-  if (device.fixed == nullptr) {
+  if (!device.fixed) {
     const bool own = token == 0x1000 + static_cast<std::uint64_t>(hooks.locks);
     device.log.push_back(token == 0 ? "unlock 0" : own ? "unlock" : "unlock of another token");
   }

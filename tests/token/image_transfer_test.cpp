@@ -2,6 +2,8 @@
 // The download against a plain picture of what the token must receive.
 #include <gtest/gtest.h>
 
+#include <utility>
+
 #include "tests/support/guarded.h"
 #include "tests/token/hooks.h"
 
@@ -119,8 +121,7 @@ TEST(ImageTransfer, WhatIsRefusedUnsent) {
     const Bytes large(std::size_t{lines} * lineLength);
     const TokenImage image = imageOf(lines, lineLength, large.data());
     restart();
-    const Answer success;
-    device.fixed = &success;
+    device.fixed = Answer{};
     EXPECT_EQ(KelmTrovaDownloadImage(&connection, &image), 0U);
     EXPECT_EQ(device.exchanges, lineLength == 240 ? 65536U : 274U);
   }

@@ -5,6 +5,7 @@
 #include <cstring>
 #include <nlohmann/json.hpp>
 #include <sstream>
+#include <utility>
 #include <vector>
 
 #include "tests/tools/program.h"

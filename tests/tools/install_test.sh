@@ -17,6 +17,31 @@ expect() {
   [ "$got" = "$wanted" ] || { echo "wanted '$wanted', got '$got' from: $*" >&2; exit 1; }
 }
 
+# The loader searches nothing but named folders: no empty or relative element, which would be the current one. What is
+# installed knows no folder of its build.
+checked=0
+check_run_paths() {
+  local file element path
+  while IFS= read -r file; do
+    path=$(readelf -dW "$file" 2>/dev/null | sed -n 's/.*(R\(UN\)\?PATH).*\[\(.*\)\]$/\2/p') || continue
+    checked=$((checked + 1))
+    [ -n "$path" ] || continue
+    while IFS= read -r -d : element; do
+      case $element in
+        "\$ORIGIN" | "\$ORIGIN"/* | "$1"/*) ;;
+        *) echo "$file searches '$element' for libraries: $path" >&2; exit 1 ;;
+      esac
+    done <<<"$path:"
+  done
+}
+check_run_paths "$build" < <(find "$build/bin" "$build/lib" "$build/tests" -type f)
+[ "$checked" -ge 8 ] || { echo "only $checked built files were found" >&2; exit 1; }
+check_run_paths /nowhere < <(find "$prefix" -type f)
+if grep -rlF -e "$build" -e "$source" "$prefix"; then
+  echo "these installed files name the folder that they were built in" >&2
+  exit 1
+fi
+
 "$prefix/bin/kelmtrova" token create >/dev/null
 expect 'enrolled into slot 1 (thumb)' "$prefix/bin/kelmtrova" token enroll --finger thumb --label thumb
 expect 'the PIN is right' "$prefix/bin/kelmtrova" token pin verify 1234

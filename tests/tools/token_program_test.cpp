@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <nlohmann/json.hpp>
 #include <sstream>
+#include <vector>
 
 #include "kelmtrova/simulator.h"
 #include "tests/tools/program.h"

@@ -7,6 +7,7 @@
 #include <cstdio>
 #include <filesystem>
 #include <memory>
+#include <new>
 
 #include "tools/image/analysis.h"
 #include "tools/image/html.h"

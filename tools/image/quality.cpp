@@ -5,11 +5,14 @@
 
 #include <algorithm>
 #include <chrono>
+#include <cmath>
 #include <condition_variable>
 #include <cstdio>
+#include <exception>
 #include <filesystem>
 #include <iostream>
 #include <mutex>
+#include <new>
 #include <nlohmann/json.hpp>
 #include <optional>
 #include <thread>

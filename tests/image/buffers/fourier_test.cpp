@@ -2,6 +2,7 @@
 // The transform bit for bit against its literal loop; every angle that it can meet against the C library.
 #include <cmath>
 #include <cstring>
+#include <utility>
 
 #include "image/buffers/twiddle.h"
 #include "kelmtrova/image.h"

@@ -3,6 +3,7 @@
 #include <cmath>
 #include <set>
 #include <string>
+#include <utility>
 
 #include "kelmtrova/image.h"
 #include "tests/support/samples.h"
