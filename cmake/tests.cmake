@@ -59,7 +59,17 @@ foreach(level_name ${KELMTROVA_LEVEL_NAMES})
   set_target_properties(kelmtrova_${level_name} PROPERTIES
     LIBRARY_OUTPUT_DIRECTORY ${PROJECT_BINARY_DIR}/lib/${level_name})
 endforeach()
-foreach(folder buffers filters ridge quality)
+
+# What the image folders share is internal, so its tests link it as it is.
+file(GLOB KELMTROVA_IMAGE_SUPPORT_SOURCES CONFIGURE_DEPENDS image/support/*.cpp)
+add_library(kelmtrova_image_support OBJECT ${KELMTROVA_IMAGE_SUPPORT_SOURCES})
+target_include_directories(kelmtrova_image_support PRIVATE ${PROJECT_SOURCE_DIR})
+target_link_libraries(kelmtrova_image_support PRIVATE kelmtrova_flags)
+
+# The C library's sine and its like differ in the last bit without fused multiply-add; no result may.
+set(KELMTROVA_WITHOUT_FMA GLIBC_TUNABLES=glibc.cpu.hwcaps=-FMA,-AVX2_Usable,-AVX2,-FMA4)
+
+foreach(folder support buffers filters ridge quality)
   file(GLOB sources CONFIGURE_DEPENDS tests/image/${folder}/*_test.cpp)
   if(sources)
     kelmtrova_add_test_program(image_${folder}_test ${sources})
@@ -74,8 +84,13 @@ foreach(folder buffers filters ridge quality)
     endforeach()
     set_tests_properties(image_${folder} PROPERTIES ENVIRONMENT
       "LD_LIBRARY_PATH=${PROJECT_BINARY_DIR}/lib")
+    add_test(NAME image_${folder}_without_fma COMMAND image_${folder}_test)
+    set_tests_properties(image_${folder}_without_fma PROPERTIES ENVIRONMENT
+      "LD_LIBRARY_PATH=${PROJECT_BINARY_DIR}/lib;${KELMTROVA_WITHOUT_FMA}")
   endif()
 endforeach()
+
+target_link_libraries(image_support_test PRIVATE kelmtrova_image_support)
 
 file(GLOB KELMTROVA_TEST_EXTRAS CONFIGURE_DEPENDS cmake/tests/*.cmake)
 foreach(extra ${KELMTROVA_TEST_EXTRAS})

@@ -8,10 +8,7 @@
 #include <cstdint>
 
 #include "image/support/dispatch.h"
-
-#if defined(__SSE2__)
-#include <emmintrin.h>
-#endif
+#include "image/support/sse2.h"
 
 namespace kelm::image {
 
@@ -42,20 +39,15 @@ KELM_INLINE std::uint64_t matchSome(const std::uint8_t *samples, std::size_t cou
 
 // Bit i stands for samples[i].
 KELM_INLINE std::uint64_t match64(const std::uint8_t *samples, GreyRange range) {
-#if defined(__SSE2__)
   const __m128i low = _mm_set1_epi8(static_cast<char>(range.low));
   const __m128i span = _mm_set1_epi8(static_cast<char>(range.span));
   std::uint64_t bits = 0;
   for (int i = 0; i < 64; i += 16) {
-    const __m128i loaded = _mm_loadu_si128(reinterpret_cast<const __m128i *>(samples + i));
-    const __m128i above = _mm_sub_epi8(loaded, low);
+    const __m128i above = _mm_sub_epi8(load16(samples + i), low);
     const int mask = _mm_movemask_epi8(_mm_cmpeq_epi8(_mm_min_epu8(above, span), above));
     bits |= static_cast<std::uint64_t>(static_cast<unsigned>(mask)) << i;
   }
   return bits;
-#else
-  return matchSome(samples, 64, range);
-#endif
 }
 
 // Bit i stands for sample at + i, the first of which exists; samples past the end do not match. Reads nothing outside

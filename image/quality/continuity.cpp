@@ -5,6 +5,7 @@
 
 #include "image/filters/match.h"
 #include "image/support/dispatch.h"
+#include "image/support/sse2.h"
 #include "kelmtrova/image.h"
 
 namespace kelm::image {
@@ -14,20 +15,16 @@ constexpr std::int32_t kLargest = 1024;  // rows or columns of a picture that ca
 constexpr std::int32_t kStripRows = 16;
 
 KELM_INLINE std::uint32_t rowSum(const std::uint8_t *row, std::size_t width) {
-  std::uint32_t sum = 0;
   std::size_t c = 0;
-#if defined(__SSE2__)
   const __m128i zero = _mm_setzero_si128();
   __m128i sums[2] = {zero, zero};
   for (; c + 32 <= width; c += 32) {
     for (std::size_t half = 0; half < 2; ++half) {
-      const __m128i samples = _mm_loadu_si128(reinterpret_cast<const __m128i *>(row + c + 16 * half));
-      sums[half] = _mm_add_epi64(sums[half], _mm_sad_epu8(samples, zero));
+      sums[half] = _mm_add_epi64(sums[half], _mm_sad_epu8(load16(row + c + 16 * half), zero));
     }
   }
   const __m128i both = _mm_add_epi64(sums[0], sums[1]);
-  sum = static_cast<std::uint32_t>(_mm_cvtsi128_si32(_mm_add_epi64(both, _mm_unpackhi_epi64(both, both))));
-#endif
+  auto sum = static_cast<std::uint32_t>(_mm_cvtsi128_si32(_mm_add_epi64(both, _mm_unpackhi_epi64(both, both))));
   for (; c < width; ++c) {
     sum += row[c];
   }

@@ -8,12 +8,9 @@
 
 #include "image/support/dispatch.h"
 #include "image/support/memory.h"
+#include "image/support/sse2.h"
 #include "image/support/words.h"
 #include "kelmtrova/image.h"
-
-#if defined(__SSE2__)
-#include <emmintrin.h>
-#endif
 
 namespace kelm::image {
 namespace {
@@ -44,22 +41,15 @@ constexpr std::size_t kChunk = 32;  // points worked on at a time
 
 // The samples at in[0], in[4], ... in[4 * (kChunk - 1)]. Reads the three bytes before in[0] too.
 KELM_INLINE void gatherFourth(std::uint8_t *__restrict out, const std::uint8_t *__restrict in) {
-#if defined(__SSE2__)
   for (std::size_t i = 0; i < kChunk; i += 16) {
     __m128i words[4];
     for (std::size_t j = 0; j < 4; ++j) {
-      const auto *const where = reinterpret_cast<const __m128i *>(in - 3 + 4 * i + 16 * j);
-      words[j] = _mm_srli_epi32(_mm_loadu_si128(where), 24);
+      words[j] = _mm_srli_epi32(load16(in - 3 + 4 * i + 16 * j), 24);
     }
     const __m128i low = _mm_packs_epi32(words[0], words[1]);
     const __m128i high = _mm_packs_epi32(words[2], words[3]);
-    _mm_storeu_si128(reinterpret_cast<__m128i *>(out + i), _mm_packus_epi16(low, high));
+    store16(out + i, _mm_packus_epi16(low, high));
   }
-#else
-  for (std::size_t i = 0; i < kChunk; ++i) {
-    out[i] = in[4 * i];
-  }
-#endif
 }
 
 KELM_INLINE void gradientsOf(std::uint16_t *__restrict out, const std::uint8_t (&planes)[kSamples][kChunk],

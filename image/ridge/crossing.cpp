@@ -2,7 +2,8 @@
 #include "image/ridge/crossing.h"
 
 #include <algorithm>
-#include <cmath>
+
+#include "image/support/trigonometry.h"
 
 namespace kelm::image {
 namespace {
@@ -14,8 +15,8 @@ struct FixedPoint {
 // The angle is rounded to single precision, so that the sine of 90 degrees comes out as 255 and not as 256.
 FixedPoint fixedPoint(int degrees) {
   const float angle = static_cast<float>(degrees * 3.141592653589793 / 180.0);
-  const double radians = static_cast<double>(angle);
-  return {static_cast<std::int16_t>(256.0 * std::cos(radians)), static_cast<std::int16_t>(256.0 * std::sin(radians))};
+  const CosineAndSine unit = cosineAndSine(static_cast<double>(angle));
+  return {static_cast<std::int16_t>(256.0 * unit.cosine), static_cast<std::int16_t>(256.0 * unit.sine)};
 }
 
 std::int8_t steps(int count, int fixedStep) { return static_cast<std::int8_t>((count * fixedStep) >> 8); }

@@ -8,8 +8,8 @@
 #include <cstdlib>
 
 #include "image/filters/local_sums.h"
-#include "image/ridge/angles.h"
 #include "image/ridge/gradient_products.h"
+#include "image/support/angles.h"
 #include "image/support/memory.h"
 #include "kelmtrova/image.h"
 

@@ -8,6 +8,7 @@
 
 #include "image/filters/match.h"
 #include "image/support/memory.h"
+#include "image/support/sse2.h"
 #include "kelmtrova/image.h"
 
 namespace kelm::image {
@@ -55,7 +56,6 @@ KELM_KERNEL(void, meanRow,
 
 // Overwrites the pixels whose bits are set. `count`: how many of the 64 pixels there are.
 KELM_INLINE void overwrite(std::uint8_t *pixels, std::uint64_t bits, std::size_t count, std::uint8_t fill) {
-#if defined(__SSE2__)
   if (count >= 64) {
     const __m128i select = _mm_set1_epi64x(static_cast<long long>(0x8040201008040201));
     const __m128i filled = _mm_set1_epi8(static_cast<char>(fill));
@@ -65,13 +65,10 @@ KELM_INLINE void overwrite(std::uint8_t *pixels, std::uint64_t bits, std::size_t
       const auto low = static_cast<long long>((bits >> i & 0xFF) * spread);
       const auto high = static_cast<long long>((bits >> (i + 8) & 0xFF) * spread);
       const __m128i mask = _mm_cmpeq_epi8(_mm_and_si128(_mm_set_epi64x(high, low), select), select);
-      auto *const where = reinterpret_cast<__m128i *>(pixels + i);
-      _mm_storeu_si128(where,
-                       _mm_or_si128(_mm_and_si128(mask, filled), _mm_andnot_si128(mask, _mm_loadu_si128(where))));
+      store16(pixels + i, _mm_or_si128(_mm_and_si128(mask, filled), _mm_andnot_si128(mask, load16(pixels + i))));
     }
     return;
   }
-#endif
   for (; bits != 0; bits &= bits - 1) {
     pixels[std::countr_zero(bits)] = fill;
   }

@@ -1,8 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
-// Angles, their cosines and sines and directions in degrees, many at a time. The results are those of the C library's
-// double-precision functions, rounded or truncated afterwards.
-#ifndef KELMTROVA_IMAGE_RIDGE_ANGLES_H
-#define KELMTROVA_IMAGE_RIDGE_ANGLES_H
+// Angles, their cosines and sines and directions in degrees, many at a time: the true values rounded to double
+// precision, and rounded or truncated from there. The same on every processor, whatever the C library's last bit.
+#ifndef KELMTROVA_IMAGE_SUPPORT_ANGLES_H
+#define KELMTROVA_IMAGE_SUPPORT_ANGLES_H
 
 #include <cstddef>
 #include <cstdint>
