@@ -84,7 +84,7 @@ foreach(folder support buffers filters ridge quality)
     endforeach()
     set_tests_properties(image_${folder} PROPERTIES ENVIRONMENT
       "LD_LIBRARY_PATH=${PROJECT_BINARY_DIR}/lib")
-    add_test(NAME image_${folder}_without_fma COMMAND image_${folder}_test)
+    kelmtrova_add_test(image_${folder}_without_fma 100 image_${folder}_test)
     set_tests_properties(image_${folder}_without_fma PROPERTIES ENVIRONMENT
       "LD_LIBRARY_PATH=${PROJECT_BINARY_DIR}/lib;${KELMTROVA_WITHOUT_FMA}")
   endif()
