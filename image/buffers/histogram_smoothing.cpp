@@ -13,10 +13,14 @@ namespace {
 
 constexpr std::uint32_t kBins = 128;
 
-// The weight of frequency bin i, 1 / (0.414 * (i / cutoff)^4 + 1).
-float weightOf(std::uint32_t i, float cutoff) {
-  const float ratio = static_cast<float>(i) / cutoff;
-  return static_cast<float>(1.0 / (0.414 * std::pow(static_cast<double>(ratio), 4.0) + 1.0));
+// The weights of the frequency bins, 1 / (0.414 * (i / cutoff)^4 + 1). The square of a float is exact in double precision,
+// so the fourth power is rounded once.
+void fillWeights(float (&weights)[kBins / 2], float cutoff) {
+  for (std::uint32_t i = 0; i < kBins / 2; ++i) {
+    const auto ratio = static_cast<double>(static_cast<float>(i) / cutoff);
+    const double square = ratio * ratio;
+    weights[i] = static_cast<float>(1.0 / (0.414 * (square * square) + 1.0));
+  }
 }
 
 // |value| truncated toward zero; 2^31 for everything that a signed 32-bit integer cannot hold.
@@ -35,8 +39,10 @@ void smoothBins(std::uint32_t *counters, float cutoff, std::uint32_t first) {
     re[i] = static_cast<float>(counters[i]);
   }
   normalizedFourierTransform(re, im, kBins);
+  float weights[kBins / 2];
+  fillWeights(weights, cutoff);
   for (std::uint32_t i = 0; i < kBins / 2; ++i) {
-    const float weight = weightOf(i, cutoff);
+    const float weight = weights[i];
     re[i] *= weight;
     im[i] *= weight;
     re[kBins - 1 - i] *= weight;

@@ -16,12 +16,10 @@ struct CosineAndSine {
   double sine;
 };
 
-// For angles from 0 to 5 pi / 4.
-KELM_INLINE CosineAndSine cosineAndSine(double angle) {
-  constexpr double kPerHalfPi = 0.63661977236758134308;
+// Of an angle's distance from `quadrant` (0, 1 or 2) times pi / 2; little more than pi / 4 to either side.
+KELM_INLINE CosineAndSine cosineAndSineFrom(double quadrant, double angle) {
   constexpr double kHalfPiHigh = 1.57079632673412561417;  // 33 bits, so that twice it is exact
   constexpr double kHalfPiLow = 6.07710050650619224932e-11;
-  const auto quadrant = static_cast<double>(static_cast<std::int32_t>(angle * kPerHalfPi + 0.5));  // 0, 1 or 2
   const double r = (angle - quadrant * kHalfPiHigh) - quadrant * kHalfPiLow;
   const double z = r * r;
   const double sine = r + r * z *
@@ -37,6 +35,14 @@ KELM_INLINE CosineAndSine cosineAndSine(double angle) {
                                   z * (2.48015872894767294178e-05 +
                                        z * (-2.75573143513906633035e-07 +
                                             z * (2.08757232129817482790e-09 + z * -1.13596475577881948265e-11)))));
+  return {cosine, sine};
+}
+
+// For angles from 0 to 5 pi / 4.
+KELM_INLINE CosineAndSine cosineAndSine(double angle) {
+  constexpr double kPerHalfPi = 0.63661977236758134308;
+  const auto quadrant = static_cast<double>(static_cast<std::int32_t>(angle * kPerHalfPi + 0.5));  // 0, 1 or 2
+  const auto [cosine, sine] = cosineAndSineFrom(quadrant, angle);
   // (1, 0), (0, 1) or (-1, 0): exchanges the two and sets their signs without a branch, and exactly.
   const double straight = 1.0 - quadrant;
   const double crossed = quadrant * (2.0 - quadrant);

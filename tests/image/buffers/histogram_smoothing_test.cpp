@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 // Low-pass smoothing of a histogram, on worked examples.
 #include <algorithm>
+#include <cmath>
+#include <cstdlib>
 
 #include "kelmtrova/image.h"
 #include "tests/support/samples.h"
@@ -45,6 +47,34 @@ TEST(HistogramSmoothing, WorkedExamples) {
   EXPECT_EQ(smooth(Counters(128, 0xFFFFFFFFU)), Counters(128, 0x80000000U)) << "beyond signed 32 bits";
   EXPECT_EQ(HistogramSmooth(nullptr), 2);
   EXPECT_EQ(HistogramSmooth128(nullptr), 2);
+}
+
+// The steps in words, with the C library's power.
+TEST(HistogramSmoothing, EqualsItsStepsBitForBit) {
+  kelm::test::Random random(5);
+  for (int round = 0; round < 200; ++round) {
+    const bool folds = round % 2 == 0;
+    const auto largest = round % 7 == 0 ? 400000000 : 3000;
+    Counters counters(folds ? 256 : 128);
+    for (std::uint32_t &counter : counters) counter = static_cast<std::uint32_t>(random(largest));
+    Counters expected = counters;
+    if (folds) {
+      for (std::size_t i = 0; i < 128; ++i) expected[i] = expected[2 * i] + expected[2 * i + 1];
+      std::fill(expected.begin() + 128, expected.end(), 0U);
+    }
+    std::vector<float> re(expected.begin(), expected.begin() + 128), im(128, 0);
+    FFT(re.data(), im.data(), 128);
+    for (std::size_t i = 0; i < 64; ++i) {
+      const double ratio = static_cast<float>(i) / (folds ? 5.0F : 7.0F);
+      const auto weight = static_cast<float>(1.0 / (0.414 * std::pow(ratio, 4.0) + 1.0));
+      for (float *value : {&re[i], &im[i], &re[127 - i], &im[127 - i]}) *value *= weight;
+    }
+    IFFT(re.data(), im.data(), 128);
+    for (std::size_t i = folds ? 20 : 0; i < 128; ++i) {
+      expected[127 - i] = static_cast<std::uint32_t>(std::abs(static_cast<std::int32_t>(re[i])));
+    }
+    ASSERT_EQ(smooth(counters), expected) << round;
+  }
 }
 
 }  // namespace
