@@ -2,6 +2,9 @@
 # The platform's libraries, as open ones: the device manager and the middleware. They lie beside the library; where a
 # maker's own are, KELMTROVA_DEVICE_MANAGER=OFF leaves them out of the installation.
 find_package(SQLite3 REQUIRED)
+# The headers only: the PC/SC library is loaded while a program runs.
+find_path(PCSC_INCLUDE_DIR winscard.h PATH_SUFFIXES PCSC REQUIRED)
+find_package(Threads REQUIRED)
 file(GLOB KELMTROVA_DEVICE_MANAGER_SOURCES CONFIGURE_DEPENDS devices/*.cpp devices/simulated/*.cpp)
 
 function(kelmtrova_add_platform_library name folder output)
@@ -13,7 +16,10 @@ function(kelmtrova_add_platform_library name folder output)
 endfunction()
 
 kelmtrova_add_platform_library(kelmkmgr "" kelmkmgr ${KELMTROVA_DEVICE_MANAGER_SOURCES})
-target_link_libraries(kelmkmgr PRIVATE SQLite::SQLite3)
+target_link_libraries(kelmkmgr PRIVATE SQLite::SQLite3 Threads::Threads ${CMAKE_DL_LIBS})
+target_include_directories(kelmkmgr SYSTEM PRIVATE ${PCSC_INCLUDE_DIR})
+# A thread that waits for a reader must not lose its code.
+target_link_options(kelmkmgr PRIVATE LINKER:-z,nodelete)
 kelmtrova_add_platform_library(kelmpkcs "" kelmpkcs middleware/middleware.cpp)
 target_link_libraries(kelmpkcs PRIVATE kelmkmgr)
 # Lacks the entry KelmSCardVerifyUserPin: for the test of that failure.

@@ -8,11 +8,6 @@
 
 namespace kelm::devices {
 
-// The device manager's own codes.
-constexpr std::uint16_t kNoDevice = 0x6F00;
-constexpr std::uint16_t kAnswerTooLong = 0x6F01;
-constexpr std::uint16_t kDeviceFailure = 0x6F02;
-
 // Numbers of simulated tokens begin here and count up; a number is never used again.
 constexpr std::uint64_t kFirstSimulated = 0x4B450001;
 
@@ -20,7 +15,7 @@ constexpr std::uint64_t kFirstSimulated = 0x4B450001;
 bool isSimulated(std::uint64_t device);
 
 // One command and its answer: at most `capacity` bytes go to `answer`, their number to `*answerLength` (more than
-// `capacity` when a fault makes the token lie). The status word, or one of the codes above.
+// `capacity` when a fault makes the token lie). The status word, or a DeviceManagerCode.
 std::int32_t exchangeSimulated(std::uint64_t device, std::span<const std::uint8_t> command, std::uint64_t capacity,
                                std::uint64_t *answerLength, std::uint8_t *answer) noexcept;
 

@@ -20,6 +20,7 @@
 #include "devices/simulated/exchange.h"
 #include "devices/simulated/failure.h"
 #include "devices/simulated/store_file.h"
+#include "kelmtrova/device_manager.h"
 
 namespace kelm::devices {
 namespace {
@@ -202,7 +203,7 @@ std::int32_t exchange(Device &device, ByteView command, std::uint64_t capacity, 
   if (device.trace) device.trace(device.traceContext, command.data(), command.size(), nullptr, 0, -1);
   auto [reply, claimed] = perform(device, command);
   if (claimed) reply.data.resize(std::min<std::uint64_t>(capacity, reply.data.size()));
-  if (reply.data.size() > capacity) reply = {kAnswerTooLong};
+  if (reply.data.size() > capacity) reply = {DEVICE_MANAGER_ANSWER_TOO_LONG};
   std::copy(reply.data.begin(), reply.data.end(), answer);
   *answerLength = claimed.value_or(reply.data.size());
   if (device.trace) {
@@ -225,9 +226,9 @@ void resetSimulated(std::uint64_t device) {
 
 std::int32_t exchangeSimulated(std::uint64_t device, ByteView command, std::uint64_t capacity,
                                std::uint64_t *answerLength, std::uint8_t *answer) noexcept {
-  return guarded<std::int32_t>(kDeviceFailure, [&]() -> std::int32_t {
+  return guarded<std::int32_t>(DEVICE_MANAGER_NO_MEMORY, [&]() -> std::int32_t {
     const std::shared_ptr<Device> found = find(device);
-    return found ? exchange(*found, command, capacity, answerLength, answer) : kNoDevice;
+    return found ? exchange(*found, command, capacity, answerLength, answer) : DEVICE_MANAGER_NO_DEVICE;
   });
 }
 

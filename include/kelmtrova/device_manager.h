@@ -74,12 +74,13 @@ typedef enum DeviceManagerCode {
   DEVICE_MANAGER_CARD_REMOVED = 0xED0C,    /* the token was pulled out; it may have done the command's work. The
                                               device stays without a token: close it and open the address again */
   DEVICE_MANAGER_CARD_RESET = 0xED0D,      /* another program reset the token, and the command needs what it forgot
-                                              (the selected file, a waiting answer, an exclusive stretch) */
+                                              (the selected file, an exclusive stretch) */
   DEVICE_MANAGER_NO_ANSWER = 0xED0E,       /* none, or a broken one, or none in time; the work may be done */
   DEVICE_MANAGER_STORE_MISSING = 0xED0F,   /* there is no such simulated token */
   DEVICE_MANAGER_STORE_UNUSABLE = 0xED10,  /* the store of a simulated token is damaged, of another kind or version,
                                               or may not be opened */
-  DEVICE_MANAGER_NO_STRETCH = 0xED11       /* an exclusive stretch was to end that had not begun */
+  DEVICE_MANAGER_NO_STRETCH = 0xED11,      /* an exclusive stretch was to end that had not begun */
+  DEVICE_MANAGER_COMMAND_TOO_LONG = 0xED12 /* longer than the 261 bytes of a short APDU */
 } DeviceManagerCode;
 
 /* Words for a code of the list above, for example "the token was pulled out"; null for any other number, a status word

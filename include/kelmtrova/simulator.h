@@ -10,8 +10,8 @@
  * Functions that return int return 0 for success and -1 for failure; simulatorFailure() and simulatorError() then say
  * why. Calls on one device wait for each other, calls on several run at once. A device does not outlive fork().
  *
- * Icc_tsi_apiKelmDev answers 0x6F00 for a number that no open device has, and for a null command or length; 0x6F01 when
- * the answer is longer than the area (the answer is lost, the work is done); 0x6F02 when memory is exhausted.
+ * Besides the token's status words, Icc_tsi_apiKelmDev answers DEVICE_MANAGER_NO_DEVICE, _ANSWER_TOO_LONG or _NO_MEMORY
+ * of kelmtrova/device_manager.h.
  * docs/simulated-token.md lists what the token answers to each command.
  */
 #ifndef KELMTROVA_SIMULATOR_H
@@ -82,7 +82,8 @@ SIMULATOR_API size_t simulatorDefaultStore(char *path, size_t capacity);
  * simulatorImport. It is written beside its place, checked, synchronised and then renamed, so that a failure leaves
  * `file` as it was. An older exported token is replaced; anything else that lies there is not. */
 SIMULATOR_API int simulatorExport(uint64_t device, const char *file);
-/* Makes a new store from an exported token, of which every byte that counts is checked; otherwise as simulatorCreate. */
+/* Makes a new store from an exported token, of which every byte that counts is checked; otherwise as simulatorCreate.
+ */
 SIMULATOR_API int simulatorImport(const char *file, const char *store);
 
 /* Lays a finger on the sensor. It is kept in the store until it is removed or replaced, by any device or process that

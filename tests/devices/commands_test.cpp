@@ -157,18 +157,18 @@ TEST(SimulatedToken, SurvivesBadCalls) {
     std::uint64_t capacity;
     std::uint8_t *area;
     int status;
-  } cases[] = {{0, 5, information.data(), 4, answer.data(), 0x6F00},
-               {closed, 5, information.data(), 4, answer.data(), 0x6F00},
-               {token.number, 5, nullptr, 4, answer.data(), 0x6F00},
-               {token.number, 5, information.data(), 3, answer.data(), 0x6F01},
-               {token.number, 5, information.data(), ~0ULL, nullptr, 0x6F01},
+  } cases[] = {{0, 5, information.data(), 4, answer.data(), 0xED00},
+               {closed, 5, information.data(), 4, answer.data(), 0xED00},
+               {token.number, 5, nullptr, 4, answer.data(), 0xED00},
+               {token.number, 5, information.data(), 3, answer.data(), 0xED01},
+               {token.number, 5, information.data(), ~0ULL, nullptr, 0xED01},
                {token.number, ~0ULL, information.data(), 4, answer.data(), 0x6700}};
   for (const auto &c : cases) {
     std::uint64_t capacity = c.capacity;
     EXPECT_EQ(Icc_tsi_apiKelmDev(c.device, c.length, c.command, &capacity, c.area), c.status);
     EXPECT_EQ(capacity, 0U);
   }
-  EXPECT_EQ(Icc_tsi_apiKelmDev(token.number, 5, information.data(), nullptr, answer.data()), 0x6F00);
+  EXPECT_EQ(Icc_tsi_apiKelmDev(token.number, 5, information.data(), nullptr, answer.data()), 0xED00);
   EXPECT_EQ(answer, (std::array<std::uint8_t, 4>{}));
   // Claims beyond the area, which is left alone all the same.
   const SimulatorFault tooMuch = {SIMULATOR_FAULT_TOO_MUCH, 0, 0, 1ULL << 40};

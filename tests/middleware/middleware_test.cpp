@@ -23,7 +23,7 @@ TEST(Middleware, VerifiesThePin) {
   EXPECT_EQ(enter("2468"), 0U);
   EXPECT_EQ(tries, 99);
   EXPECT_EQ(KelmSCardAuthBio(token.number), 0U);
-  EXPECT_EQ(KelmSCardAuthBio(0), 0x80006F00U);
+  EXPECT_EQ(KelmSCardAuthBio(0), 0x8000ED00U);
   for (unsigned left = 5; left-- > 0;) {
     EXPECT_EQ(enter("1234"), 0x800063C0U | left);
     EXPECT_EQ(tries, left);
