@@ -7,11 +7,11 @@
 #include <algorithm>
 #include <cstddef>
 #include <exception>
-#include <optional>
 #include <map>
 #include <memory>
 #include <mutex>
 #include <new>
+#include <span>
 #include <string>
 #include <string_view>
 #include <utility>
