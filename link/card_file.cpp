@@ -17,15 +17,11 @@ using kelm::link::kCommandHeaderLength;
 using kelm::link::lowByte;
 using kelm::link::received;
 using kelm::link::Response;
-using kelm::link::wipe;
+using kelm::link::WipedBytes;
 
 constexpr std::uint16_t kChunk = 176;    // the largest payload of one command
 constexpr std::size_t kBlockSpare = 32;  // heap block of a read beyond the bytes asked for
-constexpr std::uint8_t kReadBinary = 0xB0;
-constexpr std::uint8_t kWriteBinary = 0xD0;
-constexpr std::uint16_t kCounterFid = 0x0020;
 constexpr std::uint16_t kCounterOffset = 1;
-constexpr std::uint32_t kMasterFileFid = 0x3F00;
 
 struct Release {
   void operator()(void *block) const { std::free(block); }
@@ -36,8 +32,8 @@ bool succeeds(const SCardConnection *handle, std::uint8_t *command, std::uint64_
 }
 
 bool selectFile(const SCardConnection *handle, std::uint16_t fid, Response &response) {
-  std::uint8_t command[] = {0x00, 0xA4, 0x00, 0x00, 0x02, highByte(fid), lowByte(fid)};
-  return succeeds(handle, command, sizeof command, response);
+  auto command = kelm::link::selectCommand(fid);
+  return succeeds(handle, command.data(), command.size(), response);
 }
 
 // At most the chunk asked for is taken of each answer; what an answer lacks reads as 0.
@@ -45,14 +41,13 @@ bool readChunks(const SCardConnection *handle, std::uint16_t offset, std::uint8_
                 Response &response) {
   while (remaining > 0) {
     const std::uint16_t chunk = std::min(remaining, kChunk);
-    std::uint8_t command[] = {0x00, kReadBinary, highByte(offset), lowByte(offset), lowByte(chunk)};
+    std::uint8_t command[] = {KELM_CLA_ISO, KELM_INS_READ_BINARY, highByte(offset), lowByte(offset), lowByte(chunk)};
     if (!succeeds(handle, command, sizeof command, response)) {
       return false;
     }
     const std::size_t taken = std::min<std::size_t>(received(response), chunk);
     std::memcpy(to, response.bytes, taken);
     std::memset(to + taken, 0, chunk - taken);
-    wipe(response);
     to += chunk;
     offset = static_cast<std::uint16_t>(offset + chunk);
     remaining = static_cast<std::uint16_t>(remaining - chunk);
@@ -87,20 +82,21 @@ std::int32_t SCardUpdateBin(const SCardConnection *handle, std::uint64_t fid, st
       (fid != KELM_FID_SELECTED && !selectFile(handle, static_cast<std::uint16_t>(fid), response))) {
     return 0;
   }
-  std::uint8_t command[kCommandHeaderLength + kChunk];
+  WipedBytes<kCommandHeaderLength + kChunk> command;
   bool written = true;
   while (written && length > 0) {
     const auto chunk = static_cast<std::uint16_t>(std::min<std::uint64_t>(length, kChunk));
     const auto position = static_cast<std::uint16_t>(offset);
-    const std::uint8_t header[] = {0x00, kWriteBinary, highByte(position), lowByte(position), lowByte(chunk)};
-    std::memcpy(command, header, sizeof header);
-    std::memcpy(command + sizeof header, data, chunk);
-    written = succeeds(handle, command, sizeof header + chunk, response);
+    const std::uint8_t header[] = {KELM_CLA_ISO, KELM_INS_WRITE_BINARY, highByte(position), lowByte(position),
+                                   lowByte(chunk)};
+    std::memcpy(command.bytes, header, sizeof header);
+    std::memcpy(command.bytes + sizeof header, data, chunk);
+    command.mark(sizeof header + chunk);
+    written = succeeds(handle, command.bytes, sizeof header + chunk, response);
     data += chunk;
     offset += chunk;
     length -= chunk;
   }
-  explicit_bzero(command, sizeof command);
   return written ? 1 : 0;
 }
 
@@ -110,24 +106,27 @@ std::int32_t SCardCreateFile(const SCardConnection *handle, std::uint16_t fid, c
     return 0;
   }
   Response response;
-  std::uint8_t command[kCommandHeaderLength + UINT8_MAX] = {0x80, 0xE0, highByte(fid), lowByte(fid), fcpLength};
-  std::copy_n(fcp, fcpLength, command + kCommandHeaderLength);
-  return succeeds(handle, command, kCommandHeaderLength + fcpLength, response) ? 1 : 0;
+  const std::uint8_t header[] = {KELM_CLA_TOKEN, KELM_INS_CREATE_FILE, highByte(fid), lowByte(fid), fcpLength};
+  WipedBytes<kCommandHeaderLength + UINT8_MAX> command;
+  std::copy_n(header, sizeof header, command.bytes);
+  std::copy_n(fcp, fcpLength, command.bytes + sizeof header);
+  command.mark(sizeof header + fcpLength);
+  return succeeds(handle, command.bytes, sizeof header + fcpLength, response) ? 1 : 0;
 }
 
 std::int32_t SCardEraseEF(const SCardConnection *handle, std::uint16_t fid) {
   Response response;
-  std::uint8_t command[] = {0x00, 0xE4, 0x00, 0x00, 0x02, highByte(fid), lowByte(fid)};
+  std::uint8_t command[] = {KELM_CLA_ISO, KELM_INS_DELETE_FILE, 0x00, 0x00, 0x02, highByte(fid), lowByte(fid)};
   return succeeds(handle, command, sizeof command, response) ? 1 : 0;
 }
 
 // The counter's bytes lie in the file as the hosts of this library keep them in memory: low byte first.
 std::uint64_t token_get_current_fid(const SCardConnection *handle, std::uint16_t *counter) {
-  if (SCardReadBin(handle, kCounterFid, kCounterOffset, reinterpret_cast<std::uint8_t *>(counter), sizeof *counter) !=
-      1) {
+  if (SCardReadBin(handle, KELM_FID_COUNTER, kCounterOffset, reinterpret_cast<std::uint8_t *>(counter),
+                   sizeof *counter) != 1) {
     return KELM_RESULT_FID_COUNTER;
   }
-  if (static_cast<std::uint32_t>(*counter) << KELM_FID_SHIFT == kMasterFileFid) {
+  if (static_cast<std::uint32_t>(*counter) << KELM_FID_SHIFT == KELM_FID_MASTER_FILE) {
     ++*counter;
   }
   return KELM_RESULT_OK;
@@ -135,15 +134,12 @@ std::uint64_t token_get_current_fid(const SCardConnection *handle, std::uint16_t
 
 std::uint64_t token_set_next_fid(const SCardConnection *handle, std::uint16_t value) {
   const auto *bytes = reinterpret_cast<const std::uint8_t *>(&value);
-  return SCardUpdateBin(handle, kCounterFid, kCounterOffset, bytes, sizeof value) == 1 ? KELM_RESULT_OK
-                                                                                       : KELM_RESULT_FID_COUNTER;
+  return SCardUpdateBin(handle, KELM_FID_COUNTER, kCounterOffset, bytes, sizeof value) == 1 ? KELM_RESULT_OK
+                                                                                            : KELM_RESULT_FID_COUNTER;
 }
 
-std::int32_t LittleEndian() {
-  const volatile std::uint32_t one = 1;
-  return *reinterpret_cast<const volatile std::uint8_t *>(&one) != 0 ? 1 : 0;
-}
+std::int32_t LittleEndian() { return kelm::link::hostIsLittleEndian() ? 1 : 0; }
 
-std::uint16_t ToBigEndian(std::uint16_t value) { return LittleEndian() == 1 ? Exchange(value) : value; }
+std::uint16_t ToBigEndian(std::uint16_t value) { return kelm::link::toBigEndian(value); }
 
-std::uint16_t Exchange(std::uint16_t value) { return static_cast<std::uint16_t>(value << 8 | value >> 8); }
+std::uint16_t Exchange(std::uint16_t value) { return kelm::link::swapBytes(value); }

@@ -4,11 +4,13 @@
 #define KELMTROVA_LINK_EXCHANGE_H
 
 #include <algorithm>
+#include <array>
 #include <cstddef>
 #include <cstdint>
 #include <cstring>
 
 #include "kelmtrova/token.h"
+#include "link/byte_order.h"
 
 namespace kelm::link {
 
@@ -16,29 +18,48 @@ constexpr std::size_t kReceiveRoom = 8192;       // of the buffer that SCardAPDU
 constexpr std::uint64_t kOfferedLength = 2048;   // what dwRespLen says before an exchange
 constexpr std::size_t kCommandHeaderLength = 5;  // CLA, INS, P1, P2 and Lc or Le
 
-// SCardAPDU is not told how much room there is, and a transport that takes the place of SCardTransmit may fill the
-// whole receive buffer: so there is room for all of it, whatever dwRespLen offers. The bytes
+// Bytes of the token, or for it, that do not stay behind on the stack: what was written is wiped when they go. They
 // are left uninitialised on purpose.
-struct Response {
-  std::uint64_t dwRespLen = kOfferedLength;
-  std::uint8_t bytes[kReceiveRoom];
+template <std::size_t room>
+struct WipedBytes {
+  std::size_t written = 0;
+  std::uint8_t bytes[room];
+
+  ~WipedBytes() {
+    if (written > 0) {
+      explicit_bzero(bytes, written);
+    }
+  }
+  void mark(std::size_t length) { written = std::max(written, std::min(length, room)); }
 };
 
-constexpr std::uint8_t highByte(std::uint16_t value) { return static_cast<std::uint8_t>(value >> 8); }
-constexpr std::uint8_t lowByte(std::uint16_t value) { return static_cast<std::uint8_t>(value); }
-
-inline std::uint16_t exchange(const SCardConnection *handle, std::uint8_t *command, std::uint64_t commandLength,
-                              Response &response) {
-  return static_cast<std::uint16_t>(SCardAPDU(handle, command, commandLength, response.bytes, &response.dwRespLen));
-}
+// SCardAPDU is not told how much room there is, and a transport that takes the place of SCardTransmit may fill the
+// whole receive buffer: so there is room for all of it, whatever dwRespLen offers.
+struct Response : WipedBytes<kReceiveRoom> {
+  std::uint64_t dwRespLen = kOfferedLength;
+};
 
 // Data bytes that really lie in the buffer, whatever length a replaced SCardAPDU claims.
 inline std::size_t received(const Response &response) {
   return static_cast<std::size_t>(std::min<std::uint64_t>(response.dwRespLen, kReceiveRoom));
 }
 
-// Index entries and device data do not stay behind on the stack.
-inline void wipe(Response &response) { explicit_bzero(response.bytes, received(response)); }
+// The first data byte, 0 when the answer has none.
+inline std::uint8_t firstByte(const Response &response) {
+  return received(response) > 0 ? response.bytes[0] : std::uint8_t{0};
+}
+
+inline std::uint16_t exchange(const SCardConnection *handle, std::uint8_t *command, std::uint64_t commandLength,
+                              Response &response) {
+  const std::uint32_t retV = SCardAPDU(handle, command, commandLength, response.bytes, &response.dwRespLen);
+  // After a GET RESPONSE, more may lie there than the length says: the data that came with 0x61xx.
+  response.mark(command[1] == KELM_INS_GET_RESPONSE ? kReceiveRoom : received(response));
+  return static_cast<std::uint16_t>(retV);
+}
+
+constexpr std::array<std::uint8_t, 7> selectCommand(std::uint16_t fid) {
+  return {KELM_CLA_ISO, KELM_INS_SELECT, 0x00, 0x00, sizeof fid, highByte(fid), lowByte(fid)};
+}
 
 }  // namespace kelm::link
 

@@ -28,17 +28,17 @@ using kelm::link::highByte;
 using kelm::link::kCommandHeaderLength;
 using kelm::link::kReceiveRoom;
 using kelm::link::lowByte;
+using kelm::link::WipedBytes;
 
 constexpr std::size_t kDeviceArea = 256;       // the longest answer to a short APDU
 constexpr std::size_t kStatusLength = 2;       // SW1 SW2
 constexpr std::int64_t kResetAndRetry = 1117;  // the transport asks for the command once more
 constexpr std::uint64_t kProtocolT0 = 1;
-constexpr std::uint8_t kReady = 3;        // bState
-constexpr std::uint8_t kMoreData = 0x61;  // SW1; SW2 says how many bytes wait
+constexpr std::uint8_t kMoreData = KELM_SW_MORE_DATA >> 8;  // SW1; SW2 says how many bytes wait
 
 bool usable(const SCardConnection *handle) {
   return handle != nullptr && reinterpret_cast<std::uintptr_t>(handle) != std::numeric_limits<std::uintptr_t>::max() &&
-         handle->bState == kReady;
+         handle->bState == KELM_CONNECTION_READY;
 }
 
 }  // namespace
@@ -63,7 +63,7 @@ std::int64_t SCardTransmit(std::uint64_t hCard, const SCardPci * /*sendPci*/, co
   recv[dataLength] = highByte(retV);
   recv[dataLength + 1] = lowByte(retV);
   *recvLength = dataLength + kStatusLength;
-  explicit_bzero(area, sizeof area);
+  explicit_bzero(area, sizeof area);  // whole: the device manager may have written more than it says
   return 0;
 }
 
@@ -76,31 +76,32 @@ std::uint32_t SCardAPDU(const SCardConnection *handle, std::uint8_t *command, st
   if (!usable(handle) || command == nullptr || response == nullptr) {
     return KELM_SW_NO_EXCHANGE;
   }
-  const SCardPci *protocol = handle->dwProtocol == kProtocolT0 ? &g_rgSCardT0Pci : &g_rgSCardT1Pci;
-  std::uint8_t buffer[kReceiveRoom];
+  WipedBytes<kReceiveRoom> buffer;
   // A retry and a GET RESPONSE share one extra exchange.
   for (bool extra = true;; extra = false) {
     *responseLength = kReceiveRoom;
+    const SCardPci *protocol = handle->dwProtocol == kProtocolT0 ? &g_rgSCardT0Pci : &g_rgSCardT1Pci;
     const std::int64_t failure =
-        SCardTransmit(handle->hDevice, protocol, command, commandLength, nullptr, buffer, responseLength);
+        SCardTransmit(handle->hDevice, protocol, command, commandLength, nullptr, buffer.bytes, responseLength);
+    const std::uint64_t length = *responseLength;
+    *responseLength = 0;
+    const bool delivered = failure == 0 && length >= kStatusLength && length <= kReceiveRoom;
+    buffer.mark(delivered ? static_cast<std::size_t>(length) - kStatusLength : kReceiveRoom);
     if (failure == kResetAndRetry && extra) {
       continue;
     }
-    const std::uint64_t length = *responseLength;
-    *responseLength = 0;
-    if (failure != 0 || length < kStatusLength || length > kReceiveRoom) {
+    if (!delivered) {
       return KELM_SW_NO_EXCHANGE;
     }
     const std::size_t dataLength = static_cast<std::size_t>(length) - kStatusLength;
-    const std::uint8_t sw1 = buffer[dataLength];
-    const std::uint8_t sw2 = buffer[dataLength + 1];
-    std::memcpy(response, buffer, dataLength);
+    const std::uint8_t sw1 = buffer.bytes[dataLength];
+    const std::uint8_t sw2 = buffer.bytes[dataLength + 1];
+    std::memcpy(response, buffer.bytes, dataLength);
     *responseLength = dataLength;
-    explicit_bzero(buffer, dataLength);
     if (sw1 != kMoreData || !extra) {
       return static_cast<std::uint32_t>(sw1) << 8 | sw2;
     }
-    const std::uint8_t getResponse[kCommandHeaderLength] = {0x00, 0xC0, 0x00, 0x00, sw2};
+    const std::uint8_t getResponse[kCommandHeaderLength] = {KELM_CLA_ISO, KELM_INS_GET_RESPONSE, 0x00, 0x00, sw2};
     std::memcpy(command, getResponse, sizeof getResponse);
     commandLength = sizeof getResponse;
   }

@@ -13,11 +13,12 @@ constexpr std::uint16_t kExtractStatus[] = {KELM_SW_SECURITY_STATUS, KELM_SW_FEA
                                             KELM_SW_FEATURE_6A0B,    KELM_SW_FEATURE_6A11, KELM_SW_NOT_LOCKED};
 
 // No traces, and a catch-all of its own that also covers the lock.
-constexpr Command kCapture = {
-    .bytes = {0x80, 0xFA, 0x00, 0x00, 0x02}, .passedOn = kCaptureStatus, .otherwise = KELM_RESULT_CAPTURE};
+constexpr Command kCapture = {.bytes = {KELM_CLA_TOKEN, KELM_INS_DEVICE, 0x00, 0x00, 0x02},
+                              .passedOn = kCaptureStatus,
+                              .otherwise = KELM_RESULT_CAPTURE};
 
 constexpr Command kExtract = {KELM_TRACES(KelmTrovaFeatureExtract),
-                              .bytes = {0x80, 0xFB, 0x00, 0x00, 0x02},
+                              .bytes = {KELM_CLA_TOKEN, KELM_INS_EXTRACT, 0x00, 0x00, 0x02},
                               .patched = kP2,
                               .check = Check::kBeforeLock,
                               .lowest = 1,

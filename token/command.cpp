@@ -12,6 +12,10 @@ using link::Response;
 
 bool inRange(const Command &command, std::uint8_t value) { return command.lowest <= value && value <= command.highest; }
 
+bool deliversFirstByte(const Command &command) {
+  return command.output == Output::kFirstByte || command.output == Output::kFirstByteCleared;
+}
+
 bool sendable(const Command &command, const Arguments &arguments) {
   return (command.check != Check::kUnderLock || inRange(command, arguments.value)) &&
          (command.output == Output::kNone || arguments.out != nullptr) &&
@@ -33,18 +37,15 @@ std::uint16_t send(const Command &command, const SCardConnection *handle, const 
     buffer[command.patched] = arguments.patch;
   }
   Response response;
-  const bool firstByte = command.output == Output::kFirstByte || command.output == Output::kFirstByteCleared;
-  if (firstByte) {
+  if (deliversFirstByte(command)) {
     std::memset(response.bytes, 0, kOfferedLength);
   }
   const std::uint16_t retV = link::exchange(handle, buffer, command.length, response);
-  if (firstByte) {
-    first = response.bytes[0];
-  } else if (command.output == Output::kBlock) {
+  first = link::firstByte(response);
+  if (command.output == Output::kBlock) {
     deliverBlock(response, arguments);
   }
   traceExit(command.exitTrace, retV, response);
-  link::wipe(response);
   return retV;
 }
 
@@ -86,8 +87,7 @@ std::uint64_t run(const Command &command, const SCardConnection *handle, const A
       return KELM_RESULT_ARGUMENT;
     }
   }
-  const bool delivers = command.output == Output::kFirstByte || command.output == Output::kFirstByteCleared;
-  if (retV == KELM_SW_SUCCESS && delivers) {
+  if (retV == KELM_SW_SUCCESS && deliversFirstByte(command)) {
     *arguments.out = first;
   }
   return resultOf(retV, command.passedOn, command.otherwise);

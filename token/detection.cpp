@@ -12,15 +12,18 @@ constexpr std::uint16_t kSelfTestStatus[] = {KELM_SW_SELF_TEST, KELM_SW_NOT_LOCK
 constexpr std::uint16_t kDeviceInfoStatus[] = {KELM_SW_DEVICE_6AFB, KELM_SW_NOT_LOCKED};
 constexpr std::uint16_t kSlotCountStatus[] = {KELM_SW_SECURITY_STATUS, KELM_SW_NOT_LOCKED};
 
-constexpr Command kDetect = {KELM_TRACES(KelmIsTrova), .bytes = {0x80, 0xFA, 0x02, 0x00, 0x2F}};
+constexpr Command kDetect = {KELM_TRACES(KelmIsTrova), .bytes = {KELM_CLA_TOKEN, KELM_INS_DEVICE, 0x02, 0x00, 0x2F}};
 
-constexpr Command kSelfTest = {KELM_TRACES(KelmTrovaSelfTest), .bytes = {0x80, 0xFA, 0x01, 0x00, 0x02},
+constexpr Command kSelfTest = {KELM_TRACES(KelmTrovaSelfTest),
+                               .bytes = {KELM_CLA_TOKEN, KELM_INS_DEVICE, 0x01, 0x00, 0x02},
                                .passedOn = kSelfTestStatus};
 
-constexpr Command kDeviceInfo = {KELM_TRACES(KelmTrovaGetDeviceInfo), .bytes = {0x80, 0xFA, 0x02, 0x00, 0x2F},
-                                 .output = Output::kBlock, .passedOn = kDeviceInfoStatus};
+constexpr Command kDeviceInfo = {KELM_TRACES(KelmTrovaGetDeviceInfo),
+                                 .bytes = {KELM_CLA_TOKEN, KELM_INS_DEVICE, 0x02, 0x00, 0x2F}, .output = Output::kBlock,
+                                 .passedOn = kDeviceInfoStatus};
 
-constexpr Command kSlotCount = {KELM_TRACES(KelmTrovaGetMaxTmpltNum), .bytes = {0x80, 0xF9, 0x04, 0x06, 0x01},
+constexpr Command kSlotCount = {KELM_TRACES(KelmTrovaGetMaxTmpltNum),
+                                .bytes = {KELM_CLA_TOKEN, KELM_INS_PARAMETER, 0x04, 0x06, 0x01},
                                 .output = Output::kFirstByte, .passedOn = kSlotCountStatus};
 
 }  // namespace

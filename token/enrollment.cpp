@@ -51,7 +51,8 @@ Index takeIndex(std::uint8_t slots) {
 }
 
 // The work of KelmTrovaReadIndexFile. `roomFor` is what the buffer was made for: the token is asked again, and may
-// answer another number than before; then nothing is read. 0 when the caller vouches for the buffer.
+// answer another number than before; then nothing is read. 0 when the caller guarantees that the buffer is large
+// enough.
 std::uint64_t readIndex(const SCardConnection *handle, std::uint8_t *buffer, std::uint8_t roomFor) {
   MYTRACE("Enter KelmTrovaReadIndexFile");
   std::uint8_t slots = 0;
@@ -86,10 +87,15 @@ struct Enrollment {
   bool isNew;                 // the file was created by this call
 };
 
+// Erases the template file after a failure: `reason`, or that it could not be erased.
+std::uint16_t eraseFile(const Enrollment &enrollment, std::uint16_t reason) {
+  return SCardEraseEF(enrollment.handle, enrollment.fid) == kDone ? reason : kEraseFailed;
+}
+
 // Finds the slot's template file or creates one: KELM_SW_SUCCESS, or why not.
 std::uint16_t chooseFile(Enrollment &enrollment) {
   if (enrollment.entry->fid != 0) {
-    enrollment.fid = Exchange(enrollment.entry->fid);
+    enrollment.fid = link::swapBytes(enrollment.entry->fid);
     return KELM_SW_SUCCESS;
   }
   std::uint16_t counter = 0;
@@ -103,19 +109,18 @@ std::uint16_t chooseFile(Enrollment &enrollment) {
   }
   enrollment.isNew = true;
   if (token_set_next_fid(enrollment.handle, static_cast<std::uint16_t>(counter + 1)) != KELM_RESULT_OK) {
-    // The next enrollment would find the file in its way. The counter stays the reason, whatever the erasing answers.
-    SCardEraseEF(enrollment.handle, enrollment.fid);
-    return kSetupFailed;
+    // The next enrollment would find the file in its way.
+    return eraseFile(enrollment, kSetupFailed);
   }
   return KELM_SW_SUCCESS;
 }
 
 std::uint16_t sendEnroll(const Enrollment &enrollment) {
-  std::uint8_t command[kCommandRoom] = {0x80, 0xFC, highByte(enrollment.fid), lowByte(enrollment.fid), 0x02};
+  std::uint8_t command[kCommandRoom] = {KELM_CLA_TOKEN, KELM_INS_ENROLL, highByte(enrollment.fid),
+                                        lowByte(enrollment.fid), 0x02};
   Response response;
   const std::uint16_t retV = link::exchange(enrollment.handle, command, link::kCommandHeaderLength, response);
   traceExit(KELM_EXIT_TRACE(KelmTrovaFeatureEnroll), retV, response);
-  link::wipe(response);
   return retV;
 }
 
@@ -123,7 +128,7 @@ std::uint16_t sendEnroll(const Enrollment &enrollment) {
 std::uint16_t keepEntry(const Enrollment &enrollment, bool enrolled, std::uint16_t retV) {
   TemplateIndexEntry &entry = *enrollment.entry;
   entry = {};
-  entry.fid = ToBigEndian(enrollment.fid);
+  entry.fid = link::toBigEndian(enrollment.fid);
   if (enrolled) {
     entry.enrolled = 1;
     entry.tag = enrollment.record->tag;
@@ -132,7 +137,7 @@ std::uint16_t keepEntry(const Enrollment &enrollment, bool enrolled, std::uint16
   if (writeEntry(enrollment.handle, enrollment.slot, entry)) {
     return retV;
   }
-  return SCardEraseEF(enrollment.handle, enrollment.fid) == kDone ? kEntryNotWritten : kEraseFailed;
+  return eraseFile(enrollment, kEntryNotWritten);
 }
 
 // Gives a new file and its counter value back after the token refused for want of its PIN.
@@ -191,11 +196,8 @@ std::uint64_t KelmTrovaFeatureEnroll(const SCardConnection *handle, std::uint8_t
     if (lock != 0) {
       retV = enroll(enrollment);
     } else {
-      retV = KELM_SW_NOT_LOCKED;
-      if (enrollment.isNew) {
-        // No entry will name the file.
-        SCardEraseEF(handle, enrollment.fid);
-      }
+      // No entry will name a new file.
+      retV = enrollment.isNew ? eraseFile(enrollment, KELM_SW_NOT_LOCKED) : std::uint16_t{KELM_SW_NOT_LOCKED};
     }
   }
   MyUnlock(lock);
@@ -224,7 +226,7 @@ std::uint64_t KelmTrovaDeleteFingerPrint(const SCardConnection *handle, std::uin
   if (entry.fid == 0) {
     return KELM_RESULT_OK;
   }
-  if (SCardEraseEF(handle, Exchange(entry.fid)) != kDone) {
+  if (SCardEraseEF(handle, kelm::link::swapBytes(entry.fid)) != kDone) {
     return KELM_RESULT_DELETE;
   }
   entry = {};

@@ -15,14 +15,15 @@ constexpr std::uint16_t kLockStatus[] = {KELM_SW_NOT_LOCKED};
 constexpr std::uint16_t kSwitchStatus[] = {KELM_SW_MEMORY_FAILURE, KELM_SW_SECURITY_STATUS, KELM_SW_BLOCKED,
                                            KELM_SW_NOT_LOCKED};
 
-constexpr Command kGetState = {KELM_TRACES(KelmTrovaGetFingerCacheState), .bytes = {0x80, 0xF9, 0x00, 0x06, 0x01},
+constexpr Command kGetState = {KELM_TRACES(KelmTrovaGetFingerCacheState),
+                               .bytes = {KELM_CLA_TOKEN, KELM_INS_PARAMETER, 0x00, 0x06, 0x01},
                                .output = Output::kFirstByte, .passedOn = kLockStatus};
 
-constexpr Command kClear = {KELM_TRACES(KelmTrovaClearFingerCache), .bytes = {0x80, 0xF9, 0x01, 0x06, 0x01},
-                            .passedOn = kLockStatus};
+constexpr Command kClear = {KELM_TRACES(KelmTrovaClearFingerCache),
+                            .bytes = {KELM_CLA_TOKEN, KELM_INS_PARAMETER, 0x01, 0x06, 0x01}, .passedOn = kLockStatus};
 
 constexpr Command kSwitch = {KELM_TRACES(KelmTrovaEnableFingerCache),
-                             .bytes = {0x80, 0xF9, 0x00, 0x06, 0x01},
+                             .bytes = {KELM_CLA_TOKEN, KELM_INS_PARAMETER, 0x00, 0x06, 0x01},
                              .patched = kP1,
                              .check = Check::kUnderLock,
                              .lowest = 0,

@@ -32,8 +32,8 @@ struct Block {
 // The command is written whole for every block: a GET RESPONSE overwrites its first five bytes.
 std::uint16_t sendBlock(const SCardConnection *handle, const Block &block, Response &response) {
   const std::uint8_t header[link::kCommandHeaderLength + kBlockHeader] = {
-      0x80,
-      0xF7,
+      KELM_CLA_TOKEN,
+      KELM_INS_DOWNLOAD,
       0x01,
       0x00,
       static_cast<std::uint8_t>(kBlockHeader + block.pixels),
@@ -45,12 +45,11 @@ std::uint16_t sendBlock(const SCardConnection *handle, const Block &block, Respo
       0,
       0,
       0};
-  std::uint8_t command[sizeof header + kBlockPixels];
-  std::copy_n(header, sizeof header, command);
-  std::copy_n(block.source, block.pixels, command + sizeof header);
-  const std::uint16_t retV = link::exchange(handle, command, sizeof header + block.pixels, response);
-  explicit_bzero(command, sizeof command);
-  return retV;
+  link::WipedBytes<sizeof header + kBlockPixels> command;
+  std::copy_n(header, sizeof header, command.bytes);
+  std::copy_n(block.source, block.pixels, command.bytes + sizeof header);
+  command.mark(sizeof header + block.pixels);
+  return link::exchange(handle, command.bytes, sizeof header + block.pixels, response);
 }
 
 // All blocks of an image, up to the first refusal: the last status word, 0 when there was nothing to send.

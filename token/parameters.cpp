@@ -16,7 +16,7 @@ constexpr std::uint16_t kGetterStatus[] = {KELM_SW_BLOCKED, KELM_SW_NOT_LOCKED};
 constexpr std::uint16_t kGetSecStateStatus[] = {KELM_SW_SECURITY_STATUS, KELM_SW_NOT_LOCKED};
 
 constexpr Command kSetVerifyMode = {KELM_TRACES(KelmTrovaSetVerifyMode),
-                                    .bytes = {0x80, 0xFE, 0x00, 0x06, 0x01, 0x00},
+                                    .bytes = {KELM_CLA_TOKEN, KELM_INS_VERIFY_MODE, 0x00, 0x06, 0x01, 0x00},
                                     .length = 6,
                                     .patched = kData,
                                     .check = Check::kBeforeLock,
@@ -24,28 +24,36 @@ constexpr Command kSetVerifyMode = {KELM_TRACES(KelmTrovaSetVerifyMode),
                                     .highest = 2,
                                     .passedOn = kSetVerifyModeStatus};
 
-constexpr Command kSetTimeOut = {KELM_TRACES(KelmTrovaSetTimeOut), .bytes = {0x80, 0xF9, 0x06, 0x06, 0x01, 0x00},
-                                 .length = 6, .patched = kData, .passedOn = kSetterStatus};
+constexpr Command kSetTimeOut = {KELM_TRACES(KelmTrovaSetTimeOut),
+                                 .bytes = {KELM_CLA_TOKEN, KELM_INS_PARAMETER, 0x06, 0x06, 0x01, 0x00}, .length = 6,
+                                 .patched = kData, .passedOn = kSetterStatus};
 
-constexpr Command kSetSecLevel = {KELM_TRACES(KelmTrovaSetSecLevel), .bytes = {0x80, 0xF9, 0x08, 0x06, 0x01, 0x00},
-                                  .length = 6, .patched = kData, .passedOn = kSetterStatus};
+constexpr Command kSetSecLevel = {KELM_TRACES(KelmTrovaSetSecLevel),
+                                  .bytes = {KELM_CLA_TOKEN, KELM_INS_PARAMETER, 0x08, 0x06, 0x01, 0x00}, .length = 6,
+                                  .patched = kData, .passedOn = kSetterStatus};
 
-constexpr Command kSetImageGain = {KELM_TRACES(KelmTrovaSetImageGain), .bytes = {0x80, 0xF9, 0x0B, 0x06, 0x01, 0x00},
-                                   .length = 6, .patched = kData, .passedOn = kSetterStatus};
+constexpr Command kSetImageGain = {KELM_TRACES(KelmTrovaSetImageGain),
+                                   .bytes = {KELM_CLA_TOKEN, KELM_INS_PARAMETER, 0x0B, 0x06, 0x01, 0x00}, .length = 6,
+                                   .patched = kData, .passedOn = kSetterStatus};
 
-constexpr Command kGetVerifyMode = {KELM_TRACES(KelmTrovaGetVerifyMode), .bytes = {0x80, 0xFE, 0x01, 0x06, 0x01},
+constexpr Command kGetVerifyMode = {KELM_TRACES(KelmTrovaGetVerifyMode),
+                                    .bytes = {KELM_CLA_TOKEN, KELM_INS_VERIFY_MODE, 0x01, 0x06, 0x01},
                                     .output = Output::kFirstByte, .passedOn = kGetterStatus};
 
-constexpr Command kGetTimeOut = {KELM_TRACES(KelmTrovaGetTimeOut), .bytes = {0x80, 0xF9, 0x05, 0x06, 0x01},
+constexpr Command kGetTimeOut = {KELM_TRACES(KelmTrovaGetTimeOut),
+                                 .bytes = {KELM_CLA_TOKEN, KELM_INS_PARAMETER, 0x05, 0x06, 0x01},
                                  .output = Output::kFirstByte, .passedOn = kGetterStatus};
 
-constexpr Command kGetSecLevel = {KELM_TRACES(KelmTrovaGetSecLevel), .bytes = {0x80, 0xF9, 0x07, 0x06, 0x01},
+constexpr Command kGetSecLevel = {KELM_TRACES(KelmTrovaGetSecLevel),
+                                  .bytes = {KELM_CLA_TOKEN, KELM_INS_PARAMETER, 0x07, 0x06, 0x01},
                                   .output = Output::kFirstByte, .passedOn = kGetterStatus};
 
-constexpr Command kGetImageGain = {KELM_TRACES(KelmTrovaGetImageGain), .bytes = {0x80, 0xF9, 0x0A, 0x06, 0x01},
+constexpr Command kGetImageGain = {KELM_TRACES(KelmTrovaGetImageGain),
+                                   .bytes = {KELM_CLA_TOKEN, KELM_INS_PARAMETER, 0x0A, 0x06, 0x01},
                                    .output = Output::kFirstByte, .passedOn = kGetterStatus};
 
-constexpr Command kGetSecState = {KELM_TRACES(KelmTrovaGetSecState), .bytes = {0x80, 0xF9, 0x09, 0x00, 0x01},
+constexpr Command kGetSecState = {KELM_TRACES(KelmTrovaGetSecState),
+                                  .bytes = {KELM_CLA_TOKEN, KELM_INS_PARAMETER, 0x09, 0x00, 0x01},
                                   .output = Output::kFirstByteCleared, .passedOn = kGetSecStateStatus};
 
 }  // namespace

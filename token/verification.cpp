@@ -1,5 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 // Verification, identification and the test match.
+#include <algorithm>
 #include <cstdint>
 #include <cstring>
 
@@ -42,35 +43,33 @@ bool fileCommand(const SCardConnection *handle, std::span<std::uint8_t> command,
 void recordBlock(const SCardConnection *handle) {
   constexpr std::uint8_t high = highByte(kRecordOffset);
   constexpr std::uint8_t low = lowByte(kRecordOffset);
-  std::uint8_t select[] = {
-      0x00, 0xA4, 0x00, 0x00, 0x02, highByte(KELM_FID_BLOCK_RECORD), lowByte(KELM_FID_BLOCK_RECORD)};
-  std::uint8_t read[] = {0x00, 0xB0, high, low, kRecordLength};
-  std::uint8_t update[] = {0x00, 0xD6, high, low, kRecordLength, 0, 0, 0, 0};
+  auto select = link::selectCommand(KELM_FID_BLOCK_RECORD);
+  std::uint8_t read[] = {KELM_CLA_ISO, KELM_INS_READ_BINARY, high, low, kRecordLength};
+  const std::uint8_t header[] = {KELM_CLA_ISO, KELM_INS_UPDATE_BINARY, high, low, kRecordLength};
+  link::WipedBytes<sizeof header + kRecordLength> update;
   Response response;
   if (!fileCommand(handle, select, response)) {
     return;
   }
-  std::memset(response.bytes, 0, kRecordLength);
   if (!fileCommand(handle, read, response)) {
     return;
   }
-  response.bytes[kBlockedByte] |= kBlockedBit;
-  std::memcpy(update + link::kCommandHeaderLength, response.bytes, kRecordLength);
-  link::wipe(response);
-  fileCommand(handle, update, response);
-  explicit_bzero(update, sizeof update);
+  std::uint8_t *const record = std::copy_n(header, sizeof header, update.bytes);
+  std::memset(record, 0, kRecordLength);
+  std::memcpy(record, response.bytes, std::min<std::size_t>(link::received(response), kRecordLength));
+  record[kBlockedByte] |= kBlockedBit;
+  update.mark(sizeof update.bytes);
+  fileCommand(handle, update.bytes, response);
 }
 
 // MATCH under the lock. `first` becomes the first data byte, 0 when there is none.
 std::uint16_t match(const SCardConnection *handle, std::uint8_t p1, std::uint8_t p2, const char *exitTrace,
                     std::uint8_t &first) {
-  std::uint8_t command[kCommandRoom] = {0x80, 0xFD, p1, p2, 0x01};
+  std::uint8_t command[kCommandRoom] = {KELM_CLA_TOKEN, KELM_INS_MATCH, p1, p2, 0x01};
   Response response;
-  response.bytes[0] = 0;
   const std::uint16_t retV = link::exchange(handle, command, link::kCommandHeaderLength, response);
   traceExit(exitTrace, retV, response);
-  first = response.bytes[0];
-  link::wipe(response);
+  first = link::firstByte(response);
   return retV;
 }
 

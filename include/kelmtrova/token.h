@@ -14,8 +14,8 @@
  * and from finger to verdict: capture, extract, then KelmTrovaFeatureVerify or KelmTrovaFeatureIdentify.
  *
  * The handle points to the caller's connection record, which lives as long as the connection. A null handle, the
- * all-ones handle and a record that is not ready make no exchange. What the library needs besides is taken from the
- * call; it keeps nothing between calls, starts no thread and holds no lock. Calls for different tokens may run on
+ * all-ones handle and a record that is not ready make no exchange. Everything else comes with the arguments of a call:
+ * the library keeps nothing between calls, starts no thread and holds no lock. Calls for different tokens may run on
  * different threads; a caller that shares one token between threads serialises its calls itself.
  *
  * A call makes its exchanges with the device manager (libkelmkmgr.so): one per command, two when the token asks for
@@ -44,7 +44,7 @@ extern "C" {
 /* ---- Status words ----------------------------------------------------------------------------------------------- */
 
 /* 32-bit unsigned, as SCardAPDU returns them: SW1 in bits 8 to 15, SW2 in bits 0 to 7. What 0x6A07 to 0x6A14 stand for
- * in detail is the token's affair; the names say which commands pass them on. */
+ * in detail is defined by the token; the names say which commands pass them on. */
 #define KELM_SW_SUCCESS UINT32_C(0x9000)
 #define KELM_SW_MORE_DATA UINT32_C(0x6100) /* 0x61xx: xx bytes wait for GET RESPONSE (00 = 256) */
 #define KELM_SW_NO_MATCH UINT32_C(0x63C0)  /* 0x63Cx: no match, x tries left */
@@ -94,7 +94,7 @@ extern "C" {
 #define KELM_RESULT_AUTH_LIBRARY UINT64_C(0x8000010A) /* middleware or its entry KelmSCardAuth not loaded */
 #define KELM_RESULT_PIN_LIBRARY UINT64_C(0x8000010C)  /* middleware or its entry KelmSCardVerifyUserPin not loaded */
 #define KELM_RESULT_CAPTURE UINT64_C(0x80006A09)      /* any failure of a capture but 0x6A0E */
-/* Enrollment could not learn the slot count, or could not use the FID counter. */
+/* Enrollment could not obtain the slot count, or could not use the FID counter. */
 #define KELM_RESULT_ENROLL_SETUP UINT64_C(0x80006A0F)
 #define KELM_RESULT_NO_MATCH UINT64_C(0x80006A21)       /* one-to-one: another finger */
 #define KELM_RESULT_NOT_IDENTIFIED UINT64_C(0x80006A2F) /* one-to-many: none of the enrolled fingers */
@@ -102,9 +102,28 @@ extern "C" {
 
 /* ---- Numbers of the token --------------------------------------------------------------------------------------- */
 
+/* Command APDUs: class and instruction. CREATE FILE and what follows it are commands of the token's own class. */
+#define KELM_CLA_ISO 0x00
+#define KELM_CLA_TOKEN 0x80
+#define KELM_INS_SELECT 0xA4
+#define KELM_INS_READ_BINARY 0xB0
+#define KELM_INS_GET_RESPONSE 0xC0
+#define KELM_INS_WRITE_BINARY 0xD0
+#define KELM_INS_UPDATE_BINARY 0xD6
+#define KELM_INS_DELETE_FILE 0xE4
+#define KELM_INS_CREATE_FILE 0xE0
+#define KELM_INS_DOWNLOAD 0xF7  /* image download */
+#define KELM_INS_PARAMETER 0xF9 /* slot count, parameters and finger cache, by P1 */
+#define KELM_INS_DEVICE 0xFA    /* capture, self-test, device information, by P1 */
+#define KELM_INS_EXTRACT 0xFB   /* feature extraction */
+#define KELM_INS_ENROLL 0xFC
+#define KELM_INS_MATCH 0xFD
+#define KELM_INS_VERIFY_MODE 0xFE
+
 #define KELM_FID_COUNTER UINT16_C(0x0020)        /* file: bytes 1 and 2 hold the FID counter, low byte first */
 #define KELM_FID_BLOCK_RECORD UINT16_C(0x0040)   /* file: byte 0x6A, bit 0x04 says that matching is blocked */
 #define KELM_FID_TEMPLATE_INDEX UINT16_C(0x0520) /* file: one TemplateIndexEntry per slot */
+#define KELM_FID_MASTER_FILE UINT16_C(0x3F00)    /* the master file; no template file gets this FID */
 #define KELM_FID_SELECTED UINT16_C(0xFFFF)       /* argument: the file that is selected already */
 #define KELM_FID_SHIFT 5                         /* FID of a template file = counter value << 5 */
 #define KELM_CONNECTION_READY 3                  /* SCardConnection.bState */
@@ -147,7 +166,8 @@ typedef struct TokenImage {
 /* ---- Transport -------------------------------------------------------------------------------------------------- */
 
 /* SCardTransmit, SCardAPDU, MYTRACE, MyLock and MyUnlock are always called by name through the dynamic linker, as are
- * the file functions below: a program or a preloaded library that defines one of them takes its place. */
+ * the file functions below (not those of byte order): a program or a preloaded library that defines one of them takes
+ * its place. These names carry no symbol version, so that libraries with versions of their own can do so too. */
 
 /* Constant: { 1, 8 } for T=0 and { 2, 8 } for T=1. */
 KELMTROVA_API extern const SCardPci g_rgSCardT0Pci;
@@ -175,7 +195,8 @@ KELMTROVA_API int64_t SCardTransmit(uint64_t hCard, const SCardPci *sendPci, con
  * 1117, the same command is sent once more. There is one such extra exchange per call: a second 0x61xx is returned as
  * it stands, a second 1117 is a failed exchange.
  *
- * `response` needs room for 256 bytes; for 8190 where SCardTransmit was replaced by one that delivers more.
+ * `response` needs room for 256 bytes; for 8190 where SCardTransmit was replaced by one that delivers more. Data that
+ * such a transport delivers together with 0x61xx may remain there, beyond `*responseLength`.
  *
  * Returns KELM_SW_NO_EXCHANGE with a length of 0, and makes no exchange, for the null and the all-ones handle, for a
  * record whose `bState` is not 3, and for a null `command`, `response` or `responseLength`. Returns the same, again
@@ -190,7 +211,8 @@ KELMTROVA_API uint32_t SCardAPDU(const SCardConnection *handle, uint8_t *command
 KELMTROVA_API void MYTRACE(const char *format, ...);
 
 /* The lock hooks mark where a command talks to the token; they take no lock. MyLock returns the handle as the lock's
- * token, so that a null handle counts as a lock not obtained (0); MyUnlock does nothing. */
+ * token, so that a null handle counts as a lock not obtained (0). MyUnlock does nothing; it is called with that token,
+ * at the end of an enrollment also with 0, when no lock was obtained. */
 KELMTROVA_API uint64_t MyLock(const SCardConnection *handle);
 KELMTROVA_API void MyUnlock(uint64_t token);
 
@@ -236,7 +258,8 @@ KELMTROVA_API uint64_t token_get_current_fid(const SCardConnection *handle, uint
 /* Writes the FID counter, low byte first. KELM_RESULT_OK or KELM_RESULT_FID_COUNTER. */
 KELMTROVA_API uint64_t token_set_next_fid(const SCardConnection *handle, uint16_t value);
 
-/* 1 on a host that stores the low byte first, else 0. */
+/* The byte-order functions are for callers; the library does not call them.
+ * 1 on a host that stores the low byte first, else 0. */
 KELMTROVA_API int32_t LittleEndian(void);
 /* The value whose memory image is `value` high byte first. */
 KELMTROVA_API uint16_t ToBigEndian(uint16_t value);
@@ -261,9 +284,11 @@ KELMTROVA_API uint64_t KelmSCardVerifyUserPinBio(uint64_t a, uint64_t b, uint8_t
 
 /* ---- Detection, self-test, device information ------------------------------------------------------------------- */
 
-/* In this section and all that follow: KELM_RESULT_NOT_LOCKED for a null handle (KelmIsTrova 0, a capture
- * KELM_RESULT_CAPTURE, an enrollment KELM_RESULT_ENROLL_SETUP), KELM_RESULT_ARGUMENT for a null pointer to an output,
- * both with nothing sent. */
+/* In this section and all that follow, with nothing sent:
+ *  - KELM_RESULT_NOT_LOCKED for a null handle (KelmIsTrova 0, a capture KELM_RESULT_CAPTURE, an enrollment
+ *    KELM_RESULT_ENROLL_SETUP), unless an argument is refused before the lock, as stated there. An upload is OK always.
+ *  - KELM_RESULT_ARGUMENT for a null pointer to an output. Verification and its test variant ask for the slot count
+ *    first; reading the index does so too and answers KELM_RESULT_INDEX_READ. */
 
 /* 1 if a fingerprint token answers (80 FA 02 00 2F gives 0x9000), else 0. */
 KELMTROVA_API int32_t KelmIsTrova(const SCardConnection *handle);
@@ -317,15 +342,16 @@ KELMTROVA_API uint64_t KelmTrovaFeatureExtract(const SCardConnection *handle, ui
  *   MEMORY          no index buffer (N x 20 bytes)
  *   INDEX_READ      the index could not be read, or the second slot count failed or differs from the first
  *   ENROLL_SETUP    the slot count is unknown; or the FID counter cannot be read, lies outside 1 to 0x7FF (nothing was
- *                   created), or cannot be advanced (the new file was erased again, as far as the token let it)
+ *                   created), or cannot be advanced (the new file was erased again)
  *   CREATE_FILE     the template file was not created. The FIDs 0x0020, 0x0040 and 0x0520 belong to the token's own
  *                   files, and a token refuses to create them: its personalisation starts the counter beyond 0x29
- *   NOT_LOCKED      no ENROLL was sent; a new file was erased again, as far as the token let it
+ *   NOT_LOCKED      no ENROLL was sent; a new file was erased again
  *   OF(SECURITY_STATUS)  refused; a new file was erased and the counter set back, the slot is as it was
  *   OF(FILE_NOT_FOUND)   the slot's file was missing and was created anew: enroll again. (With a new file: reserved)
  *   OF(ENROLL_6A10), UNLISTED  refused; a slot that had no file keeps the new one for the next enrollment (reserved)
  *   INDEX_WRITE     the index entry was not written; the template file was erased
- *   ERASE_FILE      as INDEX_WRITE or OF(SECURITY_STATUS), but the file could not be erased: no entry may name it
+ *   ERASE_FILE      the enrollment failed, and a file that had to be erased, for whichever of these reasons, could
+ *                   not be: it may be left on the token without an entry that names it
  */
 KELMTROVA_API uint64_t KelmTrovaFeatureEnroll(const SCardConnection *handle, uint8_t slot,
                                               const TemplateIndexEntry *record);
@@ -340,7 +366,7 @@ KELMTROVA_API uint64_t KelmTrovaReadIndexFile(const SCardConnection *handle, uin
  * nothing but the slot-count queries and the reading of the index. The FID counter is not touched.
  *
  * It asks for the slot count, reads the index (asking once more), sends DELETE FILE 00 E4 00 00 02 FID and writes 20
- * zero bytes at (slot - 1) x 20 of file 0x0520; it takes no lock.
+ * zero bytes at (slot - 1) x 20 of file 0x0520. Only the slot-count queries take the lock.
  *
  * OK, ARGUMENT (slot 0 or beyond N), MEMORY, the failures of KelmTrovaReadIndexFile (INDEX_READ also when the two slot
  * counts differ), KELM_RESULT_DELETE: the file was not erased and the slot is as it was, or it was erased and the entry

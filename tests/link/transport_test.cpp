@@ -22,6 +22,7 @@ struct Reply {
 std::vector<Reply> replies;  // of the replaced transport; empty: the library's own is used
 std::vector<const SCardPci *> protocols;
 std::uint64_t roomTold;
+SCardConnection *switching = nullptr;  // changes its protocol with every exchange
 
 struct Call {
   SCardConnection connection = readyConnection();
@@ -43,6 +44,9 @@ __attribute__((visibility("default"))) std::int64_t SCardTransmit(std::uint64_t 
                                                                   std::uint64_t *recvLength) {
   if (!device.fixed) {
     protocols.push_back(sendPci);
+  }
+  if (switching != nullptr) {
+    switching->dwProtocol ^= 1;
   }
   if (replies.empty()) {
     static const auto own = reinterpret_cast<decltype(&SCardTransmit)>(dlsym(RTLD_NEXT, "SCardTransmit"));
@@ -171,4 +175,15 @@ TEST(Transport, ProtocolRecords) {
     ASSERT_EQ(protocols.size(), 1U);
     EXPECT_EQ(protocols[0], protocol == 1 ? &g_rgSCardT0Pci : &g_rgSCardT1Pci);
   }
+}
+
+TEST(Transport, ProtocolIsChosenForEachExchange) {
+  Call call;
+  call.connection.dwProtocol = 1;
+  switching = &call.connection;
+  device.answer = [](const Bytes &command) { return Answer{.status = command[1] == 0xC0 ? 0x9000 : 0x6101}; };
+  protocols.clear();
+  call.send();
+  EXPECT_EQ(protocols, (std::vector{&g_rgSCardT0Pci, &g_rgSCardT1Pci}));
+  switching = nullptr;
 }

@@ -136,8 +136,8 @@ TEST(Enrollment, CleansUp) {
     std::int32_t failure;
     std::string sentAfter, newEntry;
     std::uint64_t once, forGood;
-  } cases[] = {{9, 0x6F00, "E4 ", kFree, 0x80006A0F, 0x80006A0F},
-               {10, 0x6F00, "E4 ", kFree, 0x80006A0F, 0x80006A0F},
+  } cases[] = {{9, 0x6F00, "E4 ", kFree, 0x80006A0F, 0x80000102},
+               {10, 0x6F00, "E4 ", kFree, 0x80006A0F, 0x80000102},
                {11, 0x6F00, "A4 D0 ", kReserved, 0x8000B001, 0x80000102},
                {11, 0x6983, "A4 D0 ", kReserved, 0x8000B001, 0x80000102},
                {11, 0x6A10, "A4 D0 ", kReserved, 0x80006A10, 0x80000102},
@@ -226,6 +226,9 @@ TEST(Enrollment, SlotsRecordsAndLocks) {
   hooks.lockFails = 3;
   EXPECT_EQ(enroll(), 0x80009909);
   EXPECT_EQ(token.files.size(), 3U) << "the file was not made by this call";
+  insertToken({.failing = 11, .failure = 0x6F00});  // the erasing of the new file
+  hooks.lockFails = 3;
+  EXPECT_EQ(enroll(), 0x80000102);
 }
 
 // The slot count is asked for twice; a token that answers differently is not believed.

@@ -59,6 +59,11 @@ REPLACED void MyUnlock(std::uint64_t token) {
   }
 }
 
+// A program may have functions of these names for purposes of its own: the library does without them.
+REPLACED std::uint16_t Exchange(std::uint16_t) { return ADD_FAILURE() << "the library called it", 0; }
+REPLACED std::uint16_t ToBigEndian(std::uint16_t) { return Exchange(0); }
+REPLACED std::int32_t LittleEndian() { return Exchange(0); }
+
 REPLACED std::uint32_t SCardAPDU(const SCardConnection *handle, std::uint8_t *command, std::uint64_t commandLength,
                                  std::uint8_t *response, std::uint64_t *responseLength) {
   if (hooks.apdu && isScripted(handle)) {

@@ -37,7 +37,7 @@ class RandomWalk : public testing::TestWithParam<std::uint16_t> {
   void loseFile() {
     ModelSlot &slot = slots[1 + upTo(kSlotCount - 1)];
     if (slot.entry.fid != 0 && !slot.fileGone) {
-      ASSERT_EQ(SCardEraseEF(&token.connection, Exchange(slot.entry.fid)), 1);
+      ASSERT_EQ(SCardEraseEF(&token.connection, __builtin_bswap16(slot.entry.fid)), 1);
       slot.fileGone = true;
       slot.finger.reset();
     }
@@ -55,7 +55,7 @@ class RandomWalk : public testing::TestWithParam<std::uint16_t> {
       if (counter < 1 || counter > 0x7FF) {
         return 0x80006A0F;
       }
-      slot.entry.fid = Exchange(static_cast<std::uint16_t>(counter++ << 5));
+      slot.entry.fid = __builtin_bswap16(static_cast<std::uint16_t>(counter++ << 5));
     } else if (slot.fileGone) {
       slot.fileGone = false;
       return 0x80006A82;
@@ -156,7 +156,7 @@ class RandomWalk : public testing::TestWithParam<std::uint16_t> {
       const ModelSlot &slot = slots[number];
       EXPECT_EQ(std::memcmp(&index[number - 1], &slot.entry, sizeof slot.entry), 0) << number;
       if (slot.entry.fid != 0 && !slot.fileGone) {
-        files.insert(Exchange(slot.entry.fid));
+        files.insert(__builtin_bswap16(slot.entry.fid));
       }
     }
     EXPECT_EQ(token.templateFiles(), files);

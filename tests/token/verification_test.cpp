@@ -167,6 +167,18 @@ TEST(Verification, BlockIsRecorded) {
     EXPECT_EQ(sent, (std::vector<std::string>{"80 F9 04 06 01", "unlock", "80 FD 06 03 01", "00 A4 00 00 02 00 40",
                                               "00 B0 00 68 04", "00 D6 00 68 04 " + written, "unlock"}));
   }
+  // What the record lacks is 0, also where a longer answer lay before.
+  restart();
+  std::string update;
+  hooks.apdu = [&](std::uint8_t *command, std::uint64_t length, std::uint8_t *response, std::uint64_t *responseLength) {
+    update = hex({command, length});
+    std::fill_n(response, 8, std::uint8_t{0x77});
+    *responseLength = 1;
+    return command[1] == 0xFD ? 0x6983U : 0x9000U;
+  };
+  std::uint8_t slot = kUntouched, left = kUntouched;
+  EXPECT_EQ(KelmTrovaFeatureIdentify(&connection, 0, &slot, &left), 0x80006983);
+  EXPECT_EQ(update, "00 D6 00 68 04 77 00 04 00");
   for (const auto &[refused, exchanges] : {std::pair{std::uint8_t{0xA4}, 3U}, std::pair{std::uint8_t{0xB0}, 4U}}) {
     restart();
     device.answer = MatchingToken{0x63C0, {}, refused};
