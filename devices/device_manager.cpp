@@ -273,15 +273,15 @@ void deviceManagerClose(std::uint64_t device) {
 int deviceManagerBegin(std::uint64_t device) {
   return succeeds([&] {
     const std::shared_ptr<PcscDevice> reader = find(device);
-    if (!reader) throw Failure(DEVICE_MANAGER_NO_DEVICE);
-    reader->begin();
+    if (reader) return reader->begin();
+    beginStretchSimulated(device);
   });
 }
 
 int deviceManagerEnd(std::uint64_t device) {
   return succeeds([&] {
     const std::shared_ptr<PcscDevice> reader = find(device);
-    if (!reader) throw Failure(DEVICE_MANAGER_NO_DEVICE);
-    reader->end();
+    if (reader) return reader->end();
+    endStretchSimulated(device);
   });
 }

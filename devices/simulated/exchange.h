@@ -19,6 +19,10 @@ bool isSimulated(std::uint64_t device);
 std::int32_t exchangeSimulated(std::uint64_t device, std::span<const std::uint8_t> command, std::uint64_t capacity,
                                std::uint64_t *answerLength, std::uint8_t *answer) noexcept;
 
+// An exclusive stretch on the token begins and ends. They throw a Failure of devices/failure.h.
+void beginStretchSimulated(std::uint64_t device);
+void endStretchSimulated(std::uint64_t device);
+
 // The power goes and comes back, also what a fault cut: the token forgets its session.
 void resetSimulated(std::uint64_t device);
 

@@ -16,10 +16,12 @@
 #include <utility>
 #include <vector>
 
+#include "devices/failure.h"
 #include "devices/simulated/card.h"
 #include "devices/simulated/exchange.h"
 #include "devices/simulated/failure.h"
 #include "devices/simulated/store_file.h"
+#include "devices/simulated/stretch.h"
 #include "kelmtrova/device_manager.h"
 
 namespace kelm::devices {
@@ -36,9 +38,11 @@ constexpr std::string_view kDefaultPin = "1234";
 // One opened token. The lock may be taken again by the thread that holds it, so that a trace can ask about its device.
 struct Device {
   explicit Device(Store opened) : store(std::move(opened)) {}
+  Device(Store opened, const std::string &path) : store(std::move(opened)), stretch(path) {}
 
   std::recursive_mutex lock;
   Store store;
+  Stretch stretch;
   PowerSession session;
   bool powered = true;
   SimulatorFault fault{};
@@ -76,8 +80,7 @@ std::shared_ptr<Device> find(std::uint64_t device) {
   return found == all.devices.end() ? nullptr : found->second;
 }
 
-std::uint64_t add(Store store) {
-  auto device = std::make_shared<Device>(std::move(store));
+std::uint64_t add(std::shared_ptr<Device> device) {
   Registry &all = registry();
   const std::lock_guard guard(all.lock);
   all.devices.emplace(all.next, std::move(device));
@@ -198,6 +201,7 @@ Outcome perform(Device &device, ByteView command) {
 std::int32_t exchange(Device &device, ByteView command, std::uint64_t capacity, std::uint64_t *answerLength,
                       std::uint8_t *answer) {
   const std::lock_guard guard(device.lock);
+  const Stretch::Turn turn(device.stretch);
   ++device.exchanges;
   ++device.sinceFault;
   if (device.trace) device.trace(device.traceContext, command.data(), command.size(), nullptr, 0, -1);
@@ -228,8 +232,27 @@ std::int32_t exchangeSimulated(std::uint64_t device, ByteView command, std::uint
                                std::uint64_t *answerLength, std::uint8_t *answer) noexcept {
   return guarded<std::int32_t>(DEVICE_MANAGER_NO_MEMORY, [&]() -> std::int32_t {
     const std::shared_ptr<Device> found = find(device);
-    return found ? exchange(*found, command, capacity, answerLength, answer) : DEVICE_MANAGER_NO_DEVICE;
+    if (!found) return DEVICE_MANAGER_NO_DEVICE;
+    try {
+      return exchange(*found, command, capacity, answerLength, answer);
+    } catch (const Failure &failure) {
+      return failure.code;
+    }
   });
+}
+
+void beginStretchSimulated(std::uint64_t device) {
+  const std::shared_ptr<Device> found = find(device);
+  if (!found) throw Failure(DEVICE_MANAGER_NO_DEVICE);
+  const std::lock_guard guard(found->lock);
+  found->stretch.begin();
+}
+
+void endStretchSimulated(std::uint64_t device) {
+  const std::shared_ptr<Device> found = find(device);
+  if (!found) throw Failure(DEVICE_MANAGER_NO_DEVICE);
+  const std::lock_guard guard(found->lock);
+  found->stretch.end();
 }
 
 }  // namespace kelm::devices
@@ -247,12 +270,13 @@ int simulatorCreate(const char *store, const SimulatorPersonalisation *personali
 std::uint64_t simulatorOpen(const char *store) {
   return guarded<std::uint64_t>(0, [&] {
     require(store && *store, "no place given for the store");
-    return add(Store(store));
+    return add(std::make_shared<Device>(Store(store), store));
   });
 }
 
 std::uint64_t simulatorOpenInMemory(const SimulatorPersonalisation *personalisation) {
-  return guarded<std::uint64_t>(0, [&] { return add(Store::inMemory(complete(personalisation))); });
+  return guarded<std::uint64_t>(
+      0, [&] { return add(std::make_shared<Device>(Store::inMemory(complete(personalisation)))); });
 }
 
 void simulatorClose(std::uint64_t device) {
