@@ -32,7 +32,7 @@ std::map<std::string, std::size_t> usedByToken() {
   // A slot's entry that names a file; with the second answer a match blocks.
   const Answer answers[] = {{.data = Bytes(256, 1)}, {.status = 0x63C0}, {.status = 0x6110}};
   for (const Answer &answer : answers) {
-    device.fixed = &answer;
+    device.fixed = answer;
     for (const TokenCall &job : tokenCalls()) {
       const StackUse use = callOnPaintedStack([&] { job.call(&connection); }, kPaint);
       used[job.name] = std::max(used[job.name], use.bytes);
