@@ -3,8 +3,10 @@
 
 #include <sys/stat.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <chrono>
+#include <iterator>
 #include <new>
 #include <thread>
 
@@ -16,13 +18,16 @@ constexpr int kBusySeconds = 5;
 
 constexpr std::string_view kRollback = "ROLLBACK";
 
-// Whether SQLite says with an error number of the system what went wrong.
-bool isSystemFailure(int result) {
-  const int primary = result & 0xFF;
-  return primary == SQLITE_CANTOPEN || (primary == SQLITE_IOERR && result != SQLITE_IOERR_CORRUPTFS);
+// What the system said to a failed input or output; 0 when it is not known. SQLite's own copy of the number is not
+// always filled, and the one left behind may be that of a step which cleaned up.
+int whyFailed(sqlite3 *database, int left) {
+  constexpr int kTelling[] = {ENOSPC, EDQUOT, EFBIG, EROFS, EACCES, EPERM};
+  const int known = sqlite3_system_errno(database);
+  const int error = known ? known : left;
+  return std::ranges::find(kTelling, error) != std::end(kTelling) ? error : 0;
 }
 
-// The system's word on a file that SQLite cannot open: SQLite's own copy of the number is not always filled.
+// The same for a file that SQLite cannot open.
 int whyNotOpened(const std::string &path, int error) {
   struct stat status {};
   if (stat(path.c_str(), &status) != 0) return errno;
@@ -76,11 +81,14 @@ sqlite3_stmt *Database::prepared(std::string_view sql) {
 }
 
 void Database::fail() const {
+  const int left = errno;
   const int result = sqlite3_extended_errcode(handle_.get());
   if (result == SQLITE_NOMEM || result == SQLITE_IOERR_NOMEM) throw std::bad_alloc();
-  const int error = sqlite3_system_errno(handle_.get());
-  if (isSystemFailure(result) && error != 0) throw systemFailure(name_, error);
   switch (result & 0xFF) {
+    case SQLITE_CANTOPEN:
+    case SQLITE_IOERR:
+      if (const int error = whyFailed(handle_.get(), left)) throw systemFailure(name_, error);
+      throw StoreError(SIMULATOR_STORE_FAILED, name_ + ": " + sqlite3_errmsg(handle_.get()));
     case SQLITE_FULL:
       throw systemFailure(name_, ENOSPC);
     case SQLITE_PERM:

@@ -5,6 +5,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
@@ -15,29 +16,75 @@
 namespace kelm::devices {
 namespace {
 
+// The folder of a file, and the missing ones on the way to it, which go again unless they are kept.
+class Folders {
+ public:
+  explicit Folders(const std::string &file) : path_(std::filesystem::path(file).parent_path().string()) {
+    if (path_.empty()) path_.push_back('.');
+    try {
+      make(file);
+    } catch (...) {
+      remove();
+      throw;
+    }
+  }
+  ~Folders() {
+    if (!kept_) remove();
+  }
+  Folders(const Folders &) = delete;
+  Folders &operator=(const Folders &) = delete;
+
+  void keep() { kept_ = true; }
+  // 0, or the system's error number.
+  int synchronise() const {
+    const int folder = open(path_.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    if (folder < 0) return errno;
+    const int error = fsync(folder) == 0 || errno == EINVAL ? 0 : errno;
+    close(folder);
+    return error;
+  }
+
+ private:
+  void make(const std::string &file) {
+    std::filesystem::path way;
+    for (const std::filesystem::path &part : std::filesystem::path(path_)) {
+      way /= part;
+      made_.push_back(way.string());
+      if (mkdir(way.c_str(), 0700) == 0) continue;
+      const int error = errno;
+      made_.pop_back();
+      if (error != EEXIST && access(way.c_str(), F_OK) != 0) throw systemFailure(file, error);
+    }
+  }
+  void remove() {
+    for (; !made_.empty(); made_.pop_back()) rmdir(made_.back().c_str());
+  }
+
+  std::string path_;
+  std::vector<std::string> made_;
+  bool kept_ = false;
+};
+
 // A file that is filled under another name beside its place and put there at the end, so that nobody meets a half-made
-// token. Whatever was made for it and is not needed goes with it.
+// token. What is not needed goes with the draft, for which no memory must be needed.
 class Draft {
  public:
-  explicit Draft(const std::string &place) : place_(place), path_(place + ".XXXXXX") {
-    makeFolders();
+  explicit Draft(const std::string &place)
+      : place_(place), folders_(place), path_(place + ".XXXXXX"), journal_(path_ + "-journal") {
     const int file = mkstemp(path_.data());
-    if (file < 0) {
-      const int error = errno;
-      removeFolders();
-      throw systemFailure(place_, error);
-    }
+    if (file < 0) throw systemFailure(place_, errno);
     close(file);
+    std::copy(path_.begin(), path_.end(), journal_.begin());
   }
   ~Draft() {
-    for (const char *suffix : {"", "-journal"}) unlink((path_ + suffix).c_str());
-    if (!published_) removeFolders();
+    unlink(path_.c_str());
+    unlink(journal_.c_str());
   }
   Draft(const Draft &) = delete;
   Draft &operator=(const Draft &) = delete;
 
   // Error texts speak of the place.
-  Store open(int flags) const { return Store(Database(path_.c_str(), place_, flags)); }
+  Store openStore() const { return Store(Database(path_.c_str(), place_, SQLITE_OPEN_READWRITE)); }
 
   void publishNew() {
     // Some file systems have no hard links; there, a rename that replaces nothing.
@@ -47,59 +94,30 @@ class Draft {
         throw systemFailure(place_, errno);
       }
     }
-    if (const int error = synchroniseFolder()) {
+    if (const int error = folders_.synchronise()) {
       unlink(place_.c_str());
       throw systemFailure(place_, error);
     }
-    published_ = true;
+    folders_.keep();
   }
   void publishReplacing() {
     if (rename(path_.c_str(), place_.c_str()) != 0) throw systemFailure(place_, errno);
-    published_ = true;
-    if (const int error = synchroniseFolder()) throw systemFailure(place_, error);
+    folders_.keep();
+    if (const int error = folders_.synchronise()) throw systemFailure(place_, error);
   }
 
  private:
-  std::string folder() const {
-    const std::string parent = std::filesystem::path(place_).parent_path().string();
-    return parent.empty() ? "." : parent;
-  }
-  void makeFolders() {
-    std::filesystem::path path;
-    for (const std::filesystem::path &part : std::filesystem::path(folder())) {
-      path /= part;
-      if (mkdir(path.c_str(), 0700) == 0) {
-        folders_.push_back(path.string());
-      } else if (errno != EEXIST && access(path.c_str(), F_OK) != 0) {
-        const int error = errno == ENOENT ? EACCES : errno;
-        removeFolders();
-        throw systemFailure(place_, error);
-      }
-    }
-  }
-  void removeFolders() {
-    for (; !folders_.empty(); folders_.pop_back()) rmdir(folders_.back().c_str());
-  }
-  // 0, or the system's error number.
-  int synchroniseFolder() const {
-    const int file = ::open(folder().c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-    if (file < 0) return errno;
-    const int error = fsync(file) == 0 || errno == EINVAL ? 0 : errno;
-    close(file);
-    return error;
-  }
-
   std::string place_;
+  Folders folders_;
   std::string path_;
-  std::vector<std::string> folders_;
-  bool published_ = false;
+  std::string journal_;
 };
 
 // Fills a draft by `write` and holds that it can be read again.
 template <typename Write>
 void fill(const Draft &draft, std::int64_t applicationId, Write write) {
   {
-    Store store = draft.open(SQLITE_OPEN_READWRITE);
+    Store store = draft.openStore();
     // Most records are short; small pages make small stores.
     store.database().execute("PRAGMA page_size = 1024");
     Transaction transaction(store.database());
@@ -107,7 +125,7 @@ void fill(const Draft &draft, std::int64_t applicationId, Write write) {
     write(store);
     transaction.commit();
   }
-  Store written = draft.open(SQLITE_OPEN_READWRITE);
+  Store written = draft.openStore();
   written.identify({applicationId});
   Transaction reading(written.database());
   written.check();

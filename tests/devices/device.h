@@ -25,6 +25,7 @@ struct Device {
   explicit Device(const std::string &store) : number(simulatorOpen(store.c_str())) {
     EXPECT_NE(number, 0U) << simulatorError();
   }
+  explicit Device(std::uint64_t opened) : number(opened) {}
   ~Device() { simulatorClose(number); }
   Device(const Device &) = delete;
   Device &operator=(const Device &) = delete;
