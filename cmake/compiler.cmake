@@ -5,9 +5,15 @@ target_compile_options(kelmtrova_flags INTERFACE
   -Wall -Wextra -Wconversion -Wshadow
   # Image results are the same bit for bit everywhere: no fused multiply-add, no reordering.
   -ffp-contract=off
-  -fstack-protector-strong
+  -fstack-protector-strong -fstack-clash-protection
   # The built files are the same from any folder. A debug build keeps the whole paths, by which debuggers find the source.
   $<$<NOT:$<CONFIG:Debug>>:-ffile-prefix-map=${PROJECT_SOURCE_DIR}=.>)
+# Indirect jumps land only where one is expected, where the processor checks that.
+if(CMAKE_SYSTEM_PROCESSOR MATCHES "^(x86_64|AMD64)$")
+  target_compile_options(kelmtrova_flags INTERFACE -fcf-protection)
+elseif(CMAKE_SYSTEM_PROCESSOR MATCHES "^(aarch64|arm64)$")
+  target_compile_options(kelmtrova_flags INTERFACE -mbranch-protection=standard)
+endif()
 target_link_options(kelmtrova_flags INTERFACE LINKER:-z,relro,-z,now,-z,noexecstack)
 if(CMAKE_BUILD_TYPE MATCHES "^(Release|RelWithDebInfo)$" AND NOT KELMTROVA_SANITIZE)
   target_compile_options(kelmtrova_flags INTERFACE -U_FORTIFY_SOURCE -D_FORTIFY_SOURCE=2)
