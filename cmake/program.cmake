@@ -4,11 +4,13 @@ find_package(CLI11 REQUIRED)
 find_package(fmt REQUIRED)
 find_package(nlohmann_json REQUIRED)
 find_package(PNG REQUIRED)
+include(cmake/pictures.cmake)
 file(GLOB_RECURSE KELMTROVA_PROGRAM_SOURCES CONFIGURE_DEPENDS tools/*.cpp)
 add_executable(kelmtrova_program ${KELMTROVA_PROGRAM_SOURCES})
 target_include_directories(kelmtrova_program PRIVATE ${PROJECT_SOURCE_DIR})
 target_link_libraries(kelmtrova_program PRIVATE
-  kelmtrova_flags kelmtrova::kelmtrova CLI11::CLI11 fmt::fmt nlohmann_json::nlohmann_json PNG::PNG ${CMAKE_DL_LIBS})
+  kelmtrova_flags kelmtrova::kelmtrova CLI11::CLI11 fmt::fmt nlohmann_json::nlohmann_json PNG::PNG kelmtrova_drawing
+  ${CMAKE_DL_LIBS})
 target_compile_definitions(kelmtrova_program PRIVATE KELM_VERSION="${PROJECT_VERSION}")
 # Its SCardTransmit and MYTRACE take the place of the library's.
 target_link_options(kelmtrova_program PRIVATE LINKER:--disable-new-dtags

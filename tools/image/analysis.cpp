@@ -4,14 +4,9 @@
 #include <algorithm>
 #include <chrono>
 #include <cmath>
-#include <nlohmann/json.hpp>
 
 namespace kelm::tools {
 namespace {
-
-// A print at 500 dpi has ridges 7 to 12 pixels apart; half-size pictures of closer ones would have less than three
-// pixels for a ridge and a valley, too few for gradients.
-constexpr double kNarrowPeriod = 6.5;
 
 class StopWatch {
  public:
@@ -31,29 +26,48 @@ class StopWatch {
   Timings &timings;
 };
 
-double medianPeriod(const Analysis &analysis) {
-  std::vector<uint8_t> periods;
-  const Grid<uint8_t> &map = analysis.periods;
-  for (int row = 0; row < map.rows; ++row) {
-    for (int column = 0; column < map.cols; ++column) {
-      const uint8_t period = map.at(column, row);
-      if (period != kNoPeriod && analysis.inForeground(column * map.cell, row * map.cell, map.cell)) {
-        periods.push_back(period);
-      }
+// The grid over a picture of the given size that is `scale` times smaller than the one it was made from. Cells that the
+// toolkit leaves out at the right and lower edge repeat their neighbours.
+template <typename Sample>
+Grid<Sample> spread(const Grid<Sample> &grid, int scale, int width, int height) {
+  const int cell = grid.cell / scale;
+  Grid<Sample> out{cell, (height + cell - 1) / cell, (width + cell - 1) / cell, {}};
+  for (int row = 0; row < out.rows; ++row) {
+    for (int col = 0; col < out.cols; ++col) {
+      out.data.push_back(grid.at(std::min(col, grid.cols - 1), std::min(row, grid.rows - 1)));
     }
+  }
+  return out;
+}
+
+Grid<uint8_t> gridOf(const Picture &half) { return {2, half.height, half.width, half.samples}; }
+
+Picture pictureOf(const Grid<uint8_t> &grid, int width, int height) {
+  Picture out(width, height);
+  for (int y = 0; y < height; ++y) {
+    for (int x = 0; x < width; ++x) out.at(x, y) = grid.at(x / grid.cell, y / grid.cell);
+  }
+  return out;
+}
+
+double medianPeriod(const Analysis &analysis) {
+  std::vector<float> periods;
+  for (const float period : analysis.periods.data) {
+    if (period > 0) periods.push_back(period);
   }
   if (periods.empty()) return 0;
   const auto middle = periods.begin() + static_cast<ptrdiff_t>(periods.size() / 2);
   std::nth_element(periods.begin(), middle, periods.end());
-  return *middle / 8.0;
+  return *middle;
 }
 
 void gradeNumbers(const Analysis &analysis, Numbers &numbers) {
   double count = 0, sum = 0, squares = 0;
   const Grid<uint8_t> &grades = analysis.grades;
-  for (int row = 0; row < grades.rows; ++row) {
-    for (int column = 0; column < grades.cols; ++column) {
-      if (!analysis.inForeground(column * grades.cell, row * grades.cell, grades.cell)) continue;
+  // Only whole blocks have grades.
+  for (int row = 0; row < analysis.picture.height / grades.cell; ++row) {
+    for (int column = 0; column < analysis.picture.width / grades.cell; ++column) {
+      if (!analysis.inForeground(column, row, grades.cell)) continue;
       const double grade = grades.at(column, row);
       ++count;
       sum += grade;
@@ -65,18 +79,30 @@ void gradeNumbers(const Analysis &analysis, Numbers &numbers) {
   numbers.qualitySpread = std::sqrt(std::max(0.0, squares / count - numbers.quality * numbers.quality));
 }
 
+// The mean over the foreground, or over the whole picture where there is none.
+double meanClarity(const Analysis &analysis, bool everywhere) {
+  const Grid<uint8_t> &clarity = analysis.clarity;
+  double count = 0, sum = 0;
+  for (int row = 0; row < clarity.rows; ++row) {
+    for (int column = 0; column < clarity.cols; ++column) {
+      if (!everywhere && !analysis.inForeground(column, row, clarity.cell)) continue;
+      ++count;
+      sum += clarity.at(column, row);
+    }
+  }
+  return count == 0 ? 0 : sum / count;
+}
+
 // Seven eighths of the way from the mean grey of the finger to the lightest hundredth of the picture: a straight valley
 // with its flanks stays below, paper does not.
 int lightLevelOf(const Analysis &analysis) {
-  const Picture &half = analysis.half;
   double count = 0, sum = 0;
-  for (size_t i = 0; i < half.samples.size(); ++i) {
-    if (analysis.segmentation.mask.samples[i] == 0) continue;
+  for (size_t i = 0; i < analysis.mask.samples.size(); ++i) {
+    if (analysis.mask.samples[i] == 0) continue;
     ++count;
-    sum += half.samples[i];
+    sum += analysis.picture.samples[i];
   }
-  uint32_t left =
-      static_cast<uint32_t>(static_cast<size_t>(analysis.width) * static_cast<size_t>(analysis.height) / 100);
+  auto left = static_cast<uint32_t>(analysis.picture.samples.size() / 100);
   int lightest = 255;
   while (lightest > 0 && analysis.printHistogram[static_cast<size_t>(lightest)] <= left) {
     left -= analysis.printHistogram[static_cast<size_t>(lightest--)];
@@ -85,9 +111,9 @@ int lightLevelOf(const Analysis &analysis) {
 }
 
 // The middle three quarters of the rectangle around the foreground, where only a gap can be light; the picture where
-// there is no foreground. In pixels of the picture as it was read.
-Picture heartOf(const Analysis &analysis, const Picture &picture) {
-  const Picture &mask = analysis.segmentation.mask;
+// there is no foreground.
+Picture centralRegion(const Analysis &analysis) {
+  const Picture &mask = analysis.mask;
   int left = mask.width, right = 0, top = mask.height, bottom = 0;
   for (int y = 0; y < mask.height; ++y) {
     for (int x = 0; x < mask.width; ++x) {
@@ -98,16 +124,18 @@ Picture heartOf(const Analysis &analysis, const Picture &picture) {
       bottom = std::max(bottom, y + 1);
     }
   }
-  if (left >= right) return picture;
-  const int unit = analysis.scale == 1 ? 2 : 1;
+  if (left >= right) return analysis.picture;
   const int marginX = (right - left) / 8, marginY = (bottom - top) / 8;
-  Picture heart(unit * (right - left - 2 * marginX), unit * (bottom - top - 2 * marginY));
-  for (int y = 0; y < heart.height; ++y) {
-    std::copy_n(
-        &picture.samples[static_cast<size_t>((unit * (top + marginY) + y) * picture.width + unit * (left + marginX))],
-        heart.width, &heart.samples[static_cast<size_t>(y * heart.width)]);
-  }
-  return heart;
+  return part(analysis.picture, left + marginX, top + marginY, right - left - 2 * marginX, bottom - top - 2 * marginY);
+}
+
+bool isContinuous(const Analysis &analysis) {
+  constexpr int kLongest = 1024;  // that the toolkit examines
+  Picture region = centralRegion(analysis);
+  while (std::max(region.width, region.height) > kLongest) region = reduced(region);
+  // A row is compared with the level times its width less ten.
+  const int level = analysis.numbers.lightLevel;
+  return continuous(region, region.width > 20 ? level * region.width / (region.width - 10) : level);
 }
 
 int meanOf(const Counters &counters) {
@@ -119,94 +147,130 @@ int meanOf(const Counters &counters) {
   return static_cast<int>((sum + count / 2) / count);
 }
 
-Analysis analyseAt(int scale, const Picture &picture) {
-  Analysis out;
-  StopWatch watch(out.timings);
-  out.width = picture.width;
-  out.height = picture.height;
-  out.scale = scale;
-  // A picture with narrow ridges is its own half-size picture; the full one is made from it.
-  out.half = watch.time("half-size picture", [&] { return scale == 1 ? reduced(picture) : picture; });
-  out.print = scale == 1 ? picture : enlarged(picture);
-  const Picture &print = out.print;
-  out.orientation = watch.time("orientation", [&] { return orientationOf(print, out.half); });
-  out.periods = watch.time("ridge period", [&] { return periodsOf(print, out.orientation.direction8); });
-  out.gradient = watch.time("gradient picture", [&] { return gradientOf(out.orientation); });
-  out.segmentation = watch.time("foreground", [&] { return segment(out.gradient); });
-  out.grades = watch.time("block quality", [&] { return gradesOf(print); });
-  watch.time("histograms", [&] {
-    out.printHistogram = histogramOf(picture);
-    out.gradientHistogram = histogramOf(out.gradient);
-    out.smoothed = smoothedHistogram(out.gradientHistogram);
-    return 0;
-  });
+// Enough of a picture in pixels of a 500 dpi print, with ridges in it that can be told from noise.
+bool isFinger(const Analysis &analysis) {
+  constexpr double kSmallest = 64 * 64;
+  constexpr double kLeastClarity = 20;
+  const double area = analysis.numbers.foreground * static_cast<double>(analysis.picture.samples.size());
+  return area * analysis.scale * analysis.scale >= kSmallest && analysis.numbers.period > 0 &&
+         analysis.numbers.clarity >= kLeastClarity;
+}
+
+void fillNumbers(Analysis &out) {
   Numbers &numbers = out.numbers;
+  const std::vector<uint8_t> &mask = out.mask.samples;
+  numbers.foreground =
+      static_cast<double>(std::count(mask.begin(), mask.end(), 255)) / static_cast<double>(mask.size());
+  numbers.meanGrey = meanOf(out.printHistogram);
   numbers.lightLevel = lightLevelOf(out);
-  numbers.continuous = watch.time("continuity", [&] {
-    const Picture heart = heartOf(out, picture);
-    // A row is compared with the level times its width less ten.
-    const int level = heart.width > 20 ? numbers.lightLevel * heart.width / (heart.width - 10) : numbers.lightLevel;
-    return continuous(heart, level);
-  });
-  watch.time("numbers", [&] {
-    const std::vector<uint8_t> &mask = out.segmentation.mask.samples;
-    numbers.foreground =
-        static_cast<double>(std::count(mask.begin(), mask.end(), 255)) / static_cast<double>(mask.size());
-    numbers.period = medianPeriod(out) / scale;
-    numbers.meanGrey = meanOf(out.printHistogram);
-    gradeNumbers(out, numbers);
-    return 0;
-  });
-  return out;
+  gradeNumbers(out, numbers);
+  numbers.clarity = meanClarity(out, false);
+  numbers.finger = isFinger(out);
+  if (!numbers.finger) numbers.clarity = meanClarity(out, true);
 }
 
 }  // namespace
 
-bool Analysis::inForeground(int x, int y, int edge) const {
-  const Picture &mask = segmentation.mask;
+bool Analysis::inForeground(int column, int row, int cell) const {
   int inside = 0, all = 0;
-  for (int row = y / 2; row < std::min((y + edge) / 2, mask.height); ++row) {
-    for (int column = x / 2; column < std::min((x + edge) / 2, mask.width); ++column) {
-      inside += mask.at(column, row) != 0;
+  for (int y = row * cell; y < std::min((row + 1) * cell, mask.height); ++y) {
+    for (int x = column * cell; x < std::min((column + 1) * cell, mask.width); ++x) {
+      inside += mask.at(x, y) != 0;
       ++all;
     }
   }
   return 2 * inside > all;
 }
 
-Analysis analyse(const Picture &print, const std::string &name) {
-  requireAnalysable(print, name);
-  Analysis out = analyseAt(1, print);
-  const bool narrow = out.numbers.period > 0 && out.numbers.period < kNarrowPeriod;
-  const bool mayGrow =
-      print.samples.size() <= kLargestArea / 4 && std::max(print.width, print.height) <= int{kLongestEdge} / 2;
-  if (!narrow || !mayGrow) return out;
-  Timings first = std::move(out.timings);
-  out = analyseAt(2, print);
-  for (auto &[step, milliseconds] : out.timings) {
-    for (const auto &[earlier, before] : first) milliseconds += step == earlier ? before : 0;
-  }
+Analysis analyse(const Picture &picture, const std::string &name, const AnalysisSettings &settings) {
+  requireAnalysable(picture, name);
+  Analysis out;
+  StopWatch watch(out.timings);
+  out.picture = picture;
+  const int width = picture.width, height = picture.height;
+  Picture half = watch.time("half-size picture", [&] { return reduced(picture); });
+  out.scale = watch.time("width of the ridges", [&] {
+    const bool mayGrow = picture.samples.size() <= kLargestArea / 4 && std::max(width, height) <= int{kLongestEdge} / 2;
+    return mayGrow && narrowRidges(picture, half) ? 2 : 1;
+  });
+  // A picture with narrow ridges is its own half-size picture; the full one is made from it.
+  if (out.scale == 2) half = picture;
+  const Picture print = out.scale == 2 ? enlarged(picture) : picture;
+  const auto onPicture = [&](const auto &grid) { return spread(grid, out.scale, width, height); };
+
+  const Orientation orientation =
+      watch.time("orientation", [&] { return orientationOf(half, print.width, print.height, settings.window); });
+  const Coherence coherence = watch.time("coherence", [&] { return coherenceOf(half); });
+  const Picture mask = watch.time("foreground", [&] { return foregroundOf(coherence); });
+  const Periods periods =
+      watch.time("ridge period", [&] { return smoothedPeriods(periodsOf(print, orientation.direction8), mask); });
+  const Picture gradient = watch.time("gradient picture", [&] { return gradientOf(orientation, settings.window); });
+  out.thresholds = watch.time("thresholds", [&] { return thresholdsOf(gradient); });
+  out.grades = watch.time("block quality", [&] { return onPicture(gradesOf(print)); });
+  watch.time("maps", [&] {
+    const Grid<uint8_t> eighths = onPicture(periods.smoothed);
+    out.periods = {eighths.cell, eighths.rows, eighths.cols, {}};
+    for (const uint8_t period : eighths.data) {
+      out.periods.data.push_back(period == kNoPeriod ? 0
+                                                     : static_cast<float>(period) / static_cast<float>(8 * out.scale));
+    }
+    out.numbers.period = medianPeriod(out);
+    out.mask = pictureOf(onPicture(gridOf(mask)), width, height);
+    out.direction8 = onPicture(orientation.direction8);
+    out.direction16 = onPicture(orientation.direction16);
+    if (out.numbers.period > 0) {
+      straightenDirections(out.direction8, out.numbers.period * out.scale / 2);
+      straightenDirections(out.direction16, out.numbers.period * out.scale / 2);
+    }
+    out.change = onPicture(orientation.change);
+    out.gradient = onPicture(gridOf(gradient));
+    out.clarity = onPicture(clarityOf(coherence, periods));
+    out.complexity = complexityOf(mask);
+    return 0;
+  });
+  watch.time("histograms", [&] {
+    out.printHistogram = histogramOf(picture);
+    out.gradientHistogram = histogramOf(gradient);
+    out.smoothed = smoothedHistogram(out.gradientHistogram);
+    return 0;
+  });
+  watch.time("numbers", [&] {
+    fillNumbers(out);
+    return 0;
+  });
+  out.numbers.continuous = watch.time("continuity", [&] { return isContinuous(out); });
   return out;
 }
 
-std::string numbersAsJson(const Analysis &analysis, const std::string &name) {
+namespace {
+double rounded(double value, double parts) { return std::round(value * parts) / parts; }
+}  // namespace
+
+nlohmann::ordered_json mainNumbers(const Analysis &analysis) {
   const Numbers &numbers = analysis.numbers;
-  const auto rounded = [](double value, double parts) { return std::round(value * parts) / parts; };
-  nlohmann::ordered_json json = {{"path", name},
-                                 {"width", analysis.width},
-                                 {"height", analysis.height},
+  nlohmann::ordered_json json = {{"width", analysis.picture.width},
+                                 {"height", analysis.picture.height},
+                                 {"resolution", nullptr},
                                  {"scale", analysis.scale},
+                                 {"finger", numbers.finger},
+                                 {"clarity", rounded(numbers.clarity, 10)},
                                  {"quality", rounded(numbers.quality, 100)},
                                  {"qualitySpread", rounded(numbers.qualitySpread, 100)},
                                  {"foreground", rounded(numbers.foreground, 10000)},
                                  {"period", nullptr},
-                                 {"continuous", numbers.continuous},
-                                 {"thresholdShape", analysis.segmentation.shapeThreshold},
-                                 {"thresholdMode", analysis.segmentation.modeThreshold},
-                                 {"thresholdUsed", analysis.segmentation.modeChosen ? "mode" : "shape"},
-                                 {"complexity", rounded(analysis.segmentation.complexity, 100)},
-                                 {"meanGrey", numbers.meanGrey}};
-  if (numbers.period > 0) json["period"] = numbers.period;
+                                 {"continuous", numbers.continuous}};
+  if (analysis.picture.resolution > 0) json["resolution"] = analysis.picture.resolution;
+  if (numbers.period > 0) json["period"] = rounded(numbers.period, 100);
+  return json;
+}
+
+std::string numbersAsJson(const Analysis &analysis, const std::string &name) {
+  nlohmann::ordered_json json = {{"path", name}};
+  json.update(mainNumbers(analysis));
+  json["thresholdShape"] = analysis.thresholds.shape;
+  json["thresholdMode"] = analysis.thresholds.mode;
+  json["complexity"] = rounded(analysis.complexity, 100);
+  json["meanGrey"] = analysis.numbers.meanGrey;
   for (const auto &[step, milliseconds] : analysis.timings) json["milliseconds"][step] = rounded(milliseconds, 1000);
   return json.dump(2, ' ', false, nlohmann::json::error_handler_t::replace);
 }

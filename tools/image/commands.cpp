@@ -9,11 +9,12 @@
 #include <memory>
 #include <new>
 
+#include "tools/exit_codes.h"
 #include "tools/image/analysis.h"
-#include "tools/image/html.h"
+#include "tools/image/maps.h"
+#include "tools/image/page.h"
 #include "tools/image/picture.h"
 #include "tools/image/quality.h"
-#include "tools/image/sheet.h"
 #include "tools/image/steps.h"
 #include "tools/image/synth.h"
 #include "tools/output.h"
@@ -21,6 +22,45 @@
 
 namespace kelm::tools {
 namespace {
+
+constexpr const char *kPictureHelp = "the picture, in any format of docs/image-program.md; - for standard input";
+
+// Where a command's result goes, and in which format.
+struct Target {
+  std::string path, format;
+
+  void addTo(CLI::App &command, const std::string &help) {
+    command.add_option("-o,--output", path, help + "; - for standard output")->type_name("FILE");
+    command.add_option("--format", format, "the format, whatever the file is called")->type_name("png|...");
+  }
+  // The format asked for, or the ending of the name; it must be one of those given, of which the first is taken for
+  // standard output.
+  std::string chosen(const std::vector<std::string> &known) const {
+    std::string wanted = format;
+    if (wanted.empty() && path == "-") return known.front();
+    if (wanted.empty()) wanted = std::filesystem::path(path).extension().string();
+    if (wanted.starts_with('.')) wanted.erase(0, 1);
+    std::transform(wanted.begin(), wanted.end(), wanted.begin(), [](unsigned char c) { return std::tolower(c); });
+    if (std::find(known.begin(), known.end(), wanted) != known.end()) return wanted;
+    throw FileFailure(path + ": this is written as " + fmt::format("{}", fmt::join(known, ", ")) +
+                      (wanted.empty() ? "" : ", not as " + wanted));
+  }
+  void write(std::span<const uint8_t> bytes) const {
+    if (path == "-") return put({reinterpret_cast<const char *>(bytes.data()), bytes.size()});
+    writeFile(path, bytes);
+  }
+};
+
+Bytes bytesOf(const std::string &text) { return {text.begin(), text.end()}; }
+
+Bytes encoded(const Picture &picture, const std::string &format) {
+  return format == "pgm" ? encodePgm(picture) : encodePng(picture);
+}
+
+Bytes pageAs(const std::string &format, const Page &page) {
+  if (format == "html" || format == "htm") return bytesOf(pageAsHtml(page));
+  return pageAsSheet(page, format == "svg" ? Format::Svg : format == "pdf" ? Format::Pdf : Format::Png);
+}
 
 // "416x560"; a wrong size is an option error.
 std::string parseSize(const std::string &text, SynthSettings &settings) {
@@ -32,62 +72,119 @@ std::string parseSize(const std::string &text, SynthSettings &settings) {
   return "";
 }
 
-void addSynth(CLI::App &image, int &exitCode) {
-  struct Options {
-    SynthSettings settings;
-    std::string printClass, out, truth, size;
-  };
-  auto options = std::make_shared<Options>();
+struct SynthOptions {
+  SynthSettings settings;
+  std::string printClass, truth, size;
+  int count = 0;
+  Target target;
+};
 
-  CLI::App *command = image.add_subcommand("synth", "Makes a synthetic print: the same seed, the same samples");
-  command->add_option("--class", options->printClass, "the pattern of the ridges")
-      ->check(CLI::IsMember(std::vector<std::string>(kPrintClasses.begin(), kPrintClasses.end())))
+void setClass(SynthOptions &options, uint64_t number) {
+  const auto *name = std::find(kPrintClasses.begin(), kPrintClasses.end(), options.printClass);
+  const auto index =
+      name == kPrintClasses.end() ? number % kPrintClasses.size() : static_cast<uint64_t>(name - kPrintClasses.begin());
+  options.settings.printClass = static_cast<PrintClass>(index);
+}
+
+void synthesiseOne(SynthOptions &options) {
+  const std::string format = options.target.chosen({"png", "pgm"});
+  setClass(options, options.settings.seed);
+  const SynthPrint print = synthesise(options.settings);
+  options.target.write(encoded(print.picture, format));
+  if (!options.truth.empty()) writeFile(options.truth, jsonText(truthOf(options.settings, print), -1) + '\n');
+}
+
+void synthesiseMany(SynthOptions &options) {
+  namespace fs = std::filesystem;
+  const std::string format = options.target.format.empty() ? "png" : options.target.chosen({"png", "pgm"});
+  std::error_code error;
+  fs::create_directories(options.target.path, error);
+  if (error) throw FileFailure(options.target.path + ": " + error.message());
+  std::string truths;
+  for (int i = 0; i < options.count; ++i) {
+    setClass(options, options.settings.seed);
+    const SynthPrint print = synthesise(options.settings);
+    const std::string name = fmt::format("{}-{}.{}", kPrintClasses[static_cast<size_t>(options.settings.printClass)],
+                                         options.settings.seed, format);
+    writeFile((fs::path(options.target.path) / name).string(), encoded(print.picture, format));
+    nlohmann::ordered_json line = {{"path", name}};
+    line.update(truthOf(options.settings, print));
+    truths += jsonText(line, -1) + '\n';
+    ++options.settings.seed;
+  }
+  if (!options.truth.empty()) writeFile(options.truth, truths);
+}
+
+void addSynth(CLI::App &image, int &exitCode) {
+  constexpr uint64_t kLargestSeed = (uint64_t{1} << 53) - 1;  // JSON numbers hold it exactly
+  auto options = std::make_shared<SynthOptions>();
+  CLI::App *command = image.add_subcommand("synth", "Makes synthetic prints: the same seed, the same samples");
+  std::vector<std::string> classes(kPrintClasses.begin(), kPrintClasses.end());
+  classes.push_back("any");
+  command->add_option("--class", options->printClass, "the pattern of the ridges; any: by the seed, in turn")
+      ->check(CLI::IsMember(classes))
       ->required()
       ->type_name("CLASS");
-  command->add_option("--seed", options->settings.seed, "what the random choices start from")->default_val(1);
+  command->add_option("--seed", options->settings.seed, "what the random choices start from, 0 to 2^53 - 1")
+      ->check(CLI::Range(uint64_t{0}, kLargestSeed))
+      ->default_val(1);
   command->add_option("--size", options->size, "width x height in pixels, at 500 pixels per inch; 416x560 if not given")
       ->check([options](const std::string &text) { return parseSize(text, options->settings); })
       ->type_name("WxH");
   command->add_option("--noise", options->settings.noise, "0 for a clean print, 100 for a very poor one")
       ->check(CLI::Range(0, 100))
       ->default_val(20);
-  command->add_option("-o,--output", options->out, "the picture: .png or .pgm")->required();
-  command->add_option("--truth", options->truth, "the true orientation and period of the ridges, as JSON");
+  command->add_option("--gap", options->settings.gap, "wipes out a band across the print, so many pixels high")
+      ->check(CLI::Range(0, 512))
+      ->default_val(0);
+  command->add_option("--count", options->count, "makes so many, with this seed and those after it, into a folder")
+      ->check(CLI::Range(1, 1'000'000));
+  options->target.addTo(*command, "the picture: .png or .pgm; with --count the folder");
+  command->get_option("--output")->required();
+  command->add_option("--truth", options->truth,
+                      "the true orientation and period of the ridges, as JSON; with --count a line for each print");
   command->callback([options, &exitCode] {
-    const auto *name = std::find(kPrintClasses.begin(), kPrintClasses.end(), options->printClass);
-    options->settings.printClass = static_cast<PrintClass>(name - kPrintClasses.begin());
-    const SynthPrint print = synthesise(options->settings);
-    writePicture(options->out, print.picture);
-    if (!options->truth.empty()) {
-      writeFile(options->truth, truthAsJson(options->settings, print));
-    }
+    options->count > 0 ? synthesiseMany(*options) : synthesiseOne(*options);
     exitCode = kExitDone;
   });
 }
 
+// What a person wants to know first.
+std::string summaryText(const Page &page) {
+  size_t width = 0;
+  for (const auto &[what, value] : page.numbers) width = std::max(width, what.size());
+  std::string text = shown(page.title) + '\n';
+  for (const auto &[what, value] : page.numbers) text += fmt::format("  {:<{}}  {}\n", what, width, value);
+  return text;
+}
+
 void addAnalyze(CLI::App &image, int &exitCode) {
   struct Options {
-    std::string in, out;
+    std::string in, maps;
+    Target target;
     bool json = false;
   };
   auto options = std::make_shared<Options>();
   CLI::App *command = image.add_subcommand("analyze", "Everything the toolkit says about a print, on one page");
-  command->add_option("print", options->in, "the picture: PNG or PGM")->required();
-  command->add_option("-o,--output", options->out, "the report: .png for a contact sheet, .html for a page");
-  command->add_flag("--json", options->json, "the numbers on standard output");
+  command->add_option("print", options->in, kPictureHelp)->required();
+  options->target.addTo(*command, "the page: .png, .svg or .pdf for a sheet, .html for a page with overlays");
+  command->add_option("--maps", options->maps, "all maps as .npy and .png, with a list of what they mean")
+      ->type_name("FOLDER");
+  command->add_flag("--json", options->json, "the numbers as JSON on standard output");
+  command->footer("Without options it prints a summary. Exit code 1: there is no finger in the picture.");
   command->callback([options, &exitCode] {
-    const bool page = hasExtension(options->out, ".html") || hasExtension(options->out, ".htm");
-    if (options->out.empty() ? !options->json : !page && !hasExtension(options->out, ".png")) {
-      throw PictureError("a report needs -o with a name that ends in .png or .html, or --json");
+    const bool wantsPage = !options->target.path.empty();
+    const std::string format = wantsPage ? options->target.chosen({"png", "svg", "pdf", "html", "htm"}) : "";
+    if (options->json && options->target.path == "-") {
+      throw Failure(kExitUsage, "both the page and the numbers would go to standard output");
     }
     const Analysis analysis = analyse(readPicture(options->in), options->in);
-    if (page) {
-      writeFile(options->out, reportAsHtml(analysis, options->in));
-    } else if (!options->out.empty()) {
-      writeFile(options->out, encodePng(paintSheet(analysis, options->in)));
-    }
+    const Page page = describe(analysis, options->in);
+    if (wantsPage) options->target.write(pageAs(format, page));
+    if (!options->maps.empty()) writeMaps(analysis, options->in, options->maps);
     if (options->json) put(numbersAsJson(analysis, options->in) + '\n');
-    exitCode = kExitDone;
+    if (!options->json && !wantsPage && options->maps.empty()) put(summaryText(page));
+    exitCode = analysis.numbers.finger ? kExitDone : kExitNoMatch;
   });
 }
 
@@ -105,42 +202,23 @@ void addQuality(CLI::App &image, int &exitCode) {
 
 void addStep(CLI::App &image, const Step &step, int &exitCode) {
   struct Options {
-    StepSettings settings;
-    std::string in, out;
+    std::string in;
+    Target target;
+    RunStep run;
   };
   auto options = std::make_shared<Options>();
-  StepSettings &settings = options->settings;
   CLI::App *command = image.add_subcommand(step.name, step.help);
-  command->add_option("picture", options->in, "the picture: PNG or PGM")->required();
-  command->add_option("-o,--output", options->out, "a picture (.png) or raw numbers (.npy)")->required();
-  const std::string name = step.name;
-  if (!step.anySize && name != "quality-map") {
-    command->add_option("--window", settings.window, "smoothing window in pixels of the half-size picture")
-        ->check(CLI::Range(1, 31))
-        ->default_val(settings.window);
-  }
-  if (name == "orientation") {
-    command->add_option("--block", settings.blockSize, "edge of a block in pixels")
-        ->check(CLI::IsMember({8, 16}))
-        ->default_val(settings.blockSize);
-  }
-  if (name == "normalize") {
-    command->add_option("--mean", settings.targetMean)->check(CLI::Range(0, 255))->default_val(settings.targetMean);
-    command->add_option("--variance", settings.targetVariance)
-        ->check(CLI::Range(0, 65025))
-        ->default_val(settings.targetVariance);
-  }
-  if (name == "histogram") {
-    command->add_flag("--smooth", settings.smooth, "smoothed, in 128 bins of two grey levels");
-  }
-  command->callback([options, &step, &exitCode] {
-    const bool raw = hasExtension(options->out, ".npy");
-    if (!raw && !hasExtension(options->out, ".png")) {
-      throw PictureError("the output is a picture (.png) or raw numbers (.npy)");
-    }
-    const Picture picture = readPicture(options->in);
-    if (!step.anySize) requireAnalysable(picture, options->in);
-    writeFile(options->out, step.run(picture, options->settings, raw));
+  if (step.alias) command->alias(step.alias);
+  command->add_option("picture", options->in, kPictureHelp)->required();
+  options->target.addTo(*command, "a picture (.png; .pgm where it is grey) or raw numbers (.npy)");
+  command->get_option("--output")->required();
+  options->run = step.prepare(*command);
+  command->callback([options, &exitCode] {
+    const std::string format = options->target.chosen({"png", "npy", "pgm"});
+    options->run(readPicture(options->in), options->in, [&](const Map &map) {
+      if (format == "pgm" && !map.pgm) options->target.chosen({"png", "npy"});
+      options->target.write(format == "npy" ? map.npy() : format == "pgm" ? map.pgm() : map.png());
+    });
     exitCode = kExitDone;
   });
 }
@@ -160,12 +238,14 @@ void demoImage(const std::string &directory) {
   std::filesystem::create_directories(directory);
   const auto inside = [&](const char *name) { return (std::filesystem::path(directory) / name).string(); };
   const SynthPrint print = synthesise({});
-  writePicture(inside("whorl.png"), print.picture);
+  writeFile(inside("whorl.png"), encodePng(print.picture));
   const Analysis analysis = analyse(print.picture, "whorl.png");
-  writeFile(inside("whorl-report.png"), encodePng(paintSheet(analysis, "whorl.png")));
-  writeFile(inside("whorl-report.html"), reportAsHtml(analysis, "whorl.png"));
+  const Page page = describe(analysis, "whorl.png");
+  writeFile(inside("whorl-report.png"), pageAsSheet(page, Format::Png));
+  writeFile(inside("whorl-report.html"), pageAsHtml(page));
   const Numbers &numbers = analysis.numbers;
   put(fmt::format("\nA synthetic whorl ({} x {} pixels), analysed:\n", print.picture.width, print.picture.height));
+  put(fmt::format("  ridge clarity {:.0f} of 100\n", numbers.clarity));
   put(fmt::format("  mean quality  {:.0f} of 255, spread {:.0f}\n", numbers.quality, numbers.qualitySpread));
   put(fmt::format("  foreground    {:.0f} % of the picture\n", 100 * numbers.foreground));
   put(fmt::format("  ridge period  {:.1f} pixels\n", numbers.period));

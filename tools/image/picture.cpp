@@ -2,6 +2,7 @@
 #include "tools/image/picture.h"
 
 #include <png.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <cctype>
@@ -13,7 +14,6 @@
 #include <utility>
 
 #include "tools/image/wsq.h"
-
 #include "tools/output.h"
 
 namespace kelm::tools {
@@ -28,7 +28,8 @@ struct FileCloser {
 using File = std::unique_ptr<FILE, FileCloser>;
 
 std::vector<uint8_t> readFile(const std::string &path) {
-  const File file(fopen(path.c_str(), "rb"));
+  // Standard input is left open.
+  const File file(path == "-" ? fdopen(dup(STDIN_FILENO), "rb") : fopen(path.c_str(), "rb"));
   if (!file) throw PictureError(path + ": " + strerror(errno));
   std::vector<uint8_t> bytes;
   for (size_t got = 1; got > 0;) {
@@ -137,49 +138,6 @@ Picture decodePng(const std::vector<uint8_t> &bytes, const std::string &name) {
   return picture;
 }
 
-struct PngWriting {
-  png_structp png = nullptr;
-  png_infop info = nullptr;
-  std::vector<uint8_t> out;
-  std::vector<png_bytep> rowPointers;
-
-  ~PngWriting() { png_destroy_write_struct(&png, &info); }
-};
-
-void pngWriteBytes(png_structp png, png_bytep bytes, size_t length) {
-  auto &out = static_cast<PngWriting *>(png_get_io_ptr(png))->out;
-  out.insert(out.end(), bytes, bytes + length);
-}
-
-void pngFlush(png_structp) {}
-
-bool pngWriteRows(PngWriting &writing, int width, int height, int colourType) {
-  if (setjmp(png_jmpbuf(writing.png))) return false;
-  png_set_write_fn(writing.png, &writing, pngWriteBytes, pngFlush);
-  // Level 1 with one filter takes a fraction of the time of the default, for files a little larger.
-  png_set_compression_level(writing.png, 1);
-  png_set_filter(writing.png, 0, colourType == PNG_COLOR_TYPE_GRAY ? PNG_FILTER_SUB : PNG_FILTER_NONE);
-  png_set_IHDR(writing.png, writing.info, static_cast<uint32_t>(width), static_cast<uint32_t>(height), 8, colourType,
-               PNG_INTERLACE_NONE, PNG_COMPRESSION_TYPE_DEFAULT, PNG_FILTER_TYPE_DEFAULT);
-  png_write_info(writing.png, writing.info);
-  png_write_image(writing.png, writing.rowPointers.data());
-  png_write_end(writing.png, nullptr);
-  return true;
-}
-
-std::vector<uint8_t> encodeRows(const uint8_t *samples, int width, int height, size_t channels, int colourType) {
-  PngWriting writing;
-  writing.png = png_create_write_struct(PNG_LIBPNG_VER_STRING, nullptr, nullptr, pngIgnoreWarning);
-  if (writing.png) writing.info = png_create_info_struct(writing.png);
-  if (!writing.info) throw std::bad_alloc();
-  const size_t stride = static_cast<size_t>(width) * channels;
-  for (size_t y = 0; y < static_cast<size_t>(height); ++y) {
-    writing.rowPointers.push_back(const_cast<png_bytep>(samples + y * stride));
-  }
-  if (!pngWriteRows(writing, width, height, colourType)) throw PictureError("a PNG could not be made");
-  return std::move(writing.out);
-}
-
 // ---- PGM -----------------------------------------------------------------------------------------------------------
 
 class PgmReader {
@@ -276,21 +234,19 @@ Picture decodePicture(const std::vector<uint8_t> &bytes, const std::string &name
 Picture readPicture(const std::string &path) { return decodePicture(readFile(path), path); }
 
 std::vector<uint8_t> encodePng(const Picture &picture) {
-  return encodeRows(picture.samples.data(), picture.width, picture.height, 1, PNG_COLOR_TYPE_GRAY);
-}
-
-std::vector<uint8_t> encodePng(const ColourPicture &picture) {
-  static_assert(sizeof(Colour) == 4);
-  const bool opaque = std::all_of(picture.samples.begin(), picture.samples.end(),
-                                  [](const Colour &colour) { return colour.alpha == 255; });
-  if (!opaque) {
-    return encodeRows(reinterpret_cast<const uint8_t *>(picture.samples.data()), picture.width, picture.height, 4,
-                      PNG_COLOR_TYPE_RGB_ALPHA);
+  png_image image{};
+  image.version = PNG_IMAGE_VERSION;
+  image.width = static_cast<uint32_t>(picture.width);
+  image.height = static_cast<uint32_t>(picture.height);
+  image.format = PNG_FORMAT_GRAY;
+  image.flags = PNG_IMAGE_FLAG_FAST;
+  std::vector<uint8_t> bytes(PNG_IMAGE_PNG_SIZE_MAX(image));
+  size_t length = bytes.size();
+  if (!png_image_write_to_memory(&image, bytes.data(), &length, 0, picture.samples.data(), 0, nullptr)) {
+    throw PictureError(std::string("a PNG could not be made (") + image.message + ")");
   }
-  std::vector<uint8_t> samples;
-  samples.reserve(picture.samples.size() * 3);
-  for (const Colour &colour : picture.samples) samples.insert(samples.end(), {colour.red, colour.green, colour.blue});
-  return encodeRows(samples.data(), picture.width, picture.height, 3, PNG_COLOR_TYPE_RGB);
+  bytes.resize(length);
+  return bytes;
 }
 
 std::vector<uint8_t> encodePgm(const Picture &picture) {
@@ -298,10 +254,6 @@ std::vector<uint8_t> encodePgm(const Picture &picture) {
   std::vector<uint8_t> bytes(header.begin(), header.end());
   bytes.insert(bytes.end(), picture.samples.begin(), picture.samples.end());
   return bytes;
-}
-
-void writePicture(const std::string &path, const Picture &picture) {
-  writeFile(path, hasExtension(path, ".pgm") ? encodePgm(picture) : encodePng(picture));
 }
 
 bool hasExtension(const std::string &path, const std::string &extension) {

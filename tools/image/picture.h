@@ -22,6 +22,7 @@ inline constexpr uint32_t kLongestEdge = 8192;
 struct Picture {
   int width = 0;
   int height = 0;
+  int resolution = 0;  // pixels per inch, 0 where the file does not say
   std::vector<uint8_t> samples;
 
   Picture() = default;
@@ -35,41 +36,16 @@ struct Picture {
   }
 };
 
-struct Colour {
-  uint8_t red = 0, green = 0, blue = 0, alpha = 255;
-};
-
-// 8 bits each of red, green, blue and opacity.
-struct ColourPicture {
-  int width = 0;
-  int height = 0;
-  std::vector<Colour> samples;
-
-  ColourPicture() = default;
-  ColourPicture(int columns, int rows, Colour value)
-      : width(columns), height(rows), samples(static_cast<size_t>(columns) * static_cast<size_t>(rows), value) {}
-  Colour &at(int x, int y) {
-    return samples[static_cast<size_t>(y) * static_cast<size_t>(width) + static_cast<size_t>(x)];
-  }
-  const Colour &at(int x, int y) const {
-    return samples[static_cast<size_t>(y) * static_cast<size_t>(width) + static_cast<size_t>(x)];
-  }
-};
-
-// Reads PNG (every kind; colours become their luminance, transparency shows white paper, 16 bits are scaled to 8), PGM (P2
-// and P5, every maxval) or WSQ. The content decides, not the name. Throws PictureError.
+// Reads PNG (every kind; colours become their luminance, transparency shows white paper, 16 bits are scaled to 8), PGM
+// (P2 and P5, every maxval) or WSQ. The content decides, not the name. Throws PictureError.
 Picture readPicture(const std::string &path);
 Picture decodePicture(const std::vector<uint8_t> &bytes, const std::string &name);
 
 // A PNG in memory. Written for speed: light compression.
 std::vector<uint8_t> encodePng(const Picture &picture);
-std::vector<uint8_t> encodePng(const ColourPicture &picture);
 
 // Binary PGM, maxval 255.
 std::vector<uint8_t> encodePgm(const Picture &picture);
-
-// PGM when the name ends in .pgm, else PNG.
-void writePicture(const std::string &path, const Picture &picture);
 
 // Whether the name ends in the extension, letter case aside: hasExtension("A.PNG", ".png").
 bool hasExtension(const std::string &path, const std::string &extension);

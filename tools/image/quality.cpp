@@ -28,8 +28,9 @@ namespace {
 
 namespace fs = std::filesystem;
 
-constexpr const char *kColumns[] = {"path",       "width",  "height",     "quality",
-                                    "foreground", "period", "continuity", "error"};
+constexpr const char *kColumns[] = {"path",   "width",      "height",  "resolution",    "scale",
+                                    "finger", "clarity",    "quality", "qualitySpread", "foreground",
+                                    "period", "continuous", "error"};
 
 void addPath(const std::string &path, std::vector<std::string> &out) {
   std::error_code error;
@@ -86,13 +87,7 @@ Line measure(const std::string &path, bool csv) {
   record["path"] = path;
   try {
     const Analysis analysis = analyse(readPicture(path), path);
-    const Numbers &numbers = analysis.numbers;
-    record["width"] = analysis.width;
-    record["height"] = analysis.height;
-    record["quality"] = std::round(numbers.quality * 100) / 100;
-    record["foreground"] = std::round(numbers.foreground * 10000) / 10000;
-    if (numbers.period > 0) record["period"] = numbers.period;
-    record["continuity"] = numbers.continuous;
+    record.update(mainNumbers(analysis));
   } catch (const std::bad_alloc &) {
     record["error"] = "memory is exhausted";
   } catch (const std::exception &error) {

@@ -1,91 +1,87 @@
 // SPDX-License-Identifier: Apache-2.0
-#include "tools/image/sheet.h"
-
 #include <algorithm>
-#include <filesystem>
-#include <functional>
 
-#include "tools/image/font.h"
-#include "tools/image/panels.h"
+#include "tools/image/page.h"
 
 namespace kelm::tools {
 namespace {
 
-constexpr int kPanelWidth = 420;  // about; prints are enlarged or reduced by whole factors
-constexpr int kText = 2;
-constexpr int kLine = (kGlyphHeight + 3) * kText;
-constexpr int kGap = 28;
-constexpr int kHeader = 2 * kGap + 2 * kLine;
+constexpr double kColumn = 400;   // points
+constexpr double kTallest = 640;  // a panel at most
+constexpr double kGap = 28;
+constexpr double kTitle = 24;
+constexpr double kHeader = 92;
+constexpr double kScale = 1.25;  // pixels of a PNG to a point
+constexpr int kColumns = 4;
 
-struct Panel {
-  const char *title;
-  std::function<ColourPicture()> paint;
-  const Legend *legend;
-};
-
-std::string summary(const Analysis &analysis) {
-  const Numbers &numbers = analysis.numbers;
-  return std::to_string(analysis.width) + " x " + std::to_string(analysis.height) +
-         (analysis.scale == 1 ? " pixels   quality " : " pixels, doubled   quality ") +
-         fixedNumber(numbers.quality, 0) + " +- " + fixedNumber(numbers.qualitySpread, 0) + "   foreground " +
-         fixedNumber(100 * numbers.foreground, 0) + " %   ridge period " +
-         (numbers.period > 0 ? fixedNumber(numbers.period, 1) + " pixels" : "unknown") +
-         (numbers.continuous ? "   continuous" : "   not continuous");
+// Draws something with its upper left corner at (x, y) and leaves the state as it was.
+template <typename Draw>
+void at(cairo_t *cairo, double x, double y, Draw draw) {
+  cairo_save(cairo);
+  cairo_translate(cairo, x, y);
+  draw();
+  cairo_restore(cairo);
 }
 
-// The text, with its end left out where it would not fit.
-std::string fitted(std::string text, int scale, int width) {
-  if (textWidth(text, scale) <= width) return text;
-  while (!text.empty() && textWidth(text + "...", scale) > width) text.pop_back();
-  return text + "...";
+void drawNumbers(cairo_t *cairo, const Page &page) {
+  double y = 0;
+  for (const auto &[what, value] : page.numbers) {
+    fillBox(cairo, 0, y, kColumn, 0.75, kPale);
+    drawText(cairo, 0, y + 4, what, {.colour = kQuiet});
+    drawText(cairo, kColumn, y + 4, value, {.anchor = 1});
+    y += kTitle;
+  }
 }
 
 }  // namespace
 
-ColourPicture paintSheet(const Analysis &analysis, const std::string &name) {
-  const double zoom = zoomFor(analysis.print, kPanelWidth);
-  const auto withPrint = [&](double fade, const std::function<void(ColourPicture &)> &draw) {
-    return [&analysis, zoom, fade, draw] {
-      ColourPicture canvas = paintPrint(analysis.print, zoom, fade);
-      draw(canvas);
-      return canvas;
-    };
+std::vector<uint8_t> pageAsSheet(const Page &page, Format format) {
+  const Picture &picture = page.analysis->picture;
+  const double zoom = std::min(kColumn / picture.width, kTallest / picture.height);
+  const double shownWidth = zoom * picture.width, shownHeight = zoom * picture.height;
+  const double numbersHeight = kTitle * static_cast<double>(page.numbers.size());
+  const double row = std::max(kTitle + std::max(shownHeight, 240.0) + 8 + kLegendHeight, numbersHeight + kTitle) + 16;
+  const double width = kColumns * kColumn + (kColumns + 1) * kGap;
+  const double height = kHeader + 2 * row + kGap;
+  int place = 0;
+  const auto panel = [&](cairo_t *cairo, const std::string &title, const auto &draw) {
+    at(cairo, kGap + (place % kColumns) * (kColumn + kGap), kHeader + (place / kColumns) * row, [&] {
+      drawText(cairo, 0, 0, title, {.size = 14, .bold = true});
+      at(cairo, 0, kTitle, draw);
+    });
+    ++place;
   };
-  const ColourPicture plain = paintPrint(analysis.print, zoom, 0);
-  const int width = std::max(plain.width, 360);
-  const int height = plain.height;
-  const Legend period = periodLegend(analysis.scale);
-  const Panel panels[] = {
-      {"Print", [&] { return plain; }, nullptr},
-      {"Foreground", withPrint(0.35, [&](ColourPicture &canvas) { paintOutline(canvas, analysis, zoom); }), nullptr},
-      {"Orientation",
-       withPrint(
-           0.65,
-           [&](ColourPicture &canvas) { paintDirections(canvas, analysis, analysis.orientation.direction8, zoom); }),
-       &kTurnLegend},
-      {"Ridge period", withPrint(0.8, [&](ColourPicture &canvas) { paintPeriods(canvas, analysis, zoom, 255); }),
-       &period},
-      {"Block quality", withPrint(0.8, [&](ColourPicture &canvas) { paintGrades(canvas, analysis, zoom, 255); }),
-       &kGradeLegend},
-      {"Gradients and thresholds", [&] { return paintHistogram(analysis, width, height, kText); }, nullptr},
+  const auto overPrint = [&](cairo_t *cairo, double fade, const auto &draw) {
+    cairo_save(cairo);
+    cairo_scale(cairo, zoom, zoom);
+    cairo_rectangle(cairo, 0, 0, picture.width, picture.height);
+    cairo_clip(cairo);
+    paintSurface(cairo, surfaceOf(picture, fade).get(), 1, true);
+    draw();
+    cairo_restore(cairo);
+    // A frame shows where white paper ends.
+    setColour(cairo, kPale);
+    cairo_set_line_width(cairo, 1);
+    cairo_rectangle(cairo, 0.5, 0.5, shownWidth - 1, shownHeight - 1);
+    cairo_stroke(cairo);
   };
-  const int panelHeight = kLine + height + kLegendLines * kLine;
-  ColourPicture sheet(3 * width + 4 * kGap, kHeader + 2 * (panelHeight + kGap / 2), kWhite);
-  const int room = sheet.width - 2 * kGap;
-  drawText(sheet, kGap, kGap, fitted(std::filesystem::path(name).filename().string(), kText + 1, room), kText + 1,
-           kBlack);
-  drawText(sheet, kGap, kGap + kLine + 14, fitted(summary(analysis), kText, room), kText, kBlack);
-  for (size_t i = 0; i < std::size(panels); ++i) {
-    const int x = kGap + static_cast<int>(i % 3) * (width + kGap);
-    const int y = kHeader + static_cast<int>(i / 3) * (panelHeight + kGap / 2);
-    drawText(sheet, x, y, panels[i].title, kText, kBlack);
-    const ColourPicture picture = panels[i].paint();
-    for (int row = 0; row < picture.height; ++row) {
-      std::copy_n(&picture.at(0, row), picture.width, &sheet.at(x, y + kLine + row));
+  return drawn(format, width, height, kScale, [&](cairo_t *cairo) {
+    fillBox(cairo, 0, 0, width, height, {255, 255, 255});
+    drawText(cairo, kGap, kGap - 4, page.title, {.size = 20, .bold = true, .room = width - 2 * kGap});
+    drawText(cairo, kGap, kGap + 26, page.summary, {.size = 14, .room = width - 2 * kGap});
+    panel(cairo, "Print", [&] { overPrint(cairo, 0, [] {}); });
+    for (const Panel &shown : page.panels) {
+      if (!shown.onSheet) continue;
+      panel(cairo, shown.title, [&] {
+        overPrint(cairo, shown.fade, [&] { shown.draw(cairo); });
+        if (!shown.legend) return;
+        at(cairo, 0, shownHeight + 8, [&] { drawLegend(cairo, shownWidth, *shown.legend); });
+      });
     }
-    if (panels[i].legend) paintLegend(sheet, x, y + kLine + height + 6, width, kText, *panels[i].legend);
-  }
-  return sheet;
+    panel(cairo, "Gradients and thresholds",
+          [&] { drawHistogram(cairo, *page.analysis, kColumn, std::clamp(shownHeight, 240.0, kColumn)); });
+    panel(cairo, "Numbers", [&] { drawNumbers(cairo, page); });
+  });
 }
 
 }  // namespace kelm::tools

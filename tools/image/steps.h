@@ -2,27 +2,25 @@
 // The single steps of the toolkit as commands: a picture in, a picture or raw numbers out.
 #pragma once
 
+#include <CLI/CLI.hpp>
+#include <functional>
 #include <string>
 #include <vector>
 
-#include "tools/image/picture.h"
+#include "tools/image/maps.h"
 
 namespace kelm::tools {
 
-struct StepSettings {
-  int window = 9;        // orientation, gradients, segment: smoothing window in pixels of the half-size picture
-  int blockSize = 8;     // orientation: 8 or 16
-  int targetMean = 127;  // normalize
-  int targetVariance = 4000;
-  bool smooth = false;  // histogram
-};
+// Hands the step's map to `use`; `name` is the picture's, for messages.
+using RunStep =
+    std::function<void(const Picture &picture, const std::string &name, const std::function<void(const Map &)> &use)>;
 
 struct Step {
   const char *name;
+  const char *alias;  // an older name that still works; null for none
   const char *help;
-  // The bytes of the file: .npy when `raw`, otherwise a PNG.
-  std::vector<uint8_t> (*run)(const Picture &picture, const StepSettings &settings, bool raw);
-  bool anySize;  // works on pictures below kSmallestEdge as well
+  // Adds the step's own options to its command and answers what to run with them once they are read.
+  RunStep (*prepare)(CLI::App &command);
 };
 
 const std::vector<Step> &steps();

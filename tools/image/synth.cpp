@@ -12,7 +12,6 @@ namespace kelm::tools {
 namespace {
 
 // ---- The plan of a print: where it lies and how its ridges run
-// -------------------------------------------------------
 
 struct Point {
   double x, y;
@@ -111,7 +110,6 @@ double insideAt(const Plan &plan, double x, double y) {
 }
 
 // ---- Growth of the ridges
-// --------------------------------------------------------------------------------------------
 
 constexpr int kOrientations = 64;
 constexpr int kPeriods = 9;
@@ -285,7 +283,6 @@ class Growth {
 };
 
 // ---- From ridges to a picture
-// ----------------------------------------------------------------------------------------
 
 // Values from -128 to 127 that change over `grain` pixels or so.
 std::vector<int16_t> patches(int width, int height, int grain, Random &random) {
@@ -368,6 +365,19 @@ Picture print(const Plan &plan, const Growth &growth, int noise, Random &random)
   return soften(ink, width, height);
 }
 
+// Wipes out a band across the middle third, as a fold in the skin or a jump of the sensor leaves it.
+void wipe(const SynthSettings &settings, SynthPrint &print) {
+  if (settings.gap == 0) return;
+  Random random(settings.seed ^ 0x676170u);  // apart, so that the rest of the print is the same without a gap
+  const int height = std::min(settings.gap, settings.height);
+  const double middle = settings.height * random.between(0.4, 0.6);
+  const int top = std::clamp(static_cast<int>(middle) - height / 2, 0, settings.height - height);
+  const auto first = static_cast<ptrdiff_t>(top) * settings.width;
+  const auto count = static_cast<ptrdiff_t>(height) * settings.width;
+  std::fill_n(print.picture.samples.begin() + first, count, uint8_t{255});
+  std::fill_n(print.period.begin() + first, count, 0.0f);
+}
+
 }  // namespace
 
 SynthPrint synthesise(const SynthSettings &settings) {
@@ -388,15 +398,19 @@ SynthPrint synthesise(const SynthSettings &settings) {
   Growth growth(plan, out, random);
   growth.run();
   out.picture = print(plan, growth, settings.noise, random);
+  out.picture.resolution = 500;
+  wipe(settings, out);
   return out;
 }
 
-std::string truthAsJson(const SynthSettings &settings, const SynthPrint &print) {
+nlohmann::ordered_json truthOf(const SynthSettings &settings, const SynthPrint &print) {
   constexpr int kBlock = 8;
   nlohmann::ordered_json truth = {{"class", kPrintClasses[static_cast<size_t>(settings.printClass)]},
                                   {"seed", settings.seed},
                                   {"width", settings.width},
                                   {"height", settings.height},
+                                  {"noise", settings.noise},
+                                  {"gap", settings.gap},
                                   {"blockSize", kBlock},
                                   {"rows", settings.height / kBlock},
                                   {"cols", settings.width / kBlock}};
@@ -421,7 +435,7 @@ std::string truthAsJson(const SynthSettings &settings, const SynthPrint &print) 
   }
   truth["orientation"] = orientations;
   truth["period"] = periods;
-  return truth.dump() + "\n";
+  return truth;
 }
 
 }  // namespace kelm::tools

@@ -9,7 +9,7 @@
 
 #include <array>
 #include <cstdint>
-#include <string>
+#include <nlohmann/json_fwd.hpp>
 #include <vector>
 
 #include "tools/image/picture.h"
@@ -26,6 +26,7 @@ struct SynthSettings {
   int width = 416;  // 64 to 2048 pixels, like the height
   int height = 560;
   int noise = 20;  // per cent: 0 is a clean print, 100 a very poor one
+  int gap = 0;     // height of a band of paper across the print, pixels
 };
 
 struct SynthPrint {
@@ -39,8 +40,9 @@ struct SynthPrint {
 // The same settings give the same samples on every machine.
 SynthPrint synthesise(const SynthSettings &settings);
 
-// The truth in blocks of 8 x 8 pixels, as JSON: class, seed, width, height, blockSize, rows, cols, and row by row
-// `orientation` (degrees, -90 to 90) and `period` (pixels) at the blocks' centres, null outside the finger.
-std::string truthAsJson(const SynthSettings &settings, const SynthPrint &print);
+// The truth in blocks of 8 x 8 pixels: class, seed, width, height, noise, gap, blockSize, rows, cols, and row by row
+// `orientation` (degrees, -90 to 90) and `period` (pixels) at the blocks' centres, null outside the finger and in the
+// gap.
+nlohmann::ordered_json truthOf(const SynthSettings &settings, const SynthPrint &print);
 
 }  // namespace kelm::tools

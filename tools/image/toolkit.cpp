@@ -18,12 +18,6 @@ struct Freer {
 template <typename Sample>
 using Owned = std::unique_ptr<Sample[], Freer>;
 
-// The toolkit's results: 1 is exhausted memory, 2 an argument it refuses.
-void check(uint32_t result, const char *step) {
-  if (result == 1) throw std::bad_alloc();
-  if (result != 0) throw PictureError(std::string(step) + ": the toolkit refuses this picture");
-}
-
 uint16_t u16(int value) { return static_cast<uint16_t>(value); }
 int16_t s16(int value) { return static_cast<int16_t>(value); }
 
@@ -48,65 +42,35 @@ Picture upsideDown(const Picture &picture, int rows) {
   return out;
 }
 
-// The picture with its outermost pixels repeated, so that the morphology does not eat into a print that fills it.
+}  // namespace
+
+void check(uint32_t result, const char *step) {
+  if (result == 1) throw std::bad_alloc();
+  if (result != 0) throw PictureError(std::string(step) + ": the toolkit refuses this picture");
+}
+
 Picture framed(const Picture &picture, int frame) {
   Picture out(picture.width + 2 * frame, picture.height + 2 * frame);
   for (int y = 0; y < out.height; ++y) {
-    for (int x = 0; x < out.width; ++x) {
-      out.at(x, y) =
-          picture.at(std::clamp(x - frame, 0, picture.width - 1), std::clamp(y - frame, 0, picture.height - 1));
-    }
+    const uint8_t *from = &picture.samples[static_cast<size_t>(std::clamp(y - frame, 0, picture.height - 1)) *
+                                           static_cast<size_t>(picture.width)];
+    uint8_t *to = &out.samples[static_cast<size_t>(y) * static_cast<size_t>(out.width)];
+    std::fill_n(to, frame, from[0]);
+    std::copy_n(from, picture.width, to + frame);
+    std::fill_n(to + frame + picture.width, frame, from[picture.width - 1]);
   }
   return out;
 }
 
-Picture unframed(const Picture &picture, int frame) {
-  Picture out(picture.width - 2 * frame, picture.height - 2 * frame);
-  for (int y = 0; y < out.height; ++y) {
-    for (int x = 0; x < out.width; ++x) out.at(x, y) = picture.at(x + frame, y + frame);
+Picture part(const Picture &picture, int left, int top, int width, int height) {
+  Picture out(width, height);
+  for (int y = 0; y < height; ++y) {
+    std::copy_n(
+        &picture.samples[static_cast<size_t>(top + y) * static_cast<size_t>(picture.width) + static_cast<size_t>(left)],
+        width, &out.samples[static_cast<size_t>(y) * static_cast<size_t>(width)]);
   }
   return out;
 }
-
-void clearFrame(Picture &picture, int frame) {
-  for (int y = 0; y < picture.height; ++y) {
-    for (int x = 0; x < picture.width; ++x) {
-      const bool inside = x >= frame && y >= frame && x < picture.width - frame && y < picture.height - frame;
-      if (!inside) picture.at(x, y) = 0;
-    }
-  }
-}
-
-// Closes gaps the width of a ridge, smooths the outline, and drops specks and holes.
-Picture cleaned(const Picture &mask) {
-  constexpr int kFrame = 8;
-  Picture canvas = framed(mask, kFrame);
-  uint8_t *samples = canvas.samples.data();
-  const int16_t height = s16(canvas.height);
-  const int16_t width = s16(canvas.width);
-  check(static_cast<uint32_t>(MY_BWDilateFastUint16(samples, height, width, 9, 9)), "dilation");
-  check(static_cast<uint32_t>(MY_BWErodeFastUint16(samples, height, width, 9, 9)), "erosion");
-  check(static_cast<uint32_t>(BErode(samples, height, width)), "erosion");
-  check(static_cast<uint32_t>(BDilate(samples, height, width)), "dilation");
-  clearFrame(canvas, kFrame);
-  // The frame is larger than a hole may be, so that paper at the picture's edge is not taken for one.
-  const int16_t speck = s16(std::min<int>(static_cast<int>(mask.samples.size() / 40), 16000));
-  check(static_cast<uint32_t>(RemoveSmallArea(samples, height, width, 255, 0, speck)), "small areas");
-  check(static_cast<uint32_t>(RemoveSmallArea(samples, height, width, 0, 255, speck)), "small holes");
-  return unframed(canvas, kFrame);
-}
-
-float complexityOf(const Picture &mask) {
-  const float complexity = Complexity(mask.samples.data(), s16(mask.height), s16(mask.width), 255);
-  return std::isfinite(complexity) ? complexity : 0;
-}
-
-double shareOf(const Picture &mask) {
-  return static_cast<double>(std::count(mask.samples.begin(), mask.samples.end(), 255)) /
-         static_cast<double>(mask.samples.size());
-}
-
-}  // namespace
 
 void requireAnalysable(const Picture &picture, const std::string &name) {
   if (picture.width >= kSmallestEdge && picture.height >= kSmallestEdge) return;
@@ -132,13 +96,13 @@ Picture enlarged(const Picture &picture) {
   return pictureOf(out.get(), width, height);
 }
 
-Orientation orientationOf(const Picture &print, const Picture &half, int window) {
+Orientation orientationOf(const Picture &half, int fullWidth, int fullHeight, int window) {
   int32_t *products = nullptr;
   int32_t *differences = nullptr;
   FingerprintBlockField direction8{}, change{}, direction16{};
   const int32_t result = FingerprintGetDirectionFloat(half.samples.data(), u16(half.height), u16(half.width),
-                                                      u16(print.height), u16(print.width), static_cast<uint8_t>(window),
-                                                      0, &products, &differences, &direction8, &change, &direction16);
+                                                      u16(fullHeight), u16(fullWidth), static_cast<uint8_t>(window), 0,
+                                                      &products, &differences, &direction8, &change, &direction16);
   const Owned<int32_t> ownedProducts(products), ownedDifferences(differences);
   const Owned<int16_t> owned8(direction8.data), ownedChange(change.data), owned16(direction16.data);
   check(static_cast<uint32_t>(result), "orientation");
@@ -147,6 +111,11 @@ Orientation orientationOf(const Picture &print, const Picture &half, int window)
   };
   return {gridOf(products, 2, half.height, half.width), gridOf(differences, 2, half.height, half.width),
           fieldOf(direction8), fieldOf(change), fieldOf(direction16)};
+}
+
+Products productsOf(const Picture &half) {
+  const Orientation orientation = orientationOf(half, u16(2 * half.width), u16(2 * half.height), 1);
+  return {orientation.products, orientation.differences};
 }
 
 Picture gradientOf(const Orientation &orientation, int window) {
@@ -199,16 +168,8 @@ Grid<uint8_t> periodsOf(const Picture &print, const Grid<int16_t> &direction8) {
 }
 
 Grid<uint8_t> gradesOf(const Picture &print) {
-  // A width that is a multiple of the block's keeps every grade in its own block.
-  const int width = print.width / 16 * 16;
-  const int height = print.height / 16 * 16;
-  Picture whole(width, height);
-  for (int y = 0; y < height; ++y) {
-    std::copy_n(&print.samples[static_cast<size_t>(y) * static_cast<size_t>(print.width)], width,
-                &whole.samples[static_cast<size_t>(y) * static_cast<size_t>(width)]);
-  }
   BlockQualityMap map{};
-  const uint32_t result = ImageBlkQuality(&map, whole.samples.data(), s16(height), s16(width), 0);
+  const uint32_t result = ImageBlkQuality(&map, print.samples.data(), s16(print.height), s16(print.width), 0);
   const Owned<uint8_t> owned(map.grades);
   check(result, "block quality");
   return gridOf(map.grades, 16, map.rows, map.cols);
@@ -245,21 +206,16 @@ Counters smoothedHistogram(const Counters &counters) {
   return out;
 }
 
-Segmentation segment(const Picture &gradient) {
-  constexpr double kSmallestShare = 0.25;
-  Segmentation out;
+Thresholds thresholdsOf(const Picture &gradient) {
   Picture shape = gradient;
   Picture mode = gradient;
-  out.shapeThreshold = FpThresholdingGradsImage(shape.samples.data(), s16(shape.height), s16(shape.width));
-  out.modeThreshold = FpThresholdingGradsImageEx(mode.samples.data(), s16(mode.height), s16(mode.width));
-  // The stricter one, unless it leaves hardly anything: smudges, where no direction can be trusted, lie between the
-  // two.
-  const bool modeStricter = out.modeThreshold > out.shapeThreshold;
-  out.modeChosen = shareOf(modeStricter ? mode : shape) >= kSmallestShare ? modeStricter : !modeStricter;
-  out.raw = out.modeChosen ? mode : shape;
-  out.mask = cleaned(out.raw);
-  out.complexity = complexityOf(out.mask);
-  return out;
+  return {FpThresholdingGradsImage(shape.samples.data(), s16(shape.height), s16(shape.width)),
+          FpThresholdingGradsImageEx(mode.samples.data(), s16(mode.height), s16(mode.width))};
+}
+
+float complexityOf(const Picture &mask) {
+  const float complexity = Complexity(mask.samples.data(), s16(mask.height), s16(mask.width), 255);
+  return std::isfinite(complexity) ? complexity : 0;
 }
 
 bool continuous(const Picture &print, int level) {

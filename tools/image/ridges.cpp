@@ -1,0 +1,268 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "tools/image/ridges.h"
+
+#include <kelmtrova/image.h>
+
+#include <algorithm>
+#include <array>
+#include <cmath>
+#include <cstdlib>
+
+namespace kelm::tools {
+namespace {
+
+constexpr int kCoherenceWindow = 13;  // three ridges of a 500 dpi print at half size
+constexpr int kStrengthWindow = 5;
+
+Grid<int32_t> boxSum(const Grid<int32_t> &grid, int window) {
+  Grid<int32_t> out = grid;
+  check(static_cast<uint32_t>(fvs_ImageLocalSumInt2Int(out.data.data(), grid.data.data(),
+                                                       static_cast<int16_t>(grid.rows), static_cast<int16_t>(grid.cols),
+                                                       static_cast<uint8_t>(window), static_cast<uint8_t>(window))),
+        "local sums");
+  return out;
+}
+
+float lengthOf(int32_t x, int32_t y) {
+  const auto fx = static_cast<float>(x), fy = static_cast<float>(y);
+  return std::sqrt(fx * fx + fy * fy);
+}
+
+// Morphology on a canvas whose outermost pixels are the mask's, repeated, so that a print that fills its picture is not
+// eaten from outside and one that does not is not joined to the edge.
+class Canvas {
+ public:
+  explicit Canvas(const Picture &mask) : canvas(framed(mask, kFrame)) {}
+
+  void erode(int size) {
+    check(static_cast<uint32_t>(MY_BWErodeFastUint16(canvas.samples.data(), height(), width(),
+                                                     static_cast<uint8_t>(size), static_cast<uint8_t>(size))),
+          "erosion");
+  }
+  void dilate(int size) {
+    invert();
+    erode(size);
+    invert();
+  }
+  void close(int size) {
+    dilate(size);
+    erode(size);
+  }
+  void open(int size) {
+    erode(size);
+    dilate(size);
+  }
+  void removeAreas(uint8_t value, size_t largest) {
+    const auto limit = static_cast<int16_t>(std::min<size_t>(largest, 32000));
+    check(static_cast<uint32_t>(RemoveSmallArea(canvas.samples.data(), height(), width(), value,
+                                                static_cast<uint8_t>(255 - value), limit)),
+          "small areas");
+  }
+  Picture mask() const { return part(canvas, kFrame, kFrame, canvas.width - 2 * kFrame, canvas.height - 2 * kFrame); }
+
+ private:
+  static constexpr int kFrame = 24;  // more than the largest window reaches
+  void invert() {
+    for (uint8_t &sample : canvas.samples) sample = static_cast<uint8_t>(255 - sample);
+  }
+  int16_t height() const { return static_cast<int16_t>(canvas.height); }
+  int16_t width() const { return static_cast<int16_t>(canvas.width); }
+
+  Picture canvas;
+};
+
+// The mean gradient energy of a picture, without its border.
+double energyOf(const Picture &picture) {
+  uint64_t sum = 0;
+  for (int y = 1; y + 1 < picture.height; ++y) {
+    const uint8_t *row = &picture.samples[static_cast<size_t>(y) * static_cast<size_t>(picture.width)];
+    uint32_t rowSum = 0;
+    for (int x = 1; x + 1 < picture.width; ++x) {
+      const int gx = row[x + 1] - row[x - 1];
+      const int gy = row[x + picture.width] - row[x - picture.width];
+      rowSum += static_cast<uint32_t>(gx * gx + gy * gy);
+    }
+    sum += rowSum;
+  }
+  return static_cast<double>(sum) / (static_cast<double>(picture.width - 2) * (picture.height - 2));
+}
+
+// The mean length of the summed products: gradient energy in which noise hardly counts.
+double directedEnergyOf(const Picture &half) {
+  const Products products = productsOf(half);
+  const Grid<int32_t> p = boxSum(products.products, kCoherenceWindow);
+  const Grid<int32_t> d = boxSum(products.differences, kCoherenceWindow);
+  double sum = 0;
+  for (size_t i = 0; i < p.data.size(); ++i) sum += lengthOf(p.data[i], d.data[i]);
+  return sum / static_cast<double>(p.data.size());
+}
+
+// Sums over windows of a grid in constant time for each.
+class Integral {
+ public:
+  Integral(int rowCount, int colCount) : rows(rowCount), cols(colCount), sums(size_t(rows + 1) * size_t(cols + 1)) {}
+
+  template <typename ValueAt>
+  void fill(ValueAt valueAt) {
+    for (int row = 0; row < rows; ++row) {
+      uint32_t line = 0;
+      for (int col = 0; col < cols; ++col) {
+        line += valueAt(col, row);
+        sums[index(col + 1, row + 1)] = sums[index(col + 1, row)] + line;
+      }
+    }
+  }
+  uint32_t around(int col, int row, int reach) const {
+    const int left = std::max(0, col - reach), right = std::min(cols, col + reach + 1);
+    const int top = std::max(0, row - reach), bottom = std::min(rows, row + reach + 1);
+    return sums[index(right, bottom)] - sums[index(left, bottom)] - sums[index(right, top)] + sums[index(left, top)];
+  }
+
+ private:
+  size_t index(int col, int row) const {
+    return static_cast<size_t>(row) * static_cast<size_t>(cols + 1) + static_cast<size_t>(col);
+  }
+  int rows, cols;
+  std::vector<uint32_t> sums;
+};
+
+}  // namespace
+
+Coherence coherenceOf(const Picture &half) {
+  const Products raw = productsOf(half);
+  Grid<int32_t> lengths = raw.products;
+  for (size_t i = 0; i < lengths.data.size(); ++i) {
+    lengths.data[i] = static_cast<int32_t>(lengthOf(raw.products.data[i], raw.differences.data[i]));
+  }
+  const Grid<int32_t> products = boxSum(raw.products, kCoherenceWindow);
+  const Grid<int32_t> differences = boxSum(raw.differences, kCoherenceWindow);
+  const Grid<int32_t> all = boxSum(lengths, kCoherenceWindow);
+  Coherence out{{2, half.height, half.width, std::vector<float>(all.data.size())}, boxSum(lengths, kStrengthWindow)};
+  for (size_t i = 0; i < all.data.size(); ++i) {
+    out.share.data[i] = lengthOf(products.data[i], differences.data[i]) / static_cast<float>(all.data[i] + 1);
+  }
+  return out;
+}
+
+Picture foregroundOf(const Coherence &coherence) {
+  constexpr float kCoherent = 0.33f;  // exceeded by one window in a hundred of white noise
+  constexpr double kWeak = 0.05;      // of the energy of the stronger ridges: a quarter of their contrast
+  // Where gradients of one grey level in a direction add up over the window: less than that is the sensor's rounding.
+  constexpr int32_t kFloor = kStrengthWindow * kStrengthWindow * 8 * 8 * 8;
+  const std::vector<float> &share = coherence.share.data;
+  const std::vector<int32_t> &strength = coherence.strength.data;
+  std::vector<int32_t> strengths;
+  for (size_t i = 0; i < share.size(); i += 3) {
+    if (share[i] > kCoherent && strength[i] > kFloor) strengths.push_back(strength[i]);
+  }
+  Picture mask(coherence.share.cols, coherence.share.rows);
+  if (strengths.empty()) return mask;
+  const auto strong = strengths.begin() + static_cast<ptrdiff_t>(strengths.size() * 3 / 4);
+  std::nth_element(strengths.begin(), strong, strengths.end());
+  const auto weakest = std::max(static_cast<int32_t>(kWeak * *strong), kFloor);
+  for (size_t i = 0; i < share.size(); ++i) mask.samples[i] = strength[i] > weakest ? 255 : 0;
+  Canvas inked(mask);
+  inked.close(9);
+  mask = inked.mask();
+  for (size_t i = 0; i < share.size(); ++i) mask.samples[i] = share[i] > kCoherent ? mask.samples[i] : 0;
+  Canvas finger(mask);
+  finger.close(13);
+  finger.erode(3);
+  finger.open(13);
+  finger.removeAreas(255, mask.samples.size() / 40);
+  finger.removeAreas(0, mask.samples.size() / 40);
+  return finger.mask();
+}
+
+Periods smoothedPeriods(const Grid<uint8_t> &periods, const Picture &mask) {
+  constexpr int kReach = 3;
+  const Grid<uint8_t> &map = periods;
+  const auto inside = [&](int col, int row) {
+    // The cell's middle, in pixels of the half-size picture.
+    return mask.at(std::min(2 * col + 1, mask.width - 1), std::min(2 * row + 1, mask.height - 1)) != 0;
+  };
+  std::vector<uint8_t> valid;
+  for (int row = 0; row < map.rows; ++row) {
+    for (int col = 0; col < map.cols; ++col) {
+      if (map.at(col, row) != kNoPeriod && inside(col, row)) valid.push_back(map.at(col, row));
+    }
+  }
+  Periods out{{map.cell, map.rows, map.cols, std::vector<uint8_t>(map.data.size(), kNoPeriod)},
+              {map.cell, map.rows, map.cols, std::vector<float>(map.data.size())}};
+  if (valid.empty()) return out;
+  const auto middle = valid.begin() + static_cast<ptrdiff_t>(valid.size() / 2);
+  std::nth_element(valid.begin(), middle, valid.end());
+  // First what is of the order of the print's median, then what is near the mean of its surroundings.
+  std::vector<float> expected(map.data.size(), *middle);
+  float tolerance = 0.6f;
+  Integral sums(map.rows, map.cols), counts(map.rows, map.cols), cells(map.rows, map.cols);
+  cells.fill([&](int col, int row) { return inside(col, row) ? 1u : 0u; });
+  for (int pass = 0; pass < 3; ++pass) {
+    const auto agrees = [&](int col, int row) {
+      const size_t i = static_cast<size_t>(row) * static_cast<size_t>(map.cols) + static_cast<size_t>(col);
+      const float period = map.data[i];
+      return map.data[i] != kNoPeriod && inside(col, row) && std::abs(period - expected[i]) <= tolerance * expected[i];
+    };
+    counts.fill([&](int col, int row) { return agrees(col, row) ? 1u : 0u; });
+    sums.fill([&](int col, int row) { return agrees(col, row) ? uint32_t{map.at(col, row)} : 0u; });
+    for (int row = 0; row < map.rows; ++row) {
+      for (int col = 0; col < map.cols; ++col) {
+        const size_t i = static_cast<size_t>(row) * static_cast<size_t>(map.cols) + static_cast<size_t>(col);
+        const uint32_t count = counts.around(col, row, kReach);
+        if (count > 0) expected[i] = static_cast<float>(sums.around(col, row, kReach)) / static_cast<float>(count);
+        if (pass < 2 || !inside(col, row) || count == 0) continue;
+        out.smoothed.data[i] = static_cast<uint8_t>(std::lround(std::min(expected[i], 254.0f)));
+        out.agreement.data[i] = static_cast<float>(count) / static_cast<float>(cells.around(col, row, kReach));
+      }
+    }
+    tolerance = 0.25f;
+  }
+  return out;
+}
+
+Grid<uint8_t> clarityOf(const Coherence &coherence, const Periods &periods) {
+  // The coherence and agreement of noise count as nothing; those of the best prints as all.
+  constexpr float kNoise = 0.2f, kClear = 0.9f;
+  constexpr float kChance = 0.3f, kAgreed = 0.9f;
+  Grid<uint8_t> out{8, coherence.share.rows / 4, coherence.share.cols / 4, {}};
+  for (int row = 0; row < out.rows; ++row) {
+    for (int col = 0; col < out.cols; ++col) {
+      const float direction = (coherence.share.at(4 * col + 2, 4 * row + 2) - kNoise) / (kClear - kNoise);
+      const float period = (periods.agreement.at(2 * col + 1, 2 * row + 1) - kChance) / (kAgreed - kChance);
+      const float clarity = 100 * std::clamp(direction, 0.0f, 1.0f) * std::clamp(period, 0.0f, 1.0f);
+      out.data.push_back(static_cast<uint8_t>(std::lround(clarity)));
+    }
+  }
+  return out;
+}
+
+void straightenDirections(Grid<int16_t> &directions, double period) {
+  constexpr double kDegree = 0.017453292519943295;
+  constexpr double kShortest = 3.2;  // the formula has a pole at 2
+  // Sobel's derivatives of a wave of k per pixel are to each other as the tangents of half its components.
+  const double k = 360 * kDegree / std::max(period, kShortest);
+  const auto seen = [&](double angle) {
+    return std::atan2(std::tan(k / 2 * std::sin(angle)), std::tan(k / 2 * std::cos(angle)));
+  };
+  std::array<int16_t, 181> straight;
+  for (int degrees = -90; degrees <= 90; ++degrees) {
+    // The toolkit cuts fractions off.
+    const double measured = (degrees + (degrees > 0) * 0.5 - (degrees < 0) * 0.5) * kDegree;
+    double angle = measured;
+    for (int i = 0; i < 8; ++i) angle += measured - seen(angle);
+    straight[static_cast<size_t>(degrees + 90)] =
+        static_cast<int16_t>(std::clamp<long>(std::lround(angle / kDegree), -90, 90));
+  }
+  for (int16_t &direction : directions.data) direction = straight[static_cast<size_t>(direction + 90)];
+}
+
+bool narrowRidges(const Picture &picture, const Picture &half) {
+  // Slopes double when a picture is halved, unless the ridges are lost: squared, 4 for wide ridges, 1 at 7 pixels, near
+  // 0 at 4. Noise, which halving weakens as well, is left out by the second look.
+  constexpr double kSure = 1.0;
+  constexpr double kNarrow = 0.7;
+  if (energyOf(half) > kSure * energyOf(picture)) return false;
+  return directedEnergyOf(half) < kNarrow * directedEnergyOf(picture);
+}
+
+}  // namespace kelm::tools
