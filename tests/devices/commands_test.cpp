@@ -28,6 +28,54 @@ TEST(SimulatedToken, KeepsFiles) {
            "00 B0 00 00 00 = 6986; 00 E4 00 00 02 00 20 = 6985; 00 A4 00 00 02 3F 00 = 9000; 00 B0 00 00 00 = 6986");
 }
 
+// What clients of smart cards send that the host does not.
+TEST(SimulatedToken, AnswersClientsOfSmartCards) {
+  converse(Device(),
+           "00 A4 00 0C 02 00 20 = 9000; 00 B0 00 00 00 = 00 05 00 00 00 00 00 00 9000; 00 A4 00 0C = 9000; "
+           "00 B0 00 00 00 = 6986; 00 A4 00 00 02 00 20 00 = 6F 0E 80 02 00 08 82 01 01 83 02 00 20 8A 01 05 9000; "
+           "00 A4 02 04 02 05 20 10 = 62 0E 80 02 00 C8 82 01 01 83 02 05 20 8A 01 05 9000; "
+           "00 A4 00 00 00 = 6F 0A 82 01 38 83 02 3F 00 8A 01 05 9000; 00 A4 00 04 02 00 20 11 = 6C10; "
+           "00 B0 00 00 01 = 6986; 00 A4 08 0C 02 00 20 00 = 9000; 00 D6 00 01 01 06 00 = 9000; "
+           "00 B0 00 01 FF = 6C07; 00 A4 04 00 02 A0 00 00 = 6A82; 00 A4 02 0C 02 3F 00 = 6A82; "
+           "00 A4 00 08 02 00 20 = 6B00; 00 A4 03 00 02 00 20 = 6B00; 00 A4 00 00 00 00 02 00 20 = 6700; "
+           "00 CA 00 6E 00 = 6D00; 01 B0 00 00 00 = 6881; 40 B0 00 00 00 = 6881; 04 B0 00 00 00 = 6882; "
+           "10 B0 00 00 00 = 6884; 20 B0 00 00 00 = 6E00; FF B0 00 00 00 = 6E00; 00 D0 00 01 02 01 08 = 6A80; "
+           "80 F9 06 06 01 63 00 = 9000; 80 FA 02 00 00 2F = 6700");
+}
+
+TEST(SimulatedToken, TellsItsStateWithoutATry) {
+  const Device token;
+  token.enroll("left thumb", 2);
+  ASSERT_EQ(simulatorRequirePin(token.number, 1), 0);
+  converse(token, "00 20 00 00 04 31 32 33 34 = 63C4; 80 FD 06 02 01 = 02 9000");
+  token.takeFinger("a stranger");
+  for (int tries = 3; tries-- > 0;) token("80 FD 06 02 01");
+  EXPECT_EQ(simulatorChangePin(token.number, "1234", "13579"), -1);
+  EXPECT_EQ(simulatorFailure(), SIMULATOR_PIN_WRONG);
+  EXPECT_EQ(simulatorChangePin(token.number, "2468", "123"), -1);
+  EXPECT_EQ(simulatorFailure(), SIMULATOR_BAD_ARGUMENT) << "and no try is gone";
+  SimulatorState state{};
+  for (int time = 0; time < 2; ++time) ASSERT_EQ(simulatorGetState(token.number, &state), 0);
+  EXPECT_EQ((std::vector<int>{state.fidCounter, state.slots, state.maxTries, state.triesLeft, state.blockRecorded,
+                              state.pinRequired, state.pinVerified, state.maxPinTries, state.pinTriesLeft,
+                              state.fingerLies, state.readOnly}),
+            (std::vector<int>{5, 10, 3, 0, 0, 1, 0, 5, 3, 1, 0}));
+  EXPECT_EQ(simulatorChangePin(token.number, "2468", "13579"), 0);
+  converse(token, "00 20 00 00 = 63C5; 00 20 00 00 04 32 34 36 38 = 63C4; 00 20 00 00 05 31 33 35 37 39 = 9000");
+  const std::uint8_t byte = 0;
+  ASSERT_EQ(simulatorWriteFile(token.number, 0x0700, &byte, 1), 0);
+  ASSERT_EQ(token("80 E0 02 00 07 28 00 02 EF EF FF FF"), "9000");
+  std::array<SimulatorFile, 6> files{};
+  ASSERT_EQ(simulatorGetFiles(token.number, files.data(), files.size()), 6);
+  const SimulatorFile expected[] = {{0x0020, 8, SIMULATOR_FILE_COUNTER, 0},    {0x0040, 128, SIMULATOR_FILE_BLOCK, 0},
+                                    {0x0102, 904, SIMULATOR_FILE_TEMPLATE, 1}, {0x0200, 2, SIMULATOR_FILE_TEMPLATE, 0},
+                                    {0x0520, 200, SIMULATOR_FILE_INDEX, 0},    {0x0700, 1, SIMULATOR_FILE_OTHER, 0}};
+  EXPECT_TRUE(std::ranges::equal(files, expected, [](const SimulatorFile &one, const SimulatorFile &other) {
+    return one.fid == other.fid && one.size == other.size && one.kind == other.kind &&
+           one.holdsTemplate == other.holdsTemplate;
+  }));
+}
+
 TEST(SimulatedToken, KeepsParameters) {
   converse(Device(),
            "80 F9 04 06 01 = 0A 9000; 80 F9 06 06 01 63 = 9000; 80 F9 08 06 01 05 = 9000; 80 F9 0B 06 01 FF = 9000; "
