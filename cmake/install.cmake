@@ -6,6 +6,7 @@ install(TARGETS kelmtrova EXPORT kelmtrova LIBRARY DESTINATION ${CMAKE_INSTALL_L
 install(FILES include/kelmtrova/token.h include/kelmtrova/image.h include/kelmtrova/device_manager.h
               include/kelmtrova/simulator.h include/kelmtrova/trace.h include/kelmtrova/middleware.h
         DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/kelmtrova)
+install(TARGETS kelmtrova_trace LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR})
 if(KELMTROVA_DEVICE_MANAGER)
   install(TARGETS kelmkmgr kelmpkcs LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR})
 endif()

@@ -88,6 +88,7 @@ class Reader {
   // Waits for `events` at the connection: false when the call is to end. Without a deadline it waits for ever.
   bool wait(short events, const std::optional<Clock::time_point> &deadline);
   bool transfer(std::uint8_t *bytes, std::size_t count, bool sending, std::optional<Clock::time_point> deadline);
+  void confirmAtOnce();
   bool tryAddress(const addrinfo &found, Clock::time_point deadline, int &error);
 
   std::string name_;
@@ -152,9 +153,16 @@ bool Reader::connectTo(const Address &address) {
   return true;
 }
 
+void Reader::confirmAtOnce() {
+  const int on = 1;
+  setsockopt(socket_, IPPROTO_TCP, TCP_QUICKACK, &on, sizeof on);
+}
+
 bool Reader::transfer(std::uint8_t *bytes, std::size_t count, bool sending, std::optional<Clock::time_point> deadline) {
   while (count != 0) {
     if (!wait(sending ? POLLOUT : POLLIN, deadline)) return false;
+    // The reader sends a message in two pieces and waits until the receipt of the first is confirmed.
+    if (!sending) confirmAtOnce();
     const ssize_t moved = sending ? ::send(socket_, bytes, count, MSG_NOSIGNAL) : recv(socket_, bytes, count, 0);
     if (moved < 0 && (errno == EINTR || errno == EAGAIN)) continue;
     if (moved <= 0) fail(SIMULATOR_READER_GONE, "ended the connection");

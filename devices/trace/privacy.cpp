@@ -1,0 +1,116 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "devices/trace/privacy.h"
+
+#include <algorithm>
+
+namespace kelm::trace {
+namespace {
+
+constexpr std::size_t kHeader = 4, kDataStart = 5, kImageHeader = 8;
+constexpr std::uint16_t kIndexFile = 0x0520;
+// An entry of the index: state, tag and FID, and then the user data.
+constexpr std::uint32_t kEntrySize = 20, kUserDataStart = 4;
+
+enum Instruction : std::uint8_t {
+  kVerify = 0x20,
+  kChangeReference = 0x24,
+  kResetRetryCounter = 0x2C,
+  kSelect = 0xA4,
+  kReadBinary = 0xB0,
+  kGetResponse = 0xC0,
+  kWriteBinary = 0xD0,
+  kUpdateBinary = 0xD6,
+  kCreateFile = 0xE0,
+  kDeleteFile = 0xE4,
+  kImageBlock = 0xF7
+};
+
+// The data of a command; all that follows the header when its length byte is wrong or does not end it.
+Bytes dataOf(Bytes command) {
+  if (command.size() <= kDataStart) return {};
+  const std::size_t length = command[kHeader];
+  const Bytes rest = command.subspan(kDataStart);
+  return length != 0 && rest.size() == length + 1 ? rest.first(length) : rest;
+}
+
+void hide(Bytes bytes, const Secret &secret) {
+  std::uint32_t place = secret.offset;
+  for (std::uint8_t &byte : bytes) {
+    const bool secretHere = secret.kind == Secret::kAll || place % kEntrySize >= kUserDataStart;
+    if (secret.kind != Secret::kNothing && secretHere) byte = kInstead;
+    ++place;
+  }
+}
+
+bool succeeded(std::uint16_t status) {
+  const int sw1 = status >> 8;
+  return status == 0x9000 || (sw1 >= 0x61 && sw1 <= 0x63);
+}
+
+}  // namespace
+
+// What READ, WRITE or UPDATE BINARY reaches.
+Secret Privacy::contents(const Known &known, ByteView command) const {
+  if (showUserData_) return {};
+  const bool bySelection = (command[1] & 1) == 0 && (command[2] & 0x80) == 0;
+  if (!bySelection || !known.file) return {Secret::kAll};
+  if (*known.file != kIndexFile) return {};
+  return {Secret::kUserData, static_cast<std::uint32_t>(command[2] << 8 | command[3])};
+}
+
+Begun Privacy::hideInCommand(std::uint64_t device, Bytes command) {
+  Known &known = devices_[device];
+  Begun begun;
+  begun.device = device;
+  if (command.size() < kHeader) return begun;
+  const Bytes data = dataOf(command);
+  const auto fid = [](ByteView at) { return static_cast<std::uint16_t>(at[0] << 8 | at[1]); };
+  // An odd instruction is the same command with its data in BER-TLV.
+  switch (const std::uint8_t instruction = command[1]; instruction & 0xFE) {
+    case kVerify:
+    case kChangeReference:
+    case kResetRetryCounter:
+      hide(data, {Secret::kAll});
+      break;
+    case kSelect:
+      begun.leavesSelection = false;
+      if (data.size() == 2) begun.selects = fid(data);
+      break;
+    case kCreateFile:
+      begun.leavesSelection = false;
+      begun.selects = fid(command.subspan(2));
+      break;
+    case kDeleteFile:
+      begun.leavesSelection = false;
+      break;
+    case kReadBinary:
+      begun.answer = contents(known, command);
+      hide(data, begun.answer.kind == Secret::kAll ? begun.answer : Secret{});
+      break;
+    case kWriteBinary:
+    case kUpdateBinary:
+      hide(data, contents(known, command));
+      break;
+    case kGetResponse:
+      begun.answer = known.waiting;
+      break;
+    default:
+      if (instruction == kImageBlock && !showUserData_ && data.size() > kImageHeader)
+        hide(data.subspan(kImageHeader), {Secret::kAll});
+  }
+  return begun;
+}
+
+void Privacy::hideInAnswer(const Begun &begun, Bytes answer, std::uint16_t status) {
+  hide(answer, begun.answer);
+  Known &known = devices_[begun.device];
+  known.waiting = {};
+  if (status >> 8 == 0x61) {
+    known.waiting = begun.answer;
+    known.waiting.offset += static_cast<std::uint32_t>(answer.size());
+  }
+  if (begun.leavesSelection) return;
+  known.file = succeeded(status) ? begun.selects : std::nullopt;
+}
+
+}  // namespace kelm::trace
