@@ -1,5 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-// The token's transparent files: read, write, create, erase, and the counter that new template files are named from.
+// The token's transparent files: read, write, create, erase, and the counter that gives new
+// template files their FIDs.
 #include <algorithm>
 #include <cstdint>
 #include <cstdlib>
@@ -36,7 +37,7 @@ bool selectFile(const SCardConnection *handle, std::uint16_t fid, Response &resp
   return succeeds(handle, command.data(), command.size(), response);
 }
 
-// At most the chunk asked for is taken of each answer; what an answer lacks reads as 0.
+// Takes at most the chunk asked for from each answer; bytes that an answer lacks read as 0.
 bool readChunks(const SCardConnection *handle, std::uint16_t offset, std::uint8_t *to, std::uint16_t remaining,
                 Response &response) {
   while (remaining > 0) {
@@ -120,7 +121,7 @@ std::int32_t SCardEraseEF(const SCardConnection *handle, std::uint16_t fid) {
   return succeeds(handle, command, sizeof command, response) ? 1 : 0;
 }
 
-// The counter's bytes lie in the file as the hosts of this library keep them in memory: low byte first.
+// The file holds the counter as the hosts of this library keep it in memory: low byte first.
 std::uint64_t token_get_current_fid(const SCardConnection *handle, std::uint16_t *counter) {
   if (SCardReadBin(handle, KELM_FID_COUNTER, kCounterOffset, reinterpret_cast<std::uint8_t *>(counter),
                    sizeof *counter) != 1) {

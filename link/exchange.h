@@ -18,8 +18,8 @@ constexpr std::size_t kReceiveRoom = 8192;       // of the buffer that SCardAPDU
 constexpr std::uint64_t kOfferedLength = 2048;   // what dwRespLen says before an exchange
 constexpr std::size_t kCommandHeaderLength = 5;  // CLA, INS, P1, P2 and Lc or Le
 
-// Bytes of the token, or for it, that do not stay behind on the stack: what was written is wiped when they go. They
-// are left uninitialised on purpose.
+// A buffer for bytes that must not stay behind on the stack: its destructor wipes what was written. It starts
+// uninitialised on purpose.
 template <std::size_t room>
 struct WipedBytes {
   std::size_t written = 0;
@@ -34,12 +34,12 @@ struct WipedBytes {
 };
 
 // SCardAPDU is not told how much room there is, and a transport that takes the place of SCardTransmit may fill the
-// whole receive buffer: so there is room for all of it, whatever dwRespLen offers.
+// whole receive buffer, so there is room for all of it, whatever dwRespLen offers.
 struct Response : WipedBytes<kReceiveRoom> {
   std::uint64_t dwRespLen = kOfferedLength;
 };
 
-// Data bytes that really lie in the buffer, whatever length a replaced SCardAPDU claims.
+// The number of data bytes, at most those the buffer can hold, whatever length a replaced SCardAPDU claims.
 inline std::size_t received(const Response &response) {
   return static_cast<std::size_t>(std::min<std::uint64_t>(response.dwRespLen, kReceiveRoom));
 }

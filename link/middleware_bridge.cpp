@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// User authentication and PIN check by the token middleware, which is loaded for the one call.
+// User authentication and PIN check by the token middleware, which is loaded for each call.
 #include <dlfcn.h>
 
 #include <cstdint>
@@ -11,7 +11,8 @@ namespace {
 
 constexpr const char *kMiddleware = "libkelmpkcs.so";
 
-// Opens the middleware and finds its entry. Null after the message when either is missing: then nothing stays open.
+// Opens the middleware and finds its entry. When either is missing, prints the message, closes what it opened and
+// returns null.
 template <typename Entry>
 Entry *openEntry(const char *name, void *&library) {
   library = dlopen(kMiddleware, RTLD_NOW);

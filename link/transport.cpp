@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// Command APDUs to the token and their answers back.
+// Sends command APDUs to the token and brings back the answers.
 #include <cstddef>
 #include <cstdint>
 #include <cstring>

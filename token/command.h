@@ -14,7 +14,7 @@ namespace kelm::token {
 
 using StatusWords = std::span<const std::uint16_t>;
 
-// When the call's value is held against the command's range.
+// When the value of a call is checked against the command's range.
 enum class Check : std::uint8_t { kNever, kBeforeLock, kUnderLock };
 
 enum class Output : std::uint8_t {
@@ -27,7 +27,7 @@ enum class Output : std::uint8_t {
 constexpr std::size_t kTemplateLength = 6;
 constexpr std::size_t kCommandRoom = 24;
 
-// Places in a command that a call may patch.
+// The byte of a command that a call may patch.
 enum Place : std::uint8_t { kNowhere = 0, kP1 = 2, kP2 = 3, kData = 5 };
 
 struct Command {
@@ -50,7 +50,7 @@ struct Command {
 
 // What one call adds to its command.
 struct Arguments {
-  std::uint8_t value = 0;  // held against the range
+  std::uint8_t value = 0;  // checked against the range
   std::uint8_t patch = 0;  // written into the command
   std::uint8_t *out = nullptr;
   std::uint64_t *outLength = nullptr;
@@ -68,7 +68,7 @@ inline std::uint64_t runWith(const Command &command, const SCardConnection *hand
   return run(command, handle, {.value = value, .patch = value});
 }
 
-// The pieces, for the commands that are more than one exchange.
+// For commands of more than one exchange.
 
 void traceExit(const char *text, std::uint16_t retV, const link::Response &response);
 

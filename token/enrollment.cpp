@@ -50,9 +50,8 @@ Index takeIndex(std::uint8_t slots) {
   return Index(static_cast<TemplateIndexEntry *>(std::malloc(length)), WipeAndRelease{slots});
 }
 
-// The work of KelmTrovaReadIndexFile. `roomFor` is what the buffer was made for: the token is asked again, and may
-// answer another number than before; then nothing is read. 0 when the caller guarantees that the buffer is large
-// enough.
+// Does the work of KelmTrovaReadIndexFile. `roomFor` is the slot count that the buffer was made for, 0 when the caller
+// guarantees its size. The token is asked for the count again: when the answer differs, nothing is read.
 std::uint64_t readIndex(const SCardConnection *handle, std::uint8_t *buffer, std::uint8_t roomFor) {
   MYTRACE("Enter KelmTrovaReadIndexFile");
   std::uint8_t slots = 0;
@@ -124,7 +123,7 @@ std::uint16_t sendEnroll(const Enrollment &enrollment) {
   return retV;
 }
 
-// Writes the slot's entry: `retV` when that succeeds, otherwise the template file goes.
+// Writes the slot's entry: `retV` when that succeeds; otherwise erases the template file.
 std::uint16_t keepEntry(const Enrollment &enrollment, bool enrolled, std::uint16_t retV) {
   TemplateIndexEntry &entry = *enrollment.entry;
   entry = {};
@@ -140,7 +139,7 @@ std::uint16_t keepEntry(const Enrollment &enrollment, bool enrolled, std::uint16
   return eraseFile(enrollment, kEntryNotWritten);
 }
 
-// Gives a new file and its counter value back after the token refused for want of its PIN.
+// Erases a new file and sets the counter back, after the token refused because it wants its PIN first.
 std::uint16_t takeBack(const Enrollment &enrollment, std::uint16_t retV) {
   if (SCardEraseEF(enrollment.handle, enrollment.fid) != kDone) {
     return kEraseFailed;

@@ -29,7 +29,7 @@ struct Block {
   const std::uint8_t *source;
 };
 
-// The command is written whole for every block: a GET RESPONSE overwrites its first five bytes.
+// Writes the whole command for every block: a GET RESPONSE overwrites its first five bytes.
 std::uint16_t sendBlock(const SCardConnection *handle, const Block &block, Response &response) {
   const std::uint8_t header[link::kCommandHeaderLength + kBlockHeader] = {
       KELM_CLA_TOKEN,
@@ -79,7 +79,7 @@ std::uint16_t sendImage(const SCardConnection *handle, const TokenImage &image) 
   return retV;
 }
 
-// Whether there are pixels, and every block's first line can be told to the token.
+// Whether there are pixels, and the first line number of every block fits in 16 bits.
 bool sendable(const TokenImage &image) {
   if (image.dwLines == 0) {
     return true;

@@ -25,7 +25,7 @@ constexpr std::uint8_t kTriesMask = 0x0F;
 constexpr std::uint16_t kMatchStatus[] = {
     KELM_SW_BLOCKED,      KELM_SW_SECURITY_STATUS, KELM_SW_FEATURE_6A07, KELM_SW_FEATURE_6A08, KELM_SW_FEATURE_6A0B,
     KELM_SW_FEATURE_6A11, KELM_SW_MATCH_6A12,      KELM_SW_MATCH_6A13,   KELM_SW_MATCH_6A14,   KELM_SW_NOT_LOCKED};
-// The test variant does not know the blocked state.
+// The test variant does not pass on that matching is blocked.
 constexpr StatusWords kTestStatus = StatusWords(kMatchStatus).subspan(1);
 
 // The block record in file 0x0040: four bytes, a bit in the third says that matching is blocked.
@@ -39,7 +39,7 @@ bool fileCommand(const SCardConnection *handle, std::span<std::uint8_t> command,
   return link::exchange(handle, command.data(), command.size(), response) == KELM_SW_SUCCESS;
 }
 
-// Each command is sent only after the one before succeeded; whether they do changes no verdict.
+// Each command is sent only after the one before succeeded; their answers do not change the verdict.
 void recordBlock(const SCardConnection *handle) {
   constexpr std::uint8_t high = highByte(kRecordOffset);
   constexpr std::uint8_t low = lowByte(kRecordOffset);

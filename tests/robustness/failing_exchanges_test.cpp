@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 // Every exchange of every command that makes several, failing in turn: with a status, without an answer, with the power
-// cut before and after it. What is left on the token must agree, and the next enrollment must work or say why not.
+// cut before and after it. What is left on the token must be consistent, and the next enrollment must work or say why
+// not.
 #include <algorithm>
 #include <cstdio>
 #include <cstring>
@@ -36,13 +37,14 @@ class Token : public kelm::test::SimulatedToken {
   }
 };
 
-// What an operation answers when one of its exchanges fails; 0 means that the status decides.
+// What an operation answers when one of its exchanges fails.
 struct Operation {
   const char *name;
   std::function<void(Token &)> prepare;
   std::function<std::uint64_t(Token &)> call;
-  std::vector<std::uint64_t> results;   // exchange 1, 2, ...: the result when it fails
-  std::vector<std::uint16_t> passedOn;  // status words that the exchange of which this is said passes on
+  std::vector<std::uint64_t> results;   // exchange 1, 2, ...: the result when it fails, or one of the two below
+  std::vector<std::uint16_t> passedOn;  // status words that an exchange with kByStatus passes on
+  std::size_t missingFileAt = 0;        // the exchange after whose 0x6A82 the file is created again
 };
 
 constexpr std::uint64_t kByStatus = 0;
@@ -70,7 +72,8 @@ const std::vector<Operation> &operations() {
        own,
        [](Token &token) { return token.enroll(kSlot); },
        {0x80006A0F, 0x80009902, 0x80009902, 0x80009902, 0x80009902, kByStatus, 0x80000108, 0x80000108},
-       {0x6982, 0x6A10}},
+       {0x6982, 0x6A10},
+       6},
       {"deletion",
        own,
        [](Token &token) { return KelmTrovaDeleteFingerPrint(&token.connection, kSlot); },
@@ -107,8 +110,8 @@ const std::vector<Operation> &operations() {
 std::uint64_t statedResult(const Operation &operation, std::size_t exchange, std::uint16_t status) {
   const std::uint64_t result = operation.results[exchange - 1];
   const bool passed = std::count(operation.passedOn.begin(), operation.passedOn.end(), status) > 0;
-  if (status == 0x6A82 && exchange == 6 && operation.results.size() == 8 && result == kByStatus) {
-    return 0x80000101;  // the file that the token says is missing is there, so it cannot be created again
+  if (status == 0x6A82 && exchange == operation.missingFileAt) {
+    return 0x80000101;  // the file that the token reports missing is there, so it cannot be created again
   }
   if (result == kCount) {
     return status == 0x6982 ? 0x80006982 : 0x8000B001;

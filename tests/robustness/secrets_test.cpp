@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 // Nothing that a token sends or is sent stays behind on the stack or in released memory: data come with every answer,
-// also where none are expected, and every exported function is looked after.
+// also where none are expected, and memory is searched after every exported function.
 #include <gtest/gtest.h>
 
 #include <algorithm>

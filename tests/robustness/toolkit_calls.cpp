@@ -42,7 +42,7 @@ bool inPlace(auto function, auto... sizes) {
 // Any threshold but the one that says that there is none.
 bool threshold(auto function) { return function(kIn.data(), kHeight, kWidth) == 255; }
 
-// Always 0: that nothing was done shows in the picture alone.
+// The result is always 0: only the picture shows that nothing was done.
 bool normalize() {
   EXPECT_EQ(call(ImageNormalize, kIn.data(), kHeight, kWidth, 99, 400), 0);
   return std::equal(kGrey.begin(), kGrey.end(), kIn.begin());
@@ -160,7 +160,7 @@ bool pushAndPop() {
   return failed;
 }
 
-// The sizes of the fine fields are written first, and the data of the field of changes is let go.
+// The sizes of the fine fields are written first, and the data of the field of changes is released.
 bool directions() {
   DirectionFields fields;
   std::int16_t mark = 0;

@@ -129,7 +129,7 @@ TEST(Enrollment, CommandsByteForByte) {
 }
 
 // A failure of ENROLL, and of anything else after the file was created: what is sent then (INS bytes), what stays in
-// the entry and the counter, and what is said when everything from there on fails.
+// the entry and the counter, and the result when everything from there on fails.
 TEST(Enrollment, CleansUp) {
   const struct {
     std::size_t failing;
@@ -231,7 +231,7 @@ TEST(Enrollment, SlotsRecordsAndLocks) {
   EXPECT_EQ(enroll(), 0x80000102);
 }
 
-// The slot count is asked for twice; a token that answers differently is not believed.
+// The slot count is asked for twice; when the answers differ, nothing is done.
 TEST(Enrollment, SlotCountThatChanges) {
   for (const std::uint8_t second : std::initializer_list<std::uint8_t>{0, 2, 9, 11, 255}) {
     for (const bool deletes : {false, true}) {

@@ -193,7 +193,7 @@ TEST_P(RandomWalk, TokenAndModelStayTogether) {
     SCOPED_TRACE(testing::Message() << "step " << step);
     takeStep();
   }
-  // The walk went past the counter values for whose sake it began where it did.
+  // The walk passed the counter values that its start was chosen for.
   EXPECT_GE(counter, std::min(GetParam() + 6U, 0x800U));
 }
 
