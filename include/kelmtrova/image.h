@@ -140,7 +140,7 @@ KELMTROVA_API int32_t HistogramPrint(const uint32_t *counters, int16_t n, const 
  * (n - j) mod n.
  *
  * Radix-2 decimation in frequency in single precision. The angle of a butterfly is a running single-precision sum of
- * the stage's step; its cosine and sine are computed in double precision and rounded to single. No heap memory, 5 KiB
+ * the stage's step; its cosine and sine are computed in double precision and rounded to single. No heap memory, 6 KiB
  * of stack. For any other n, or when an array is null, the arrays stay untouched.
  */
 KELMTROVA_API void FFT(float *re, float *im, uint16_t n);
@@ -155,7 +155,7 @@ KELMTROVA_API void IFFT(float *re, float *im, int32_t n);
  * smooths them with D = 5 into counters 0 ... 107. Counters 108 ... 127 keep the folded counts, 128 ... 255 become 0.
  * HistogramSmooth128 smooths 128 counters with D = 7, all of them: counter 127 receives the filtered value of bin 0.
  *
- * 0 done, 2 for null. No heap memory, 6 KiB of stack.
+ * 0 done, 2 for null. No heap memory, 7 KiB of stack.
  */
 KELMTROVA_API int32_t HistogramSmooth(Histogram *counters);
 KELMTROVA_API int32_t HistogramSmooth128(uint32_t *counters);
