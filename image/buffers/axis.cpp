@@ -4,30 +4,56 @@
 #include <cstddef>
 #include <cstdint>
 #include <cstdlib>
+#include <cstring>
 
-#include "image/support/memory.h"
+#include "image/support/blocks.h"
+#include "image/support/buffer.h"
+#include "image/support/kernel.h"
 #include "kelmtrova/image.h"
 
 namespace kelm::image {
 namespace {
 
-// To the nearest integer, halves away from zero. At most 361 in magnitude here.
-std::int16_t roundedOffset(float value) {
-  const double shifted = value > 0 ? static_cast<double>(value) + 0.5 : static_cast<double>(value) - 0.5;
-  return static_cast<std::int16_t>(shifted);
+constexpr std::size_t kLongest = 255;  // width or height of a window
+constexpr std::size_t kBlock = 16;
+
+// To the nearest integer, halves away from zero; at most 361 in magnitude here. With the number just below a half in
+// place of the half, the sum does not reach the next integer when a value just below a half is rounded.
+KELM_INLINE std::int32_t rounded(float value) {
+  return static_cast<std::int32_t>(value + __builtin_copysignf(0x1.fffffep-2F, value));
 }
 
-void fillTable(AxisPoint *table, int width, int height, float phi) {
-  const auto sn = static_cast<float>(-std::sin(static_cast<double>(phi)));
-  const auto cs = static_cast<float>(std::cos(static_cast<double>(phi)));
-  for (int i = 0; i < height; ++i) {
-    const auto di = static_cast<float>(i - height / 2);
-    for (int j = 0; j < width; ++j) {
-      const auto dj = static_cast<float>(j - width / 2);
-      *table++ = {roundedOffset(dj * cs + di * sn), roundedOffset(di * cs - dj * sn)};
+// A point as it lies in memory.
+KELM_INLINE std::uint32_t packed(std::int32_t x, std::int32_t y) {
+  return (static_cast<std::uint32_t>(x) & 0xFFFF) | static_cast<std::uint32_t>(y) << 16;
+}
+
+// The points of a row are those of its offsets along the row, the same for every row, moved by (rowX, rowY).
+KELM_INLINE void fillRow(AxisPoint *row, const float *alongX, const float *alongY, float rowX, float rowY,
+                         std::size_t width) {
+  inBlocks<kBlock>(width, [=](std::size_t first, std::size_t count) KELM_INLINE_LAMBDA {
+    std::uint32_t points[kBlock];
+    for (std::size_t i = 0; i < count; ++i) {
+      points[i] = packed(rounded(alongX[first + i] + rowX), rounded(rowY - alongY[first + i]));
     }
+    std::memcpy(row + first, points, count * sizeof(AxisPoint));
+  });
+}
+
+KELM_INLINE void fillTableBody(AxisPoint *table, int width, int height, float sn, float cs) {
+  float alongX[kLongest];
+  float alongY[kLongest];
+  for (int j = 0; j < width; ++j) {
+    const auto dj = static_cast<float>(j - width / 2);
+    alongX[j] = dj * cs;
+    alongY[j] = dj * sn;
+  }
+  for (int i = 0; i < height; ++i, table += width) {
+    const auto di = static_cast<float>(i - height / 2);
+    fillRow(table, alongX, alongY, di * sn, di * cs, static_cast<std::size_t>(width));
   }
 }
+constexpr auto fillTable = kernel<fillTableBody>;
 
 // Releases the first `count` tables, then the array.
 void destroyTables(AxisPoint **tables, std::size_t count) {
@@ -47,7 +73,7 @@ AxisPoint **AxisTransform(uint8_t n, uint8_t width, uint8_t height) {
     return nullptr;
   }
   const std::size_t count = std::size_t{n} + 1;
-  Block<AxisPoint *> tables = allocate<AxisPoint *>(count);
+  Buffer<AxisPoint *> tables = allocate<AxisPoint *>(count);
   if (tables == nullptr) {
     return nullptr;
   }
@@ -59,7 +85,8 @@ AxisPoint **AxisTransform(uint8_t n, uint8_t width, uint8_t height) {
       return nullptr;
     }
     const float turn = static_cast<float>(r) * step;
-    fillTable(tables[r], width, height, static_cast<float>(static_cast<double>(turn) - 1.5707963267949));
+    const auto phi = static_cast<double>(static_cast<float>(static_cast<double>(turn) - 1.5707963267949));
+    fillTable(tables[r], width, height, static_cast<float>(-std::sin(phi)), static_cast<float>(std::cos(phi)));
   }
   return tables.release();
 }

@@ -13,15 +13,24 @@ namespace {
 
 constexpr std::uint32_t kBins = 128;
 
-// The weights of the frequency bins, 1 / (0.414 * (i / cutoff)^4 + 1). The square of a float is exact in double precision,
-// so the fourth power is rounded once.
-void fillWeights(float (&weights)[kBins / 2], float cutoff) {
+struct Weights {
+  float bin[kBins / 2];
+};
+
+// The weights of the frequency bins, 1 / (0.414 * (i / cutoff)^4 + 1). The square of a single-precision number is exact
+// in double precision; squared once more it gives the weights that the C library's pow gives, for both cut-offs.
+constexpr Weights weightsFor(float cutoff) {
+  Weights weights{};
   for (std::uint32_t i = 0; i < kBins / 2; ++i) {
     const auto ratio = static_cast<double>(static_cast<float>(i) / cutoff);
     const double square = ratio * ratio;
-    weights[i] = static_cast<float>(1.0 / (0.414 * (square * square) + 1.0));
+    weights.bin[i] = static_cast<float>(1.0 / (0.414 * (square * square) + 1.0));
   }
+  return weights;
 }
+
+constexpr Weights kWeights256 = weightsFor(5.0F);
+constexpr Weights kWeights128 = weightsFor(7.0F);
 
 // |value| truncated toward zero; 2^31 for everything that a signed 32-bit integer cannot hold.
 std::uint32_t magnitudeOf(float value) {
@@ -32,17 +41,15 @@ std::uint32_t magnitudeOf(float value) {
 
 // Smooths 128 bins and writes back those of the reversed result from `first` on: the transform applied twice returns
 // its input in reversed circular order, so counter j gets the filtered bin j + 1.
-void smoothBins(std::uint32_t *counters, float cutoff, std::uint32_t first) {
+void smoothBins(std::uint32_t *counters, const Weights &weights, std::uint32_t first) {
   float re[kBins];
   float im[kBins] = {};
   for (std::uint32_t i = 0; i < kBins; ++i) {
     re[i] = static_cast<float>(counters[i]);
   }
   normalizedFourierTransform(re, im, kBins);
-  float weights[kBins / 2];
-  fillWeights(weights, cutoff);
   for (std::uint32_t i = 0; i < kBins / 2; ++i) {
-    const float weight = weights[i];
+    const float weight = weights.bin[i];
     re[i] *= weight;
     im[i] *= weight;
     re[kBins - 1 - i] *= weight;
@@ -62,7 +69,7 @@ void smoothHistogram(std::uint32_t *counters) {
     counters[i] = counters[2 * i] + counters[2 * i + 1];
   }
   std::memset(counters + kBins, 0, kBins * sizeof *counters);
-  smoothBins(counters, 5.0F, kFirst);
+  smoothBins(counters, kWeights256, kFirst);
 }
 
 }  // namespace kelm::image
@@ -71,16 +78,16 @@ using namespace kelm::image;
 
 int32_t HistogramSmooth(Histogram *counters) {
   if (counters == nullptr) {
-    return 2;
+    return KELM_IMAGE_BAD_ARGUMENT;
   }
   smoothHistogram(counters->counter);
-  return 0;
+  return KELM_IMAGE_OK;
 }
 
 int32_t HistogramSmooth128(uint32_t *counters) {
   if (counters == nullptr) {
-    return 2;
+    return KELM_IMAGE_BAD_ARGUMENT;
   }
-  smoothBins(counters, 7.0F, 0);
-  return 0;
+  smoothBins(counters, kWeights128, 0);
+  return KELM_IMAGE_OK;
 }

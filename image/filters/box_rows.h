@@ -11,12 +11,11 @@
 #include <cstddef>
 #include <cstdint>
 #include <cstring>
+#include <type_traits>
 #include <utility>
 
-#include "image/support/dispatch.h"
-#include "image/support/memory.h"
-
-#define KELM_INLINE_LAMBDA __attribute__((always_inline))
+#include "image/support/buffer.h"
+#include "image/support/kernel.h"
 
 namespace kelm::image {
 
@@ -41,7 +40,7 @@ constexpr std::size_t roundUp(std::size_t n, std::size_t step) { return (n + ste
 // which are needed after they have been overwritten.
 template <typename Sum, typename In>
 struct BoxScratch {
-  Block<Sum> block;
+  Buffer<Sum> memory;
   Sum *columns = nullptr;   // halfX zeros, the column sums, halfX zeros and more
   Sum *fours = nullptr;     // sums of 4 neighbours
   Sum *sixteens = nullptr;  // sums of 16 neighbours
@@ -53,22 +52,34 @@ struct BoxScratch {
     const std::size_t lines = shape.halfX > kMaxTapsHalf ? 3 : 1;
     const std::size_t keptRows = inPlace ? std::min(shape.halfY + 1, shape.height) : 0;
     const std::size_t keptSums = (keptRows * shape.width * sizeof(In) + sizeof(Sum) - 1) / sizeof(Sum);
-    block = allocate<Sum>(lines * line + keptSums);
-    if (block != nullptr) {
-      columns = block.get();
+    memory = allocate<Sum>(lines * line + keptSums);
+    if (memory != nullptr) {
+      columns = memory.get();
       std::memset(columns, 0, line * sizeof(Sum));
       fours = lines == 3 ? columns + line : nullptr;
       sixteens = lines == 3 ? columns + 2 * line : nullptr;
       kept = inPlace ? reinterpret_cast<In *>(columns + lines * line) : nullptr;
     }
   }
+  bool isThere() const { return memory != nullptr; }
 };
+
+// The last step makes the output from the sum alone, or from what it replaces and the sum; only then is the output
+// read.
+template <typename Out, typename Sum, typename Finish>
+KELM_INLINE void put(Out *out, Sum sum, Finish finish) {
+  if constexpr (std::is_invocable_v<Finish, Sum>) {
+    *out = finish(sum);
+  } else {
+    *out = finish(*out, sum);
+  }
+}
 
 template <typename Sum, typename Out, typename Finish, std::size_t... kTap>
 KELM_INLINE void sumTaps(Out *__restrict out, const Sum *__restrict line, std::size_t n, Finish finish,
                          std::index_sequence<kTap...>) {
   for (std::size_t x = 0; x < n; ++x) {
-    out[x] = finish(out[x], static_cast<Sum>((line[x + kTap] + ...)));
+    put(&out[x], static_cast<Sum>((line[x + kTap] + ...)), finish);
   }
 }
 
@@ -138,7 +149,7 @@ KELM_INLINE void sumRunning(Out *__restrict out, const Sum *__restrict line, Sum
     store(sums + x, run);
   }
   for (std::size_t x = 0; x < n; ++x) {
-    out[x] = finish(out[x], sums[x]);
+    put(&out[x], sums[x], finish);
   }
 }
 
@@ -180,8 +191,8 @@ KELM_INLINE void moveColumns(Sum *__restrict columns, const In *__restrict enter
   }
 }
 
-// out[x] = finish(out[x], sum over the window of read(in[...])) for every sample. `scratch` is made for this shape, in
-// place exactly when `out` and `in` are the same image.
+// out[x] = finish(S) or finish(out[x], S) for every sample, S being the sum over the window of read(in[...]). `scratch`
+// is made for this shape, in place exactly when `out` and `in` are the same image.
 template <typename Sum, typename In, typename Out, typename Read, typename Finish>
 KELM_INLINE void boxRows(Out *out, const In *in, const BoxShape &shape, const BoxScratch<Sum, In> &scratch, Read read,
                          Finish finish) {

@@ -26,13 +26,16 @@ KELM_INLINE void inWholeBlocks(std::size_t n, Step step) {
   step(last, kBlock);
 }
 
-// The same for lines of any length; one that is shorter than a block is a single step(0, n).
-template <std::size_t kBlock, typename Step>
+// The same for lines of any length. One that is shorter than a block is taken in blocks of the next smaller size, or as
+// a single step(0, n).
+template <std::size_t kBlock, std::size_t... kSmaller, typename Step>
 KELM_INLINE void inBlocks(std::size_t n, Step step) {
-  if (n < kBlock) {
-    step(0, n);
-  } else {
+  if (n >= kBlock) {
     inWholeBlocks<kBlock>(n, step);
+  } else if constexpr (sizeof...(kSmaller) > 0) {
+    inBlocks<kSmaller...>(n, step);
+  } else {
+    step(0, n);
   }
 }
 

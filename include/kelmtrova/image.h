@@ -38,8 +38,8 @@ extern "C" {
 /* ---- Image buffers ---------------------------------------------------------------------------------------------- */
 
 /*
- * Copies height * width bytes. 0 done, 1 if a pointer is null. An empty image copies nothing and is done. Images that
- * overlap are not provided for.
+ * Copies height * width bytes. 0 done, 1 if a pointer is null. An image without pixels copies nothing and is done. The
+ * images must not overlap.
  */
 KELMTROVA_API int32_t ImageCopy(uint8_t *destination, const uint8_t *source, uint16_t height, uint16_t width);
 
@@ -53,10 +53,10 @@ KELMTROVA_API int32_t ImageFlood(uint8_t *image, uint8_t value, uint16_t height,
  * A new image of outHeight * outWidth pixels in which every source pixel is a square of 2 x 2:
  * out(x, y) = source(x / 2, y / 2). The caller releases it with free().
  *
- * sourceWidth is the length of a source row, sourceHeight the number of rows; the source may be larger than what is
- * read of it. Null without memory, for a null source, and for a source that is too small: fewer than outHeight / 2
- * rows or outWidth / 2 columns, rounded up. An output without pixels reads no source pixel, needs no source extent and
- * gives a buffer of zero bytes, which is not null.
+ * sourceWidth is the length of a source row, sourceHeight the number of rows, or 0 when the caller answers for them; the
+ * source may be larger than what is read of it. Null without memory, for a null source, and for a source that is too
+ * small: fewer than outHeight / 2 rows or outWidth / 2 columns, rounded up. An output without pixels reads no source
+ * pixel, needs no source extent and gives a buffer of zero bytes, which is not null.
  */
 KELMTROVA_API uint8_t *ImageEnlarge(const uint8_t *source, uint16_t sourceHeight, uint16_t sourceWidth,
                                     uint16_t outHeight, uint16_t outWidth);
@@ -65,12 +65,12 @@ KELMTROVA_API uint8_t *ImageEnlarge(const uint8_t *source, uint16_t sourceHeight
  * A new image of outHeight * outWidth pixels, each of them about the source pixel (2x, 2y): row 0 and column 0 are
  * those source pixels as they are; every other one is the 3 x 3 weighted mean about it, with the weights 0.4015
  * (centre) and 0.2992 (neighbour) along each axis, rows first, in single precision and truncated. The weights of an
- * axis add up to 0.9999: a uniform 255 becomes 254. The caller releases the image with free(). 9 KiB of stack.
+ * axis add up to 0.9999: a uniform 255 becomes 254. The caller releases the image with free(). 6 KiB of stack.
  *
- * sourceWidth is the length of a source row, sourceHeight the number of rows; the source may be larger than what is
- * read of it. Null without memory, for a null source, and for a source that is too small: fewer than 2 * outHeight rows
- * or 2 * outWidth columns, or one less of each when the output has a single row or a single column. An output without
- * pixels is treated as by ImageEnlarge.
+ * sourceWidth is the length of a source row, sourceHeight the number of rows, or 0 when the caller answers for them; the
+ * source may be larger than what is read of it. Null without memory, for a null source, and for a source that is too
+ * small: fewer than 2 * outHeight rows or 2 * outWidth columns, or one less of each when the output has a single row or
+ * a single column. An output without pixels is treated as by ImageEnlarge.
  */
 KELMTROVA_API uint8_t *ImageReduce(const uint8_t *source, uint16_t sourceHeight, uint16_t sourceWidth,
                                    uint16_t outHeight, uint16_t outWidth);
@@ -325,8 +325,9 @@ KELMTROVA_API void zooClearup(ZooList *list);
  *
  * Nothing is filled, area is 0 and (left, top, right, bottom) is (width, height, 0, 0) when no pixel of the image
  * matches, when the seed lies outside the image, when the label itself would match (a fill with such a label has no
- * end), and when the scratch memory cannot be obtained: 4 bytes for every matching pixel of the whole image. A null
- * image or a dimension below 1: nothing is done, the outputs are untouched.
+ * end), and when the scratch memory cannot be obtained: 4 bytes for every matching pixel of the whole image and 8 bytes
+ * for every 64 pixels of a row, rounded up. A null image or a dimension below 1: nothing is done, the outputs are
+ * untouched.
  */
 KELMTROVA_API void RegionGrow(uint8_t *image, int16_t height, int16_t width, int16_t seedRow, int16_t seedColumn,
                               uint32_t *area, int16_t *left, int16_t *top, int16_t *right, int16_t *bottom,

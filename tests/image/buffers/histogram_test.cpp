@@ -2,6 +2,7 @@
 // Grey-level histogram: counts against a plain loop, statistics at their limits, the picture file.
 #include <gtest/gtest.h>
 #include <sys/resource.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -11,6 +12,7 @@
 #include <fstream>
 #include <random>
 #include <string>
+#include <thread>
 #include <utility>
 #include <vector>
 
@@ -114,26 +116,39 @@ TEST_F(HistogramPicture, LeavesTheFileAloneWithoutPicture) {
 }
 
 TEST_F(HistogramPicture, LeavesNoHalfWrittenFile) {
-  const std::vector<std::uint32_t> counters(100, 1);
+  const std::vector<std::uint32_t> counters(30000, 1);
   const std::string link = path_ + ".link";
-  std::filesystem::create_symlink(path_, link);
   rlimit before{};
   getrlimit(RLIMIT_FSIZE, &before);
   const auto handler = std::signal(SIGXFSZ, SIG_IGN);
-  const rlimit small{5000, before.rlim_max};
+  const rlimit small{200, before.rlim_max};
   setrlimit(RLIMIT_FSIZE, &small);
-  EXPECT_EQ(HistogramPrint(counters.data(), 100, path_.c_str()), 0);
-  EXPECT_FALSE(std::filesystem::exists(path_));
-  EXPECT_EQ(HistogramPrint(counters.data(), 100, link.c_str()), 0);
-  setrlimit(RLIMIT_FSIZE, &before);
-  std::signal(SIGXFSZ, handler);
-  EXPECT_EQ(read(), "");
-  EXPECT_FALSE(std::filesystem::is_symlink(link));
   // The failure comes when what is buffered is written, or at once.
   for (const std::int16_t n : std::initializer_list<std::int16_t>{1, 100}) {
-    EXPECT_EQ(HistogramPrint(counters.data(), n, "/dev/full"), 0);
+    std::filesystem::create_symlink(path_, link);
+    EXPECT_EQ(HistogramPrint(counters.data(), n, path_.c_str()), 0);
+    EXPECT_FALSE(std::filesystem::exists(path_));
+    EXPECT_EQ(HistogramPrint(counters.data(), n, link.c_str()), 0);
+    EXPECT_EQ(read(), "");
+    EXPECT_FALSE(std::filesystem::is_symlink(link));
   }
-  EXPECT_TRUE(std::filesystem::is_character_file("/dev/full"));
+  setrlimit(RLIMIT_FSIZE, &before);
+  std::signal(SIGXFSZ, handler);
+}
+
+// What is not an ordinary file is never removed: a pipe whose reader goes away in the middle of the picture.
+TEST_F(HistogramPicture, LeavesAPipeInPlace) {
+  const std::vector<std::uint32_t> counters(30000, 1);
+  const auto handler = std::signal(SIGPIPE, SIG_IGN);
+  ASSERT_EQ(mkfifo(path_.c_str(), 0600), 0);
+  std::thread reader([this] {
+    std::ifstream pipe(path_);
+    pipe.get();
+  });
+  EXPECT_EQ(HistogramPrint(counters.data(), 30000, path_.c_str()), 0);
+  reader.join();
+  std::signal(SIGPIPE, handler);
+  EXPECT_TRUE(std::filesystem::is_fifo(path_));
 }
 
 }  // namespace
