@@ -4,6 +4,7 @@
 #include <algorithm>
 #include <array>
 #include <cstdint>
+#include <cstring>
 
 #include "kelmtrova/device_manager.h"
 
@@ -36,6 +37,7 @@ std::uint64_t KelmSCardVerifyUserPin(std::uint64_t device, std::uint64_t pin, st
   std::array<std::uint8_t, 5 + kLongestPin> command = {0x00, 0x20, 0x00, 0x00, length};
   std::copy_n(reinterpret_cast<const std::uint8_t *>(pin), length, command.begin() + 5);
   const std::uint16_t status = send(device, command.data(), 5U + length);
+  explicit_bzero(command.data(), command.size());
   const bool refused = (status & 0xFFF0) == 0x63C0;
   if (triesLeft != 0 && (refused || status == kBlocked)) {
     *reinterpret_cast<std::uint8_t *>(triesLeft) = refused ? static_cast<std::uint8_t>(status & 0x0F) : 0;

@@ -4,7 +4,8 @@
  *
  * It sends VERIFY (ISO 7816-4) to a device of our device manager. Both entries answer 0 for success; otherwise
  * 0x80000000 plus the token's status word (0x63Cx: not verified, x tries left; 0x6983: the PIN is blocked; 0xED00: no
- * such device) or 0x8000B002 for a bad argument. What was verified holds until the device is closed or loses power.
+ * such device) or 0x8000B002 for a bad argument. What was verified holds until the device is closed or reset,
+ * or loses power.
  */
 #ifndef KELMTROVA_MIDDLEWARE_H
 #define KELMTROVA_MIDDLEWARE_H
