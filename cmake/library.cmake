@@ -12,9 +12,8 @@ set_source_files_properties(${KELMTROVA_REPLACEABLE_SOURCES} PROPERTIES COMPILE_
 # The library, or a variant of it for tests that may use the instruction sets up to LEVEL (image/support/dispatch.h).
 function(kelmtrova_add_library name level)
   add_library(${name} SHARED ${KELMTROVA_LIBRARY_SOURCES})
-  target_include_directories(${name} PUBLIC
-    $<BUILD_INTERFACE:${PROJECT_SOURCE_DIR}/include> $<INSTALL_INTERFACE:${CMAKE_INSTALL_INCLUDEDIR}>)
-  target_include_directories(${name} PRIVATE ${PROJECT_SOURCE_DIR})
+  target_include_directories(${name} PUBLIC $<BUILD_INTERFACE:${PROJECT_SOURCE_DIR}/include>
+    PRIVATE ${PROJECT_SOURCE_DIR})
   target_compile_options(${name} PRIVATE -fno-exceptions -fno-rtti -fno-math-errno
     $<$<CONFIG:Release>:-O3>)
   target_compile_definitions(${name} PRIVATE KELM_MAX_LEVEL=${level})
@@ -36,3 +35,11 @@ endfunction()
 
 kelmtrova_add_library(kelmtrova 2)
 add_library(kelmtrova::kelmtrova ALIAS kelmtrova)
+target_sources(kelmtrova PUBLIC FILE_SET HEADERS BASE_DIRS ${PROJECT_SOURCE_DIR}/include FILES
+  ${PROJECT_SOURCE_DIR}/include/kelmtrova/token.h
+  ${PROJECT_SOURCE_DIR}/include/kelmtrova/image.h
+  ${PROJECT_SOURCE_DIR}/include/kelmtrova/device_manager.h
+  ${PROJECT_SOURCE_DIR}/include/kelmtrova/middleware.h
+  ${PROJECT_SOURCE_DIR}/include/kelmtrova/simulator.h
+  ${PROJECT_SOURCE_DIR}/include/kelmtrova/trace.h
+  ${PROJECT_SOURCE_DIR}/include/kelmtrova/version.h)

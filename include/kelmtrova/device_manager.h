@@ -35,6 +35,8 @@
 #include <stddef.h>
 #include <stdint.h>
 
+#include "kelmtrova/version.h"
+
 #ifdef __cplusplus
 extern "C" {
 #endif

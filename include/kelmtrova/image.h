@@ -23,6 +23,8 @@
 #include <stddef.h>
 #include <stdint.h>
 
+#include "kelmtrova/version.h"
+
 #ifdef __cplusplus
 extern "C" {
 #endif
@@ -543,8 +545,8 @@ KELMTROVA_API uint32_t ImageBlkQualityEx(BlockQualityMap *map, const uint8_t *im
 
 /*
  * Mode 0: sums[r] = the sum of row r, for `rows` rows of `width` samples. Any other mode: sums[c] = the sum of column
- * c. Sums wrap modulo 2^32. A sum over no samples, because the other dimension is below 1, is 0. Does nothing for a null
- * pointer, and where the dimension that says how many sums there are is below 1.
+ * c. Sums wrap modulo 2^32. A sum over no samples, because the other dimension is below 1, is 0. Does nothing for a
+ * null pointer, and where the dimension that says how many sums there are is below 1.
  */
 KELMTROVA_API void Project(int32_t *sums, const uint8_t *image, int32_t rows, int32_t width, uint32_t mode);
 /*

@@ -33,6 +33,8 @@
 #include <stddef.h>
 #include <stdint.h>
 
+#include "kelmtrova/version.h"
+
 #ifdef __cplusplus
 extern "C" {
 #endif

@@ -47,6 +47,8 @@ expect 'enrolled into slot 1 (thumb)' "$prefix/bin/kelmtrova" token enroll --fin
 expect 'the PIN is right' "$prefix/bin/kelmtrova" token pin verify 1234
 
 export PKG_CONFIG_PATH=$prefix/$libdir/pkgconfig
+objcopy -O binary --only-section=.note.kelmtrova "$prefix/$libdir/libkelmtrova.so.1" "$work/note"
+expect "$(tail -c 12 "$work/note" | od -An -v -t u4 | tr -s ' ' . | cut -c 2-)" pkg-config --modversion kelmtrova
 read -ra flags < <(pkg-config --cflags --libs kelmtrova-simulator)
 "${CC:-cc}" -std=c11 -pedantic -Wall -Wextra -Werror "$source/examples/enroll_verify.c" -o "$work/by_pkg_config" \
   "${flags[@]}"
