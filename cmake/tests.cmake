@@ -47,9 +47,9 @@ foreach(folder link token devices middleware tools robustness)
   endif()
 endforeach()
 
-# The sanitizers look at the library as it is shipped only: their builds are slow.
+# The sanitizers look at the library as it is shipped only: their builds are slow. Other processors have one level.
 set(KELMTROVA_LEVEL_NAMES baseline avx2)
-if(KELMTROVA_SANITIZE)
+if(KELMTROVA_SANITIZE OR NOT CMAKE_SYSTEM_PROCESSOR STREQUAL "x86_64")
   set(KELMTROVA_LEVEL_NAMES "")
 endif()
 set(level -1)
