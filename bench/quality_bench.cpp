@@ -7,8 +7,8 @@
 #include <opencv2/core.hpp>
 
 #include "bench/bench.h"
-#include "bench/plain_quality.h"
 #include "kelmtrova/image.h"
+#include "tests/support/plain/quality.h"
 
 namespace kelm::bench {
 namespace {
@@ -46,9 +46,9 @@ const Registration kQuality([] {
     const auto copying = [=] { std::memcpy(copy->data(), image->data(), image->size()); };
     const auto gradients = [=] { ourGradients(image, size); };
     const auto quality = [=] { ourQuality(image, size); };
-    const auto plain = [=] { plainGradients(image->data(), size.height, size.width, kStep); };
+    const auto plain = [=] { plain::gradients(image->data(), size.height, size.width, kStep); };
     const auto plainGrades = [=] {
-      plainQuality(plainGradients(image->data(), size.height, size.width, kStep), size.height, size.width);
+      plain::blockGrades(plain::gradients(image->data(), size.height, size.width, kStep), size.height, size.width);
     };
     const auto reduce = [=] { reduceWithOpenCv(image, size); };
     pairs.push_back({named("FpGetImg4DirectionGradsEx", size), "the literal loop", gradients, plain, 0.125});

@@ -6,8 +6,8 @@
 #include <memory>
 
 #include "bench/bench.h"
-#include "bench/plain_frequency.h"
 #include "kelmtrova/image.h"
+#include "tests/support/plain/frequency.h"
 
 namespace kelm::bench {
 namespace {
@@ -55,7 +55,7 @@ std::vector<Pair> pairs() {
     const std::string name = "FpGetFrequency " + std::to_string(scene->width) + " x " + std::to_string(scene->height);
     result.push_back(
         {name, "plain loop", ours,
-         [scene] { PlainFrequency().run(scene->pixels.data(), scene->height, scene->width, scene->field); }, 0.125});
+         [scene] { plain::Frequency().run(scene->pixels.data(), scene->height, scene->width, scene->field); }, 0.125});
     result.push_back({name + " (for information)", "memcpy", ours,
                       [scene, copy] { std::memcpy(copy->data(), scene->pixels.data(), copy->size()); }, 1e9});
   }

@@ -4,9 +4,10 @@
 #include <cstring>
 
 #include "image/quality/gradients.h"
-#include "image/ridge/smoothing.h"
-#include "image/support/dispatch.h"
-#include "image/support/memory.h"
+#include "image/ridge/mean_smoothing.h"
+#include "image/support/arguments.h"
+#include "image/support/buffer.h"
+#include "image/support/kernel.h"
 #include "kelmtrova/image.h"
 
 namespace kelm::image {
@@ -20,9 +21,10 @@ struct Columns {
   std::uint16_t counts[kMaxStretch];  // cells per dominant direction: 4 bits each, direction 0 lowest
 };
 
-KELM_INLINE void addCellsBody(Columns &columns, const std::uint16_t *const (&values)[kDirections], std::size_t cells) {
-  const std::int16_t *rows[kDirections];
-  for (int d = 0; d < kDirections; ++d) {
+KELM_INLINE void addCellsBody(Columns &columns, const std::uint16_t *const (&values)[kGradientDirections],
+                              std::size_t cells) {
+  const std::int16_t *rows[kGradientDirections];
+  for (int d = 0; d < kGradientDirections; ++d) {
     rows[d] = reinterpret_cast<const std::int16_t *>(values[d]);
   }
   const auto [g0, g1, g2, g3] = rows;
@@ -39,8 +41,7 @@ KELM_INLINE void addCellsBody(Columns &columns, const std::uint16_t *const (&val
     columns.counts[i] = static_cast<std::uint16_t>(columns.counts[i] + count);
   }
 }
-KELM_KERNEL(void, addCells, (Columns & columns, const std::uint16_t *const (&values)[kDirections], std::size_t cells),
-            (columns, values, cells), addCellsBody)
+constexpr auto addCells = kernel<addCellsBody>;
 
 // The grade is the mean of the 16 cells times the coherence, the largest count / 16, in single precision; the product
 // of a mean below 256 and a count of at most 16 is exact there, so integers give the same.
@@ -71,15 +72,15 @@ void gradeStretch(std::uint8_t *grades, const CellSource &source, std::size_t ro
   const std::size_t points = blocks * kBlockCells;
   const GradientGrid &grid = source.grid;
   CellRow cells[2];
-  std::uint16_t strips[kDirections][kMaxStretch];
+  std::uint16_t strips[kGradientDirections][kMaxStretch];
   for (std::size_t blockRow = 0; blockRow < rows; ++blockRow) {
     Columns columns = {};
     for (std::size_t row = blockRow * kBlockCells; row < (blockRow + 1) * kBlockCells; ++row) {
-      const std::uint16_t *values[kDirections] = {strips[0], strips[1], strips[2], strips[3]};
+      const std::uint16_t *values[kGradientDirections] = {strips[0], strips[1], strips[2], strips[3]};
       if (source.maps == nullptr) {
         gradientStretch({strips[0], strips[1], strips[2], strips[3]}, cells, grid, row, first * kBlockCells, points);
       } else {
-        for (int d = 0; d < kDirections; ++d) {
+        for (int d = 0; d < kGradientDirections; ++d) {
           values[d] = source.maps[d] + row * grid.cols + first * kBlockCells;
         }
       }
@@ -87,10 +88,6 @@ void gradeStretch(std::uint8_t *grades, const CellSource &source, std::size_t ro
     }
     gradeBlocks(grades + blockRow * stride + first, columns, blocks);
   }
-}
-
-bool bad(const BlockQualityMap *map, const std::uint8_t *image, std::int16_t height, std::int16_t width) {
-  return map == nullptr || image == nullptr || height < 1 || width < 1;
 }
 
 std::uint32_t blockQuality(BlockQualityMap *map, const std::uint8_t *image, std::int16_t height, std::int16_t width,
@@ -101,14 +98,14 @@ std::uint32_t blockQuality(BlockQualityMap *map, const std::uint8_t *image, std:
   *map = {kBlock, kBlock, static_cast<std::uint16_t>(rows), static_cast<std::uint16_t>(cols),
           allocateZeroed<std::uint8_t>(rows * cols).release()};
   if (map->grades == nullptr) {
-    return 1;
+    return KELM_IMAGE_NO_MEMORY;
   }
   const CellSource source{gradientGrid(image, height, width, static_cast<std::int32_t>(kCell)), maps};
   const std::size_t gradedRows = source.grid.rows / kBlockCells;
   const std::size_t gradedCols = source.grid.cols / kBlockCells;
-  const Block<std::uint8_t> quality = allocate<std::uint8_t>(gradedRows * gradedCols);
+  const Buffer<std::uint8_t> quality = allocate<std::uint8_t>(gradedRows * gradedCols);
   if (!quality) {
-    return 1;
+    return KELM_IMAGE_NO_MEMORY;
   }
   constexpr std::size_t kMaxBlocks = kMaxStretch / kBlockCells;
   for (std::size_t done = 0; done < gradedCols; done += kMaxBlocks) {
@@ -117,13 +114,13 @@ std::uint32_t blockQuality(BlockQualityMap *map, const std::uint8_t *image, std:
   }
   const std::int32_t smoothed = meanSmooth(quality.get(), quality.get(), static_cast<std::int32_t>(gradedRows),
                                            static_cast<std::int32_t>(gradedCols));
-  if (smoothed != 0) {
+  if (smoothed != KELM_IMAGE_OK) {
     return static_cast<std::uint32_t>(smoothed);
   }
   for (std::size_t row = 0; row < gradedRows; ++row) {
     std::memcpy(map->grades + row * cols, quality.get() + row * gradedCols, gradedCols);
   }
-  return 0;
+  return KELM_IMAGE_OK;
 }
 
 }  // namespace
@@ -132,15 +129,18 @@ std::uint32_t blockQuality(BlockQualityMap *map, const std::uint8_t *image, std:
 std::uint32_t ImageBlkQuality(BlockQualityMap *map, const std::uint8_t *image, std::int16_t height, std::int16_t width,
                               std::uint64_t /*reserved*/) {
   using namespace kelm::image;
-  return bad(map, image, height, width) ? 2 : blockQuality(map, image, height, width, nullptr);
+  if (map == nullptr || !isImage(image, height, width)) {
+    return KELM_IMAGE_BAD_ARGUMENT;
+  }
+  return blockQuality(map, image, height, width, nullptr);
 }
 
 std::uint32_t ImageBlkQualityEx(BlockQualityMap *map, const std::uint8_t *image, std::int16_t height,
                                 std::int16_t width, std::uint64_t /*reserved*/, std::uint16_t *const *grads) {
   using namespace kelm::image;
-  if (bad(map, image, height, width) || grads == nullptr ||
-      std::any_of(grads, grads + kDirections, [](const std::uint16_t *values) { return values == nullptr; })) {
-    return 2;
+  if (map == nullptr || !isImage(image, height, width) || grads == nullptr ||
+      std::any_of(grads, grads + kGradientDirections, [](const std::uint16_t *values) { return values == nullptr; })) {
+    return KELM_IMAGE_BAD_ARGUMENT;
   }
   return blockQuality(map, image, height, width, grads);
 }

@@ -4,7 +4,9 @@
 #include <cstring>
 
 #include "image/filters/match.h"
-#include "image/support/dispatch.h"
+#include "image/support/arguments.h"
+#include "image/support/bits.h"
+#include "image/support/kernel.h"
 #include "image/support/sse2.h"
 #include "kelmtrova/image.h"
 
@@ -36,8 +38,7 @@ KELM_INLINE void projectRowsBody(std::uint32_t *sums, const std::uint8_t *image,
     sums[r] = rowSum(image + r * width, width);
   }
 }
-KELM_KERNEL(void, projectRows, (std::uint32_t * sums, const std::uint8_t *image, std::size_t rows, std::size_t width),
-            (sums, image, rows, width), projectRowsBody)
+constexpr auto projectRows = kernel<projectRowsBody>;
 
 // The sum of a column over kRows rows: at most 16 x 255.
 template <std::size_t kRows>
@@ -67,9 +68,7 @@ KELM_INLINE void projectColumnsBody(std::uint32_t *sums, const std::uint8_t *ima
     addColumns<1>(sums, image + r * width, width);
   }
 }
-KELM_KERNEL(void, projectColumns,
-            (std::uint32_t * sums, const std::uint8_t *image, std::size_t rows, std::size_t width),
-            (sums, image, rows, width), projectColumnsBody)
+constexpr auto projectColumns = kernel<projectColumnsBody>;
 
 // One flag per row or column: 1 when it is light.
 KELM_INLINE void flagRowsBody(std::uint8_t *flags, const std::uint8_t *image, std::size_t height, std::size_t width,
@@ -78,10 +77,7 @@ KELM_INLINE void flagRowsBody(std::uint8_t *flags, const std::uint8_t *image, st
     flags[r] = rowSum(image + r * width, width) > threshold ? 1 : 0;
   }
 }
-KELM_KERNEL(void, flagRows,
-            (std::uint8_t * flags, const std::uint8_t *image, std::size_t height, std::size_t width,
-             std::int64_t threshold),
-            (flags, image, height, width, threshold), flagRowsBody)
+constexpr auto flagRows = kernel<flagRowsBody>;
 
 KELM_INLINE void flagColumnsBody(std::uint8_t *__restrict flags, const std::uint8_t *__restrict strip,
                                  std::size_t width, std::int16_t threshold) {
@@ -89,9 +85,7 @@ KELM_INLINE void flagColumnsBody(std::uint8_t *__restrict flags, const std::uint
     flags[c] = columnSum<kStripRows>(strip + c, width) > threshold ? 1 : 0;
   }
 }
-KELM_KERNEL(void, flagColumns,
-            (std::uint8_t * flags, const std::uint8_t *strip, std::size_t width, std::int16_t threshold),
-            (flags, strip, width, threshold), flagColumnsBody)
+constexpr auto flagColumns = kernel<flagColumnsBody>;
 
 // How many runs of flags start in firstStart..lastStart, end (with their last flag) in firstEnd..lastEnd and are at
 // least `least` long. A run that reaches the last entry does not count.
@@ -99,30 +93,19 @@ struct RunRule {
   std::int32_t firstStart, lastStart, firstEnd, lastEnd, least;
 };
 
-std::int32_t countRuns(const std::uint8_t *flags, std::int32_t entries, const RunRule &rule) {
-  const auto size = static_cast<std::size_t>(entries);
-  const Matcher matcher{flags, size, {1, 0}};
+std::int32_t countRuns(const std::uint8_t *flags, std::size_t entries, const RunRule &rule) {
+  const Matcher matcher{flags, entries, {1, 0}};
   std::int32_t count = 0;
-  std::int32_t start = 0;
-  std::uint64_t before = 0;
-  for (std::size_t at = 0; at < size; at += 64) {
-    const std::uint64_t bits = matchFrom(matcher, at);
-    std::uint64_t inside = before;
-    for (std::uint64_t edges = bits ^ (bits << 1 | before); edges != 0; edges &= edges - 1) {
-      const std::int32_t edge = static_cast<std::int32_t>(at) + std::countr_zero(edges);
-      if (inside == 0) {
-        start = edge;
-      } else if (edge < entries) {
-        const std::int32_t end = edge - 1;
-        count += start >= rule.firstStart && start <= rule.lastStart && end >= rule.firstEnd && end <= rule.lastEnd &&
-                         edge - start >= rule.least
+  forEachRun(
+      entries, [&](std::size_t at) { return matchFrom(matcher, at); },
+      [&](std::size_t first, std::size_t end) {
+        const auto start = static_cast<std::int32_t>(first);
+        const auto last = static_cast<std::int32_t>(end) - 1;
+        count += end < entries && start >= rule.firstStart && start <= rule.lastStart && last >= rule.firstEnd &&
+                         last <= rule.lastEnd && last - start >= rule.least - 1
                      ? 1
                      : 0;
-      }
-      inside ^= 1;
-    }
-    before = bits >> 63;
-  }
+      });
   return count;
 }
 
@@ -132,7 +115,7 @@ bool notContinue(const std::uint8_t *image, std::int32_t height, std::int32_t wi
   const auto columns = static_cast<std::size_t>(width);
   flagRows(flags, image, rows, columns, std::int64_t{width - 10} * level);
   const auto printRows = std::count(flags, flags + rows, 0);
-  if (countRuns(flags, height, {4, height - 10, 10, height - 5, 1}) > 0) {
+  if (countRuns(flags, rows, {4, height - 10, 10, height - 5, 1}) > 0) {
     return true;
   }
   // The strips' sums stay below 16 x 255; thresholds beyond say the same as the nearest one there.
@@ -140,7 +123,7 @@ bool notContinue(const std::uint8_t *image, std::int32_t height, std::int32_t wi
   std::int32_t gaps = 0;
   for (std::int32_t strip = 0; strip < height / kStripRows; ++strip) {
     flagColumns(flags, image + static_cast<std::size_t>(strip) * kStripRows * columns, columns, threshold);
-    gaps += countRuns(flags, width, {16, width - 15, 15, width - 16, 7});
+    gaps += countRuns(flags, columns, {16, width - 15, 15, width - 16, 7});
   }
   // Without print rows this is infinite, or, without gaps, no number, which is not greater.
   const float ratio = static_cast<float>(gaps * kStripRows) / static_cast<float>(printRows);
@@ -163,6 +146,6 @@ void Project(std::int32_t *sums, const std::uint8_t *image, std::int32_t rows, s
 
 std::int32_t NotContinue(const std::uint8_t *image, std::int32_t height, std::int32_t width, std::int32_t level) {
   using namespace kelm::image;
-  const bool fits = image != nullptr && height >= 1 && height <= kLargest && width >= 1 && width <= kLargest;
+  const bool fits = isImage(image, height, width) && height <= kLargest && width <= kLargest;
   return fits && notContinue(image, height, width, level) ? 1 : 0;
 }

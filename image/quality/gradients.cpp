@@ -6,8 +6,10 @@
 #include <cstdlib>
 #include <cstring>
 
-#include "image/support/dispatch.h"
-#include "image/support/memory.h"
+#include "image/support/arguments.h"
+#include "image/support/blocks.h"
+#include "image/support/buffer.h"
+#include "image/support/kernel.h"
 #include "image/support/sse2.h"
 #include "image/support/words.h"
 #include "kelmtrova/image.h"
@@ -22,7 +24,7 @@ struct Direction {
   std::ptrdiff_t x;
   std::ptrdiff_t y;
 };
-constexpr Direction kSteps[kDirections] = {{1, 0}, {1, -1}, {0, 1}, {1, 1}};
+constexpr Direction kSteps[kGradientDirections] = {{1, 0}, {1, -1}, {0, 1}, {1, 1}};
 
 // sum / 7 for every sum of seven samples: 9363 is 65536 / 7 rounded up.
 constexpr std::uint32_t seventh(std::uint32_t sum) { return sum * 9363 >> 16; }
@@ -71,35 +73,25 @@ KELM_INLINE void gradientsOf(std::uint16_t *__restrict out, const std::uint8_t (
   }
 }
 
-// `center`: the first of the points, which lie `step` pixels apart; `offset`: from a neighbour to the next one. The
-// last whole chunk overlaps the one before it, so that only fewer than kChunk points in all are taken one by one.
+// `center`: the first of the points, which lie `step` pixels apart; `offset`: from a neighbour to the next one.
 KELM_INLINE void gradientsBody(std::uint16_t *out, const std::uint8_t *center, std::size_t step, std::size_t points,
                                std::ptrdiff_t offset) {
-  std::uint8_t planes[kSamples][kChunk];
-  const std::size_t chunk = std::min(points, kChunk);
-  for (std::size_t done = 0; done < points; done += chunk) {
-    const std::size_t first = std::min(done, points - chunk);
+  inBlocks<kChunk>(points, [=](std::size_t first, std::size_t count) KELM_INLINE_LAMBDA {
+    std::uint8_t planes[kSamples][kChunk];
     for (int k = 0; k < kSamples; ++k) {
       const std::uint8_t *const samples = center + first * step + (k - kSamples / 2) * offset;
-      if (step == 4 && chunk == kChunk) {
+      if (step == 4 && count == kChunk) {
         gatherFourth(planes[k], samples);
       } else {
-        for (std::size_t i = 0; i < chunk; ++i) {
+        for (std::size_t i = 0; i < count; ++i) {
           planes[k][i] = samples[i * step];
         }
       }
     }
-    if (chunk == kChunk) {
-      gradientsOf(out + first, planes, kChunk);
-    } else {
-      gradientsOf(out + first, planes, chunk);
-    }
-  }
+    gradientsOf(out + first, planes, count);
+  });
 }
-KELM_KERNEL(void, gradients,
-            (std::uint16_t * out, const std::uint8_t *center, std::size_t step, std::size_t points,
-             std::ptrdiff_t offset),
-            (out, center, step, points, offset), gradientsBody)
+constexpr auto gradients = kernel<gradientsBody>;
 
 // The gradients along `direction` at points first to last - 1 of a row of the grid, to out[0] and on. Every neighbour
 // of these points must lie inside the picture.
@@ -146,15 +138,11 @@ KELM_INLINE void splitCells(CellRow &row, std::size_t to, const std::uint8_t *pi
 KELM_INLINE void splitRowBody(CellRow &row, const std::uint8_t *pixels, const std::uint8_t *before, std::size_t width,
                               std::size_t cells) {
   splitCells(row, CellRow::kFirst - 1, before, width, 1);
-  for (std::size_t done = 0; done < cells; done += kChunk) {
-    const std::size_t first = std::min(done, cells - kChunk);
-    splitCells(row, CellRow::kFirst + first, pixels + kCell * first, width, kChunk);
-  }
+  inWholeBlocks<kChunk>(cells, [&row, pixels, width](std::size_t first, std::size_t count) KELM_INLINE_LAMBDA {
+    splitCells(row, CellRow::kFirst + first, pixels + kCell * first, width, count);
+  });
 }
-KELM_KERNEL(void, splitRow,
-            (CellRow & row, const std::uint8_t *pixels, const std::uint8_t *before, std::size_t width,
-             std::size_t cells),
-            (row, pixels, before, width, cells), splitRowBody)
+constexpr auto splitRow = kernel<splitRowBody>;
 
 // Not std::max: clang calls it where a function may be replaced when the library is loaded.
 KELM_INLINE std::int16_t larger(std::uint16_t sample, std::int16_t mean) {
@@ -177,12 +165,11 @@ KELM_INLINE void chunkGradients(std::uint16_t *__restrict out, const std::uint16
 
 // The three samples on the way from a point to the next one are neighbours of both. Those to the right, below and below
 // on the right lie in the point's own cell, those below on the left in the cell to its left.
-KELM_INLINE void cellGradientsBody(std::uint16_t *const (&out)[kDirections], const CellRow &above, const CellRow &own,
-                                   std::size_t points) {
+KELM_INLINE void cellGradientsBody(std::uint16_t *const (&out)[kGradientDirections], const CellRow &above,
+                                   const CellRow &own, std::size_t points) {
   const auto &u = above.samples;
   const auto &o = own.samples;
-  for (std::size_t done = 0; done < points; done += kChunk) {
-    const std::size_t to = std::min(done, points - kChunk);
+  inWholeBlocks<kChunk>(points, [&](std::size_t to, std::size_t) KELM_INLINE_LAMBDA {
     const std::size_t at = CellRow::kFirst + to;
     const std::size_t left = at - 1;
     const std::uint16_t *const center = o[0][0] + at;
@@ -194,13 +181,11 @@ KELM_INLINE void cellGradientsBody(std::uint16_t *const (&out)[kDirections], con
                    {u[1][0] + at, u[2][0] + at, u[3][0] + at, o[1][0] + at, o[2][0] + at, o[3][0] + at});
     chunkGradients(out[3] + to, center,
                    {u[1][1] + left, u[2][2] + left, u[3][3] + left, o[1][1] + at, o[2][2] + at, o[3][3] + at});
-  }
+  });
 }
-KELM_KERNEL(void, cellGradients,
-            (std::uint16_t *const (&out)[kDirections], const CellRow &above, const CellRow &own, std::size_t points),
-            (out, above, own, points), cellGradientsBody)
+constexpr auto cellGradients = kernel<cellGradientsBody>;
 
-// The kernels take whole chunks; a row of fewer points gets room for one.
+// The kernels take rows of at least a chunk; one of fewer points gets room for one.
 void readCells(CellRow &cells, const GradientGrid &grid, std::size_t row, std::size_t first, std::size_t points) {
   const std::uint8_t *const pixels = grid.image + (row * grid.width + first) * kCell;
   if (points >= kChunk) {
@@ -215,21 +200,17 @@ void readCells(CellRow &cells, const GradientGrid &grid, std::size_t row, std::s
 }
 
 // Those of the first and the last point of a row of the grid mean nothing.
-void gradientsOfCells(std::uint16_t *const (&out)[kDirections], const CellRow &above, const CellRow &own,
+void gradientsOfCells(std::uint16_t *const (&out)[kGradientDirections], const CellRow &above, const CellRow &own,
                       std::size_t points) {
   if (points >= kChunk) {
     cellGradients(out, above, own, points);
     return;
   }
-  std::uint16_t padded[kDirections][kChunk];
+  std::uint16_t padded[kGradientDirections][kChunk];
   cellGradients({padded[0], padded[1], padded[2], padded[3]}, above, own, kChunk);
-  for (int d = 0; d < kDirections; ++d) {
+  for (int d = 0; d < kGradientDirections; ++d) {
     std::copy_n(padded[d], points, out[d]);
   }
-}
-
-bool bad(const std::uint8_t *image, std::int32_t height, std::int32_t width) {
-  return image == nullptr || height < 1 || width < 1;
 }
 
 }  // namespace
@@ -239,7 +220,7 @@ GradientGrid gradientGrid(const std::uint8_t *image, std::int32_t height, std::i
           static_cast<std::size_t>(height / step), static_cast<std::size_t>(width / step)};
 }
 
-void gradientStretch(std::uint16_t *const (&out)[kDirections], CellRow (&cells)[2], const GradientGrid &grid,
+void gradientStretch(std::uint16_t *const (&out)[kGradientDirections], CellRow (&cells)[2], const GradientGrid &grid,
                      std::size_t row, std::size_t first, std::size_t points) {
   const bool inside = row > 0 && row + 1 < grid.rows;
   if (grid.step == kCell) {
@@ -250,7 +231,7 @@ void gradientStretch(std::uint16_t *const (&out)[kDirections], CellRow (&cells)[
   }
   const std::size_t from = std::max<std::size_t>(first, 1);
   const std::size_t to = std::min(first + points, grid.cols - 1);
-  for (int d = 0; d < kDirections; ++d) {
+  for (int d = 0; d < kGradientDirections; ++d) {
     if (!inside) {
       std::fill_n(out[d], points, 0);
       continue;
@@ -275,29 +256,29 @@ std::uint32_t FpGetImg4DirectionGrads(const std::uint8_t *image, std::int16_t he
   // The last point of a row or column may lie as close as `step` pixels to the far edge, the neighbours reach 3
   // further.
   constexpr int kLeastStep = 4;
-  if (bad(image, height, width) || map == nullptr || step < kLeastStep || direction >= kDirections) {
-    return 2;
+  if (!isImage(image, height, width) || map == nullptr || step < kLeastStep || direction >= kGradientDirections) {
+    return KELM_IMAGE_BAD_ARGUMENT;
   }
   const GradientGrid grid = gradientGrid(image, height, width, step);
-  Block<std::uint16_t> values = allocateZeroed<std::uint16_t>(grid.rows * grid.cols);
+  Buffer<std::uint16_t> values = allocateZeroed<std::uint16_t>(grid.rows * grid.cols);
   for (std::size_t row = 1; values && row < grid.rows; ++row) {
     gradientRow(values.get() + row * grid.cols + 1, grid, row, 1, grid.cols, direction);
   }
   *map = values.release();
-  return *map == nullptr ? 1 : 0;
+  return *map == nullptr ? KELM_IMAGE_NO_MEMORY : KELM_IMAGE_OK;
 }
 
 std::uint16_t **FpGetImg4DirectionGradsEx(const std::uint8_t *image, std::int16_t height, std::int16_t width,
                                           std::uint8_t step) {
   using namespace kelm::image;
   constexpr int kLeastStep = 3;
-  if (bad(image, height, width) || step < kLeastStep) {
+  if (!isImage(image, height, width) || step < kLeastStep) {
     return nullptr;
   }
   const GradientGrid grid = gradientGrid(image, height, width, step);
-  Block<std::uint16_t *> maps = allocate<std::uint16_t *>(kDirections);
-  Block<std::uint16_t> owned[kDirections];
-  for (Block<std::uint16_t> &values : owned) {
+  Buffer<std::uint16_t *> maps = allocate<std::uint16_t *>(kGradientDirections);
+  Buffer<std::uint16_t> owned[kGradientDirections];
+  for (Buffer<std::uint16_t> &values : owned) {
     values = allocate<std::uint16_t>(grid.rows * grid.cols);
     if (!maps || !values) {
       return nullptr;
@@ -313,7 +294,7 @@ std::uint16_t **FpGetImg4DirectionGradsEx(const std::uint8_t *image, std::int16_
                       row, first, points);
     }
   }
-  for (int d = 0; d < kDirections; ++d) {
+  for (int d = 0; d < kGradientDirections; ++d) {
     maps[static_cast<std::size_t>(d)] = owned[d].release();
   }
   return maps.release();

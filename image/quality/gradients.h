@@ -8,7 +8,7 @@
 
 namespace kelm::image {
 
-inline constexpr int kDirections = 4;
+inline constexpr int kGradientDirections = 4;
 
 // A picture with a sample point every `step` pixels; the points of a row of the grid lie on one row of pixels.
 struct GradientGrid {
@@ -35,9 +35,9 @@ struct alignas(64) CellRow {
 };
 
 // The gradients along all directions at a stretch of a row of the grid, 0 at the border of the grid. A stretch starts
-// at point 0 or is kMaxStretch long. Its rows are asked for one after the other from row 0 on: `cells` keeps what the
+// at point 0 or is kMaxStretch long. Its rows are computed one after the other from row 0 on: `cells` keeps what the
 // next one needs.
-void gradientStretch(std::uint16_t *const (&out)[kDirections], CellRow (&cells)[2], const GradientGrid &grid,
+void gradientStretch(std::uint16_t *const (&out)[kGradientDirections], CellRow (&cells)[2], const GradientGrid &grid,
                      std::size_t row, std::size_t first, std::size_t points);
 
 }  // namespace kelm::image

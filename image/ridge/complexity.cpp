@@ -5,7 +5,8 @@
 #include <cstdint>
 #include <cstring>
 
-#include "image/support/dispatch.h"
+#include "image/support/arguments.h"
+#include "image/support/kernel.h"
 #include "image/support/lanes.h"
 #include "kelmtrova/image.h"
 
@@ -59,8 +60,7 @@ KELM_INLINE AreaCounts countRunBody(const std::uint8_t *p, std::size_t n, std::s
   }
   return sum;
 }
-KELM_KERNEL(AreaCounts, countRun, (const std::uint8_t *p, std::size_t n, std::size_t width, std::uint8_t value),
-            (p, n, width, value), countRunBody)
+constexpr auto countRun = kernel<countRunBody>;
 
 AreaCounts countFew(const std::uint8_t *p, std::size_t n, std::size_t width, std::uint8_t value) {
   AreaCounts sum = {0, 0};
@@ -96,10 +96,10 @@ float Complexity(const uint8_t *mask, int16_t height, int16_t width, uint8_t val
   if (mask == nullptr) {
     return -1.0F;
   }
-  const bool empty = height < 1 || width < 1;
-  const AreaCounts counts =
-      empty ? AreaCounts{0, 0}
-            : countAreas(mask, static_cast<std::size_t>(height), static_cast<std::size_t>(width), value);
+  AreaCounts counts = {0, 0};
+  if (isImage(mask, height, width)) {
+    counts = countAreas(mask, static_cast<std::size_t>(height), static_cast<std::size_t>(width), value);
+  }
   const float area = static_cast<float>(counts.area);
   const float boundary = area - static_cast<float>(counts.inner);
   return boundary * boundary / area;

@@ -9,7 +9,7 @@ namespace kelm::image {
 
 constexpr int kProfileReach = 16;                       // samples on either side of the cell
 constexpr int kProfileSamples = 2 * kProfileReach + 1;  // about one pixel apart
-constexpr int kDirections = 181;                        // whole degrees from 0 to 180
+constexpr int kWholeDegrees = 181;                      // from 0 to 180
 
 // The two pairs of points beside a sample that are averaged with it, along the ridge: (u1, v1) and (u2, v2), and the
 // points opposite. Steps are fixed-point products rounded down, so only a handful of spans occur over all directions.

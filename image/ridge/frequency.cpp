@@ -13,8 +13,10 @@
 
 #include "image/ridge/crossing.h"
 #include "image/ridge/period.h"
-#include "image/support/dispatch.h"
-#include "image/support/memory.h"
+#include "image/support/arguments.h"
+#include "image/support/blocks.h"
+#include "image/support/buffer.h"
+#include "image/support/kernel.h"
 #include "image/support/words.h"
 #include "kelmtrova/image.h"
 
@@ -49,12 +51,17 @@ struct MeanPlane {
   bool held[kMostStrips];
 };
 
-struct Directions {
-  Crossing crossing[kDirections];
-  std::int32_t offsets[kDirections][kProfileSamples];  // of the samples, from the cell's first pixel
-  std::uint8_t plane[kDirections];                     // which plane holds the means
+struct Workspace {
+  // For each direction that occurs in the field: where its profiles are sampled, from the cell's first pixel, and which
+  // plane holds the means.
+  Crossing crossing[kWholeDegrees];
+  std::int32_t offsets[kWholeDegrees][kProfileSamples];
+  std::uint8_t plane[kWholeDegrees];
+
   MeanPlane planes[kMostSpans];
   int planeCount;
+  bool needed[kMostSpans][kMostStrips];   // strips of the planes that the present band reaches
+  std::uint8_t pending[kMostBlocks];      // direction of each block of the present row that is not yet sampled
   std::uint8_t profile[kProfileSamples];  // of the cell visited last
 };
 
@@ -64,66 +71,55 @@ int directionOf(const FingerprintBlockField *field, int by, int bx) {
   return foldDirection(field->data[static_cast<std::ptrdiff_t>(row) * field->cols + col]);
 }
 
-int planeOf(Directions *directions, const RidgeSpan &span) {
+int planeOf(Workspace *workspace, const RidgeSpan &span) {
   int i = 0;
-  while (i < directions->planeCount && !(directions->planes[i].span == span)) {
+  while (i < workspace->planeCount && !(workspace->planes[i].span == span)) {
     ++i;
   }
-  if (i == directions->planeCount) {
-    directions->planes[i].span = span;
-    ++directions->planeCount;
+  if (i == workspace->planeCount) {
+    workspace->planes[i].span = span;
+    ++workspace->planeCount;
   }
   return i;
 }
 
-void makeCrossings(Directions *directions, const Picture &picture, const FingerprintBlockField *field) {
+void makeCrossings(Workspace *workspace, const Picture &picture, const FingerprintBlockField *field) {
   for (int by = 0; by < std::min<int>(picture.blockRows, field->rows); ++by) {
     for (int bx = 0; bx < std::min<int>(picture.blockCols, field->cols); ++bx) {
       const int d = directionOf(field, by, bx);
-      Crossing *crossing = &directions->crossing[d];
+      Crossing *crossing = &workspace->crossing[d];
       if (!crossing->known) {
         makeCrossing(crossing, d);
-        directions->plane[d] = static_cast<std::uint8_t>(planeOf(directions, crossing->span));
+        workspace->plane[d] = static_cast<std::uint8_t>(planeOf(workspace, crossing->span));
         for (int i = 0; i < kProfileSamples; ++i) {
-          directions->offsets[d][i] = crossing->dy[i] * picture.width + crossing->dx[i];
+          workspace->offsets[d][i] = crossing->dy[i] * picture.width + crossing->dx[i];
         }
       }
     }
   }
 }
 
-KELM_INLINE void fiveMeansOf(std::uint8_t *__restrict means, const std::uint8_t *__restrict pixels,
-                             std::ptrdiff_t count, std::ptrdiff_t near, std::ptrdiff_t far) {
+KELM_INLINE void fiveMeansOf(std::uint8_t *__restrict means, const std::uint8_t *__restrict pixels, std::size_t count,
+                             std::ptrdiff_t near, std::ptrdiff_t far) {
   constexpr std::uint32_t kFifth = 13108;  // 2^16 / 5, rounded up: exact for sums up to 5 x 255
-  for (std::ptrdiff_t i = 0; i < count; ++i) {
-    const std::uint16_t sum =
-        static_cast<std::uint16_t>(pixels[i] + pixels[i + near] + pixels[i - near] + pixels[i + far] + pixels[i - far]);
+  for (std::size_t i = 0; i < count; ++i) {
+    const std::uint8_t *const p = pixels + i;
+    const auto sum = static_cast<std::uint16_t>(p[0] + p[near] + p[-near] + p[far] + p[-far]);
     means[i] = static_cast<std::uint8_t>(sum * kFifth >> 16);
   }
 }
 
-// The means of a part of the image, whose rows lie `width` apart as those of the image do. In chunks, of which the last
-// overlaps the one before.
+// The means of a part of the image, whose rows lie `width` apart as those of the image do.
 KELM_INLINE void fiveMeansBody(std::uint8_t *means, const std::uint8_t *pixels, std::ptrdiff_t width,
-                               std::ptrdiff_t rows, std::ptrdiff_t cols, const RidgeSpan &span) {
-  constexpr std::ptrdiff_t kChunk = 32;
+                               std::ptrdiff_t rows, std::size_t cols, const RidgeSpan &span) {
   const std::ptrdiff_t near = span.v1 * width + span.u1;
   const std::ptrdiff_t far = span.v2 * width + span.u2;
   for (; rows > 0; --rows, means += width, pixels += width) {
-    if (cols < kChunk) {
-      fiveMeansOf(means, pixels, cols, near, far);
-      continue;
-    }
-    for (std::ptrdiff_t i = 0; i < cols; i += kChunk) {
-      const std::ptrdiff_t from = std::min(i, cols - kChunk);
-      fiveMeansOf(means + from, pixels + from, kChunk, near, far);
-    }
+    inBlocks<32>(cols, [=](std::size_t first, std::size_t count)
+                           KELM_INLINE_LAMBDA { fiveMeansOf(means + first, pixels + first, count, near, far); });
   }
 }
-KELM_KERNEL(void, fiveMeans,
-            (std::uint8_t * means, const std::uint8_t *pixels, std::ptrdiff_t width, std::ptrdiff_t rows,
-             std::ptrdiff_t cols, const RidgeSpan &span),
-            (means, pixels, width, rows, cols, span), fiveMeansBody)
+constexpr auto fiveMeans = kernel<fiveMeansBody>;
 
 // Makes the plane hold the rows `first` to `end` - 1 of the strips that are needed. The pixels nearest to the border
 // have no five points.
@@ -150,7 +146,7 @@ void holdRows(MeanPlane *plane, const Picture &picture, const bool *needed, int 
     const int right = std::min(s * kStrip, picture.width - kSpanReach);
     if (needed[start] && left < right) {
       fiveMeans(plane->means + done * width + left, picture.pixels + (first + done) * width + left, width,
-                end - first - done, right - left, plane->span);
+                end - first - done, static_cast<std::size_t>(right - left), plane->span);
     }
   }
   std::memcpy(plane->held, needed, sizeof plane->held);
@@ -238,15 +234,14 @@ struct Lane {
 };
 
 // One cell near the border, after the cell whose profile is given: a sample without a point inside keeps its value.
-void sampleCell(Lane profile, Lane previous, const Picture &picture, const Directions &directions, int d, int x,
-                int y) {
-  const Crossing &crossing = directions.crossing[d];
-  const MeanPlane &plane = directions.planes[directions.plane[d]];
+void sampleCell(Lane profile, Lane previous, const Picture &picture, const Workspace &workspace, int d, int x, int y) {
+  const Crossing &crossing = workspace.crossing[d];
+  const MeanPlane &plane = workspace.planes[workspace.plane[d]];
   const Range some = shorten({0, kProfileSamples}, picture, crossing, x, y, -kSpanReach);
   const Range whole = shorten(some, picture, crossing, x, y, kSpanReach);
   const std::ptrdiff_t cell = static_cast<std::ptrdiff_t>(y - plane.first) * picture.width + x;
   const std::uint8_t *const means = plane.means;
-  const std::int32_t *const offsets = directions.offsets[d];
+  const std::int32_t *const offsets = workspace.offsets[d];
   const auto nearBorder = [&](int first, int end) {
     for (int i = first; i < end; ++i) {
       const bool reached = i >= some.first && i < some.end;
@@ -264,37 +259,37 @@ void sampleCell(Lane profile, Lane previous, const Picture &picture, const Direc
 
 // The profiles of a block row: blocks away from the border in any order, then the other cells in the order of visits,
 // because a sample without a point inside the image keeps the value of the cell before.
-void sampleBlockRow(ProfileBatch *batches, Directions *directions, const Picture &picture,
+void sampleBlockRow(ProfileBatch *batches, Workspace *workspace, const Picture &picture,
                     const FingerprintBlockField *field, int by) {
-  constexpr std::uint8_t kSampled = kDirections;  // in place of the direction
-  std::uint8_t pending[kMostBlocks];
+  constexpr std::uint8_t kSampled = kWholeDegrees;  // in place of the direction
+  std::uint8_t *const pending = workspace->pending;
   const int y = by * kBlock;
   for (int bx = 0; bx < picture.blockCols; ++bx) {
     const int d = directionOf(field, by, bx);
     pending[bx] = static_cast<std::uint8_t>(d);
-    if (isInterior(picture, directions->crossing[d], bx * kBlock, y)) {
-      const MeanPlane &plane = directions->planes[directions->plane[d]];
+    if (isInterior(picture, workspace->crossing[d], bx * kBlock, y)) {
+      const MeanPlane &plane = workspace->planes[workspace->plane[d]];
       sampleBlock(profileOf(batches, bx, 0),
                   plane.means + static_cast<std::ptrdiff_t>(y - plane.first) * picture.width + bx * kBlock,
-                  directions->offsets[d], picture.width);
+                  workspace->offsets[d], picture.width);
       pending[bx] = kSampled;
     }
   }
   const auto laneOf = [batches](int cy, int cx) {
     return Lane{profileOf(batches, cx / 2, cy % 2 * 2 + cx % 2), kPeriodLanes};
   };
-  Lane previous = {directions->profile, 1};
+  Lane previous = {workspace->profile, 1};
   for (int cy = 2 * by; cy < std::min(2 * by + 2, picture.cellRows); ++cy) {
     for (int cx = 0; cx < picture.cellCols; ++cx) {
       const Lane profile = laneOf(cy, cx);
       if (pending[cx / 2] != kSampled) {
-        sampleCell(profile, previous, picture, *directions, pending[cx / 2], cx * kCell, cy * kCell);
+        sampleCell(profile, previous, picture, *workspace, pending[cx / 2], cx * kCell, cy * kCell);
       }
       previous = profile;
     }
   }
   for (int i = 0; i < kProfileSamples; ++i) {
-    directions->profile[i] = previous[i];
+    workspace->profile[i] = previous[i];
   }
 }
 
@@ -316,53 +311,54 @@ void storePeriods(std::uint8_t *map, const ProfileBatch *batches, const Picture 
 }
 
 // Of every plane, the strips that the profiles of these block rows reach.
-void holdBand(Directions *directions, const Picture &picture, const FingerprintBlockField *field, int firstBlock,
+void holdBand(Workspace *workspace, const Picture &picture, const FingerprintBlockField *field, int firstBlock,
               int endBlock) {
-  bool needed[kMostSpans][kMostStrips] = {};
+  auto &needed = workspace->needed;
+  std::memset(needed, 0, sizeof needed);
   for (int by = firstBlock; by < endBlock; ++by) {
     for (int bx = 0; bx < picture.blockCols; ++bx) {
       const int d = directionOf(field, by, bx);
-      const Crossing &crossing = directions->crossing[d];
+      const Crossing &crossing = workspace->crossing[d];
       const int left = std::max(bx * kBlock + crossing.minX, 0);
       const int right = std::min(bx * kBlock + kCell + crossing.maxX, picture.width - 1);
       for (int s = left / kStrip; s <= right / kStrip; ++s) {
-        needed[directions->plane[d]][s] = true;
+        needed[workspace->plane[d]][s] = true;
       }
     }
   }
-  for (int i = 0; i < directions->planeCount; ++i) {
-    holdRows(&directions->planes[i], picture, needed[i], firstBlock * kBlock - kProfileReach,
+  for (int i = 0; i < workspace->planeCount; ++i) {
+    holdRows(&workspace->planes[i], picture, needed[i], firstBlock * kBlock - kProfileReach,
              endBlock * kBlock + kProfileReach);
   }
 }
 
 std::int32_t fillFrequencyMap(std::uint8_t *map, const Picture &picture, const FingerprintBlockField *field) {
-  const Block<Directions> directions = allocateZeroed<Directions>(1);
-  if (!directions) {
-    return 1;
+  const Buffer<Workspace> workspace = allocateZeroed<Workspace>(1);
+  if (!workspace) {
+    return KELM_IMAGE_NO_MEMORY;
   }
-  makeCrossings(directions.get(), picture, field);
+  makeCrossings(workspace.get(), picture, field);
   const std::size_t batchCount = static_cast<std::size_t>((picture.blockCols + kBatchBlocks - 1) / kBatchBlocks);
   const std::size_t planeSize =
       static_cast<std::size_t>(std::min(kBandRows, picture.height)) * static_cast<std::size_t>(picture.width) +
       kReadAhead;
-  const Block<ProfileBatch> batches = allocateZeroed<ProfileBatch>(batchCount);
-  const Block<std::uint8_t> means =
-      allocate<std::uint8_t>(planeSize * static_cast<std::size_t>(directions[0].planeCount));
+  const Buffer<ProfileBatch> batches = allocateZeroed<ProfileBatch>(batchCount);
+  const Buffer<std::uint8_t> means =
+      allocate<std::uint8_t>(planeSize * static_cast<std::size_t>(workspace[0].planeCount));
   if (!batches || !means) {
-    return 1;
+    return KELM_IMAGE_NO_MEMORY;
   }
-  for (int i = 0; i < directions[0].planeCount; ++i) {
-    directions[0].planes[i].means = means.get() + planeSize * static_cast<std::size_t>(i);
+  for (int i = 0; i < workspace[0].planeCount; ++i) {
+    workspace[0].planes[i].means = means.get() + planeSize * static_cast<std::size_t>(i);
   }
   for (int by = 0; by < picture.blockRows; ++by) {
     if (by % kBandBlocks == 0) {
-      holdBand(directions.get(), picture, field, by, std::min(by + kBandBlocks, picture.blockRows));
+      holdBand(workspace.get(), picture, field, by, std::min(by + kBandBlocks, picture.blockRows));
     }
-    sampleBlockRow(batches.get(), directions.get(), picture, field, by);
+    sampleBlockRow(batches.get(), workspace.get(), picture, field, by);
     storePeriods(map, batches.get(), picture, by);
   }
-  return 0;
+  return KELM_IMAGE_OK;
 }
 
 }  // namespace
@@ -371,20 +367,20 @@ std::int32_t fillFrequencyMap(std::uint8_t *map, const Picture &picture, const F
 int32_t FpGetFrequency(const uint8_t *image, int16_t height, int16_t width, const FingerprintBlockField *field,
                        uint8_t **map) {
   using namespace kelm::image;
-  if (image == nullptr || field == nullptr || map == nullptr || height < 1 || width < 1 || field->data == nullptr ||
-      field->rows == 0 || field->cols == 0) {
-    return 2;
+  if (!isImage(image, height, width) || field == nullptr || map == nullptr ||
+      !isImage(field->data, field->rows, field->cols)) {
+    return KELM_IMAGE_BAD_ARGUMENT;
   }
   const int cellRows = height / kCell;
   const int cellCols = width / kCell;
-  const std::size_t cells = static_cast<std::size_t>(cellRows) * static_cast<std::size_t>(cellCols);
+  const std::size_t cells = sampleCount(cellRows, cellCols);
   *map = allocate<std::uint8_t>(cells).release();
   if (*map == nullptr) {
-    return 1;
+    return KELM_IMAGE_NO_MEMORY;
   }
   std::memset(*map, kNoPeriod, cells);
   if (cells == 0) {
-    return 0;
+    return KELM_IMAGE_OK;
   }
   const Picture picture = {image, height, width, cellRows, cellCols, (cellRows + 1) / 2, (cellCols + 1) / 2};
   return fillFrequencyMap(*map, picture, field);

@@ -3,7 +3,7 @@
 
 #include <cstring>
 
-#include "image/support/dispatch.h"
+#include "image/support/kernel.h"
 
 namespace kelm::image {
 namespace {
@@ -22,10 +22,7 @@ KELM_INLINE void productRowBody(std::int32_t *__restrict products, std::int32_t 
   }
   products[width - 1] = differences[width - 1] = 0;
 }
-KELM_KERNEL(void, productRow,
-            (std::int32_t * products, std::int32_t *differences, const std::uint8_t *above, const std::uint8_t *row,
-             const std::uint8_t *below, std::size_t width),
-            (products, differences, above, row, below, width), productRowBody)
+constexpr auto productRow = kernel<productRowBody>;
 
 }  // namespace
 

@@ -19,26 +19,26 @@ int afterFlat(const std::uint32_t *heights, int start) {
 
 }  // namespace
 
-void scanExtremes(Extremes *extremes, const std::uint32_t *heights, int start, int end) {
-  extremes->valleys.count = 0;
-  extremes->peaks.count = 0;
+void scanExtrema(Extrema *extrema, const std::uint32_t *heights, int start, int end) {
+  extrema->valleys.count = 0;
+  extrema->peaks.count = 0;
   const auto h = [heights](int i) { return heightAt(heights, i); };
   for (int i = start; i <= end; ++i) {
     if (h(i) < h(i - 1) && h(i) < h(i + 1)) {
-      append(&extremes->valleys, i);
+      append(&extrema->valleys, i);
     } else if (h(i) < h(i - 1) && h(i) == h(i + 1)) {
       const int j = afterFlat(heights, i);
       if (h(j) > h(j - 1)) {
-        append(&extremes->valleys, (i + j) >> 1);
+        append(&extrema->valleys, (i + j) >> 1);
       }
       i = j - 1;
     }
     if (h(i) > h(i - 1) && h(i) > h(i + 1)) {
-      append(&extremes->peaks, i);
+      append(&extrema->peaks, i);
     } else if (h(i) > h(i - 1) && h(i) == h(i + 1)) {
       const int j = afterFlat(heights, i);
       if (h(j) < h(j - 1)) {
-        append(&extremes->peaks, (i + j) >> 1);
+        append(&extrema->peaks, (i + j) >> 1);
       }
       i = j - 1;
     }

@@ -15,14 +15,14 @@ struct Positions {
   int count;
 };
 
-struct Extremes {
+struct Extrema {
   Positions valleys;
   Positions peaks;
 };
 
 // The local minima and maxima of a table of 256 heights from index `start` to index `end`; a flat stretch counts once,
 // at its middle. Heights outside the table are 0.
-void scanExtremes(Extremes *extremes, const std::uint32_t *heights, int start, int end);
+void scanExtrema(Extrema *extrema, const std::uint32_t *heights, int start, int end);
 
 // The height at an index that may lie outside the table.
 inline std::uint32_t heightAt(const std::uint32_t *heights, int index) {

@@ -38,9 +38,9 @@ void removeAt(Positions *positions, int index) {
 
 // Drops the peaks whose valley of the same index lies above 70 % of their height; a valley that is missing has height
 // 0.
-void pruneWeakPeaks(Extremes *extremes, const std::uint32_t *h) {
-  Positions *peaks = &extremes->peaks;
-  Positions *valleys = &extremes->valleys;
+void pruneWeakPeaks(Extrema *extrema, const std::uint32_t *h) {
+  Positions *peaks = &extrema->peaks;
+  Positions *valleys = &extrema->valleys;
   for (int p = 0; p < peaks->count;) {
     const std::uint32_t height = h[peaks->at[p]];
     const bool bare = p + 1 == peaks->count || p >= valleys->count;
@@ -72,9 +72,9 @@ int highestPeak(const Positions &peaks, const std::uint32_t *h) {
 }
 
 // A histogram without a peak has its threshold at 0.
-int initialThreshold(const Extremes &extremes, const std::uint32_t *h) {
-  const Positions &peaks = extremes.peaks;
-  const Positions &valleys = extremes.valleys;
+int initialThreshold(const Extrema &extrema, const std::uint32_t *h) {
+  const Positions &peaks = extrema.peaks;
+  const Positions &valleys = extrema.valleys;
   const int firstPeak = peaks.count > 0 ? peaks.at[0] : 0;
   const int firstValley = valleys.count > 0 ? valleys.at[0] : 0;
   if (peaks.count <= 1) {
@@ -100,9 +100,9 @@ int halfHeight(const std::uint32_t *h, int peak, int limit, int step) {
 }
 
 // Moves the threshold to 2.5 standard deviations below the foreground's peak, the first one above the threshold.
-int belowForeground(const Extremes &extremes, const std::uint32_t *h, int threshold) {
-  const Positions &peaks = extremes.peaks;
-  const Positions &valleys = extremes.valleys;
+int belowForeground(const Extrema &extrema, const std::uint32_t *h, int threshold) {
+  const Positions &peaks = extrema.peaks;
+  const Positions &valleys = extrema.valleys;
   int p = 0;
   while (p < peaks.count && peaks.at[p] <= threshold) {
     ++p;
@@ -126,10 +126,10 @@ int modeThreshold(std::uint32_t *counters) {
   smoothHistogram(counters);
   counters[0] = 0;
   subtractMean(counters);
-  Extremes extremes;
-  scanExtremes(&extremes, counters, 1, kShapeLevels - 2);
-  pruneWeakPeaks(&extremes, counters);
-  const int bin = belowForeground(extremes, counters, initialThreshold(extremes, counters));
+  Extrema extrema;
+  scanExtrema(&extrema, counters, 1, kShapeLevels - 2);
+  pruneWeakPeaks(&extrema, counters);
+  const int bin = belowForeground(extrema, counters, initialThreshold(extrema, counters));
   return static_cast<std::int16_t>(0.8 * (2 * bin));
 }
 

@@ -10,7 +10,8 @@
 #include "image/filters/local_sums.h"
 #include "image/ridge/gradient_products.h"
 #include "image/support/angles.h"
-#include "image/support/memory.h"
+#include "image/support/arguments.h"
+#include "image/support/buffer.h"
 #include "kelmtrova/image.h"
 
 namespace kelm::image {
@@ -20,37 +21,37 @@ constexpr int kBlocksTogether = 64;
 
 struct Grid {
   int rows, cols;
-  std::size_t count() const { return static_cast<std::size_t>(rows) * static_cast<std::size_t>(cols); }
+  std::size_t count() const { return sampleCount(rows, cols); }
 };
 
 struct Products {
-  Block<std::int32_t> products;
-  Block<std::int32_t> differences;
+  Buffer<std::int32_t> products;
+  Buffer<std::int32_t> differences;
 };
 
 // What a call makes, until it is handed over.
 struct Fields {
   Products sums;
-  Block<std::int16_t> direction8;
-  Block<std::int16_t> orientGrad;
-  Block<std::int16_t> direction16;
+  Buffer<std::int16_t> direction8;
+  Buffer<std::int16_t> orientGrad;
+  Buffer<std::int16_t> direction16;
 };
 
 // Averages doubled angles (radians) as vectors over a box and writes directions in degrees.
 std::int32_t smoothDirection(const float *angles, std::int16_t *directions, std::uint8_t window, const Grid &grid) {
   const std::size_t n = grid.count();
-  const Block<float> cosines = allocate<float>(n);
-  const Block<float> sines = allocate<float>(n);
+  const Buffer<float> cosines = allocate<float>(n);
+  const Buffer<float> sines = allocate<float>(n);
   if (!cosines || !sines) {
-    return 1;
+    return KELM_IMAGE_NO_MEMORY;
   }
   cosinesAndSines(cosines.get(), sines.get(), angles, n);
   if (imageLocalSum(cosines.get(), cosines.get(), grid.rows, grid.cols, window, window) != 0 ||
       imageLocalSum(sines.get(), sines.get(), grid.rows, grid.cols, window, window) != 0) {
-    return 1;
+    return KELM_IMAGE_NO_MEMORY;
   }
   halfPointAngles(directions, sines.get(), cosines.get(), n);
-  return 0;
+  return KELM_IMAGE_OK;
 }
 
 // The doubled angle at the centre of every block of `step` samples, into rows of `stride` angles.
@@ -77,7 +78,7 @@ std::int32_t makeProducts(Products *sums, const std::uint8_t *image, const Grid 
   sums->products = allocate<std::int32_t>(size.count());
   sums->differences = allocate<std::int32_t>(size.count());
   if (!sums->products || !sums->differences) {
-    return 1;
+    return KELM_IMAGE_NO_MEMORY;
   }
   std::int32_t *const products = sums->products.get();
   std::int32_t *const differences = sums->differences.get();
@@ -85,7 +86,7 @@ std::int32_t makeProducts(Products *sums, const std::uint8_t *image, const Grid 
                    static_cast<std::size_t>(size.cols));
   const bool summed = imageLocalSum(products, products, size.rows, size.cols, window, window) == 0 &&
                       imageLocalSum(differences, differences, size.rows, size.cols, window, window) == 0;
-  return summed ? 0 : 1;
+  return summed ? KELM_IMAGE_OK : KELM_IMAGE_NO_MEMORY;
 }
 
 std::int32_t angleDifference(std::int32_t a, std::int32_t b) {
@@ -112,10 +113,10 @@ void directionChanges(std::uint16_t *changes, const std::int16_t *directions, co
 
 // Two passes of 3 x 3 sums weigh a 5 x 5 neighbourhood with 1, 2, 3, 2, 1 along each axis, 81 in all. Null without
 // memory.
-Block<std::int16_t> orientationChange(const std::int16_t *directions, const Grid &grid) {
+Buffer<std::int16_t> orientationChange(const std::int16_t *directions, const Grid &grid) {
   const std::size_t n = grid.count();
-  Block<std::int16_t> samples = allocateZeroed<std::int16_t>(n);
-  const Block<std::uint16_t> once = allocateZeroed<std::uint16_t>(n);
+  Buffer<std::int16_t> samples = allocateZeroed<std::int16_t>(n);
+  const Buffer<std::uint16_t> once = allocateZeroed<std::uint16_t>(n);
   if (!samples || !once) {
     return nullptr;
   }
@@ -134,19 +135,19 @@ Block<std::int16_t> orientationChange(const std::int16_t *directions, const Grid
 std::int32_t makeFields8(Fields *fields, const Grid &image) {
   const Grid grid = {image.rows / 4, image.cols / 4};
   const std::size_t n = grid.count();
-  const Block<float> angles = allocate<float>(n);
-  const Block<std::int16_t> unsmoothed = allocate<std::int16_t>(n);
+  const Buffer<float> angles = allocate<float>(n);
+  const Buffer<std::int16_t> unsmoothed = allocate<std::int16_t>(n);
   fields->direction8 = allocate<std::int16_t>(n);
   if (!angles || !unsmoothed || !fields->direction8) {
-    return 1;
+    return KELM_IMAGE_NO_MEMORY;
   }
   blockAngles(angles.get(), static_cast<std::size_t>(grid.cols), fields->sums, image, 4);
   halfAngles(unsmoothed.get(), angles.get(), n);
   if (smoothDirection(angles.get(), fields->direction8.get(), 5, grid) != 0) {
-    return 1;
+    return KELM_IMAGE_NO_MEMORY;
   }
   fields->orientGrad = orientationChange(unsmoothed.get(), grid);
-  return fields->orientGrad ? 0 : 1;
+  return fields->orientGrad ? KELM_IMAGE_OK : KELM_IMAGE_NO_MEMORY;
 }
 
 // The image may end one column or row of blocks early; the last one of the grid repeats its neighbour then.
@@ -154,9 +155,9 @@ std::int32_t makeField16(Fields *fields, const Grid &image, const Grid &grid) {
   const std::size_t cols = static_cast<std::size_t>(grid.cols);
   const std::size_t n = grid.count();
   fields->direction16 = allocate<std::int16_t>(n);
-  const Block<float> angles = allocateZeroed<float>(n);
+  const Buffer<float> angles = allocateZeroed<float>(n);
   if (!fields->direction16 || !angles) {
-    return 1;
+    return KELM_IMAGE_NO_MEMORY;
   }
   blockAngles(angles.get(), cols, fields->sums, image, 8);
   if (grid.cols > image.cols / 8) {
@@ -190,7 +191,7 @@ int32_t FingerprintGetDirectionFloat(const uint8_t *image, uint16_t height, uint
   const Grid grid16 = {(fullHeight + 15) >> 4, (fullWidth + 15) >> 4};
   if (image == nullptr || products == nullptr || differences == nullptr || direction8 == nullptr ||
       orientGrad == nullptr || direction16 == nullptr || !fits(grid16.rows, height) || !fits(grid16.cols, width)) {
-    return 2;
+    return KELM_IMAGE_BAD_ARGUMENT;
   }
   const std::uint16_t rows8 = height / 4;
   const std::uint16_t cols8 = width / 4;
@@ -200,7 +201,7 @@ int32_t FingerprintGetDirectionFloat(const uint8_t *image, uint16_t height, uint
   Fields fields = {};
   if (makeProducts(&fields.sums, image, size, smoothWindow) != 0 || makeFields8(&fields, size) != 0 ||
       makeField16(&fields, size, grid16) != 0) {
-    return 1;
+    return KELM_IMAGE_NO_MEMORY;
   }
   *products = fields.sums.products.release();
   *differences = fields.sums.differences.release();
@@ -208,13 +209,13 @@ int32_t FingerprintGetDirectionFloat(const uint8_t *image, uint16_t height, uint
   orientGrad->data = fields.orientGrad.release();
   *direction16 = {16, static_cast<std::uint16_t>(grid16.rows), static_cast<std::uint16_t>(grid16.cols),
                   fields.direction16.release()};
-  return 0;
+  return KELM_IMAGE_OK;
 }
 
 int32_t FingerprintOrientGrad(FingerprintBlockField *output, const FingerprintBlockField *input) {
   using namespace kelm::image;
   if (output == nullptr || input == nullptr || input->data == nullptr) {
-    return 2;
+    return KELM_IMAGE_BAD_ARGUMENT;
   }
   // The output may be the input, or share its samples: these are released when they have been read.
   const FingerprintBlockField source = *input;
@@ -222,13 +223,13 @@ int32_t FingerprintOrientGrad(FingerprintBlockField *output, const FingerprintBl
     std::free(output->data);
     output->data = nullptr;
   }
-  Block<std::int16_t> changes = orientationChange(source.data, {source.rows, source.cols});
+  Buffer<std::int16_t> changes = orientationChange(source.data, {source.rows, source.cols});
   if (!changes) {
-    return 1;
+    return KELM_IMAGE_NO_MEMORY;
   }
   std::free(output->data);
   *output = {source.blockSize, source.rows, source.cols, changes.release()};
-  return 0;
+  return KELM_IMAGE_OK;
 }
 
 int32_t AngleDiffAbs(int32_t a, int32_t b) { return kelm::image::angleDifference(a, b); }

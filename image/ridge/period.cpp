@@ -5,7 +5,7 @@
 
 #include <cstring>
 
-#include "image/support/dispatch.h"
+#include "image/support/kernel.h"
 #include "image/support/lanes.h"
 
 namespace kelm::image {
@@ -17,24 +17,24 @@ using Lanes = std::uint8_t[kPeriodLanes];
 constexpr int kSlots = kProfileSamples / 2;
 
 // The peaks of the profiles, or the valleys.
-struct Turns {
+struct Extrema {
   Lanes count;
   Lanes last;   // position of the last one; 0 when there is none yet
   Lanes range;  // from the first to the last
   Lanes gap[kSlots];
 };
 
-KELM_INLINE void note(Turns *turns, int slot, int lane, std::uint8_t found, std::uint8_t position) {
-  const std::uint8_t last = turns->last[lane];
+KELM_INLINE void note(Extrema *extrema, int slot, int lane, std::uint8_t found, std::uint8_t position) {
+  const std::uint8_t last = extrema->last[lane];
   const std::uint8_t gap = static_cast<std::uint8_t>((position - last) & found & mask(last != 0));
-  turns->gap[slot][lane] = static_cast<std::uint8_t>(turns->gap[slot][lane] | gap);
-  turns->range[lane] = static_cast<std::uint8_t>(turns->range[lane] + gap);
-  turns->last[lane] = choose(found, position, last);
-  turns->count[lane] = static_cast<std::uint8_t>(turns->count[lane] - found);
+  extrema->gap[slot][lane] = static_cast<std::uint8_t>(extrema->gap[slot][lane] | gap);
+  extrema->range[lane] = static_cast<std::uint8_t>(extrema->range[lane] + gap);
+  extrema->last[lane] = choose(found, position, last);
+  extrema->count[lane] = static_cast<std::uint8_t>(extrema->count[lane] - found);
 }
 
 // A peak is a stretch of equal samples that was climbed to and is left downward; it stands at the stretch's middle.
-KELM_INLINE void findTurns(Turns *peaks, Turns *valleys, const ProfileBatch *profiles) {
+KELM_INLINE void findExtrema(Extrema *peaks, Extrema *valleys, const ProfileBatch *profiles) {
   const auto &p = profiles->samples;
   Lanes start;
   Lanes climbed;
@@ -61,7 +61,7 @@ KELM_INLINE void findTurns(Turns *peaks, Turns *valleys, const ProfileBatch *pro
 }
 
 // The gaps that the period is taken from: those of the peaks if there are more than two, else those of the valleys.
-KELM_INLINE void chooseGaps(Lanes *gaps, const Turns *peaks, const Turns *valleys, int *smallest, int *largest) {
+KELM_INLINE void chooseGaps(Lanes *gaps, const Extrema *peaks, const Extrema *valleys, int *smallest, int *largest) {
   Lanes low;
   Lanes high;
   std::memset(low, 255, sizeof low);
@@ -107,11 +107,11 @@ KELM_INLINE void commonGap(std::uint8_t *common, const Lanes *gaps, int smallest
 
 // Positions stay below 32, so neither 8 x period nor 2 x (8 x span / 3) reaches 255.
 KELM_INLINE void ridgePeriodsBody(std::uint8_t *values, const ProfileBatch *profiles) {
-  Turns peaks;
-  Turns valleys;
+  Extrema peaks;
+  Extrema valleys;
   std::memset(&peaks, 0, sizeof peaks);
   std::memset(&valleys, 0, sizeof valleys);
-  findTurns(&peaks, &valleys, profiles);
+  findExtrema(&peaks, &valleys, profiles);
 
   Lanes gaps[kSlots];
   Lanes common;
@@ -137,11 +137,8 @@ KELM_INLINE void ridgePeriodsBody(std::uint8_t *values, const ProfileBatch *prof
   }
 }
 
-KELM_KERNEL(void, ridgePeriodsKernel, (std::uint8_t * values, const ProfileBatch *profiles), (values, profiles),
-            ridgePeriodsBody)
-
 }  // namespace
 
-void ridgePeriods(std::uint8_t *values, const ProfileBatch *profiles) { ridgePeriodsKernel(values, profiles); }
+void ridgePeriods(std::uint8_t *values, const ProfileBatch *profiles) { kernel<ridgePeriodsBody>(values, profiles); }
 
 }  // namespace kelm::image

@@ -7,8 +7,9 @@
 
 #include "image/buffers/histogram.h"
 #include "image/ridge/histogram_shape.h"
-#include "image/support/dispatch.h"
-#include "image/support/memory.h"
+#include "image/support/arguments.h"
+#include "image/support/buffer.h"
+#include "image/support/kernel.h"
 #include "kelmtrova/image.h"
 
 namespace kelm::image {
@@ -21,8 +22,7 @@ KELM_INLINE void binariseBytesBody(std::uint8_t *image, std::size_t pixels, std:
     image[i] = image[i] > threshold ? 255 : 0;
   }
 }
-KELM_KERNEL(void, binariseBytes, (std::uint8_t * image, std::size_t pixels, std::uint8_t threshold),
-            (image, pixels, threshold), binariseBytesBody)
+constexpr auto binariseBytes = kernel<binariseBytesBody>;
 
 void binarise(std::uint8_t *image, std::size_t pixels, int threshold) {
   if (threshold < 0) {
@@ -32,16 +32,12 @@ void binarise(std::uint8_t *image, std::size_t pixels, int threshold) {
   }
 }
 
-std::size_t pixelCount(std::int16_t height, std::int16_t width) {
-  return height < 1 || width < 1 ? 0 : static_cast<std::size_t>(height) * static_cast<std::size_t>(width);
-}
-
 int thresholding(std::uint8_t *image, std::int16_t height, std::int16_t width, int (*choose)(std::uint32_t *counters)) {
-  const std::size_t pixels = pixelCount(height, width);
-  if (image == nullptr || pixels == 0) {
+  if (!isImage(image, height, width)) {
     return kRefused;
   }
-  const Block<Histogram> histogram = newHistogram(image, pixels);
+  const std::size_t pixels = sampleCount(height, width);
+  const Buffer<Histogram> histogram = newHistogram(image, pixels);
   if (!histogram) {
     return kRefused;
   }

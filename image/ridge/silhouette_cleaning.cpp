@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// Nothing is drawn: every step leaves one interval of rows in each column of the canvas.
+// The canvas is never materialised: every step leaves one interval of rows in each of its columns.
 //
 // The filled pixels that a 9 x 9 window holds grow in number as long as the window is cut at row 0 and then fall from
 // row to row, so the dilation leaves an interval. The erosion leaves the rows that the intervals of all nine columns
@@ -10,7 +10,7 @@
 
 #include <cstring>
 
-#include "image/support/dispatch.h"
+#include "image/support/kernel.h"
 
 namespace kelm::image {
 namespace {
@@ -86,12 +86,10 @@ KELM_INLINE void cleanBody(std::uint8_t *__restrict tops, const std::uint8_t *__
     tops[i] = c[0] > beside ? c[0] : beside;
   }
 }
-KELM_KERNEL(void, clean, (std::uint8_t * tops, const std::uint8_t *bars), (tops, bars), cleanBody)
-
 }  // namespace
 
 void cleanSilhouette(std::uint8_t (&tops)[kShapeLevels], const std::uint8_t (&bars)[kShapeLevels]) {
-  clean(tops, bars);
+  kernel<cleanBody>(tops, bars);
 }
 
 }  // namespace kelm::image

@@ -18,7 +18,7 @@ struct Silhouette {
   int first, last;  // visible bars; -1 when there is none
 };
 
-// The choice of a threshold reads the cleaned heights h, their extremes, and the range of visible bars.
+// The choice of a threshold reads the cleaned heights h, their extrema, and the range of visible bars.
 struct Shape {
   const std::uint32_t *h;
   int first, last;
@@ -127,14 +127,14 @@ int silhouetteThreshold(std::uint32_t *counters) {
   for (int i = 0; i < kShapeLevels; ++i) {
     counters[i] = tops[i];
   }
-  Extremes extremes = {};
+  Extrema extrema = {};
   if (silhouette.first >= 0) {
-    scanExtremes(&extremes, counters, silhouette.first, silhouette.last);
+    scanExtrema(&extrema, counters, silhouette.first, silhouette.last);
   }
-  const int peak0 = extremes.peaks.at[0];
-  const Shape shape = {counters, silhouette.first,     silhouette.last,
-                       peak0,    extremes.peaks.at[1], valleyAfter(extremes.valleys, peak0)};
-  return thresholdOf(shape, extremes.peaks.count);
+  const int peak0 = extrema.peaks.at[0];
+  const Shape shape = {counters, silhouette.first,    silhouette.last,
+                       peak0,    extrema.peaks.at[1], valleyAfter(extrema.valleys, peak0)};
+  return thresholdOf(shape, extrema.peaks.count);
 }
 
 }  // namespace kelm::image

@@ -5,7 +5,7 @@
 
 #include <cstdint>
 
-#include "image/support/dispatch.h"
+#include "image/support/kernel.h"
 
 namespace kelm::image {
 

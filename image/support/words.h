@@ -7,7 +7,7 @@
 #include <cstdint>
 #include <cstring>
 
-#include "image/support/dispatch.h"
+#include "image/support/kernel.h"
 
 namespace kelm::image {
 

@@ -464,9 +464,9 @@ KELMTROVA_API int32_t AngleDiffAbs(int32_t a, int32_t b);
  * valleys it is taken from the distance over three half-periods.
  *
  * The field gives the directions of blocks of 8 x 8 pixels; blockSize is not read, and blocks beyond the field take the
- * nearest row and column. The field's first row belongs to the image's bottom blocks, and a direction counts here with
- * rows growing downward: a field of FingerprintGetDirectionFloat fits the image upside down, rows in reverse order.
- * Negative directions have 180 added; those outside -180 to 180 are taken modulo 180 first.
+ * nearest row and column. The field's first row belongs to the image's bottom blocks, and directions are counted
+ * with rows growing downward: a field of FingerprintGetDirectionFloat expects the image flipped vertically. Negative
+ * directions have 180 added; those outside -180 to 180 are taken modulo 180 first.
  *
  * map receives a new image of (height / 4) x (width / 4) bytes: eight times the period in pixels, or 255 where the
  * profile shows no period. Near the border a sample without a point inside the image keeps the value that it had in the

@@ -2,8 +2,8 @@
 #include <algorithm>
 #include <cmath>
 
-#include "bench/plain_quality.h"
 #include "kelmtrova/image.h"
+#include "tests/support/plain/quality.h"
 #include "tests/support/samples.h"
 
 namespace {
@@ -15,11 +15,11 @@ std::int16_t s16(int value) { return static_cast<std::int16_t>(value); }
 
 // Each row at the stride of the map.
 Grades modelGrades(const std::uint16_t *const *grads, int height, int width) {
-  kelm::bench::Maps maps;
+  kelm::plain::Maps maps;
   for (int d = 0; d < 4; ++d) {
     maps.emplace_back(grads[d], grads[d] + (height / 4) * (width / 4));
   }
-  const Grades packed = kelm::bench::plainQuality(maps, height, width);
+  const Grades packed = kelm::plain::blockGrades(maps, height, width);
   const int cols = (width - 1) / 16 + 1;
   Grades grades(static_cast<std::size_t>(((height - 1) / 16 + 1) * cols), 0);
   for (int by = 0; by < height / 16; ++by) {

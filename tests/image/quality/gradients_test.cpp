@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-#include "bench/plain_quality.h"
 #include "kelmtrova/image.h"
+#include "tests/support/plain/quality.h"
 #include "tests/support/samples.h"
 
 namespace {
@@ -20,8 +20,8 @@ void compare(int height, int width, int step, Random &random) {
       picture(height, width, [&](int, int) { return random(4) == 0 ? 255 : random(256); }), guardOf(width));
   std::uint16_t **maps = call(FpGetImg4DirectionGradsEx, image.data(), height, width, step);
   ASSERT_NE(maps, nullptr);
-  const kelm::bench::Maps expected = kelm::bench::plainGradients(image.data(), height, width, step);
-  const kelm::bench::Maps alone = kelm::bench::plainGradients(image.data(), height, width, step < 4 ? 4 : step, 0);
+  const kelm::plain::Maps expected = kelm::plain::gradients(image.data(), height, width, step);
+  const kelm::plain::Maps alone = kelm::plain::gradients(image.data(), height, width, step < 4 ? 4 : step, 0);
   for (std::size_t d = 0; d < 4; ++d) {
     EXPECT_TRUE(same(maps[d], expected[d]));
     std::uint16_t *map = nullptr;

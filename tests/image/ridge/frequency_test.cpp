@@ -1,9 +1,10 @@
 // SPDX-License-Identifier: Apache-2.0
+#include "tests/support/plain/frequency.h"
+
 #include <algorithm>
 #include <array>
 #include <cmath>
 
-#include "bench/plain_frequency.h"
 #include "kelmtrova/image.h"
 #include "tests/support/samples.h"
 
@@ -28,7 +29,7 @@ FingerprintBlockField recordOf(const Field &field, std::int16_t *directions) {
 }
 
 Bytes modelMap(const Bytes &image, int height, int width, Field field) {
-  return kelm::bench::PlainFrequency().run(image.data(), height, width, recordOf(field, field.data.data()));
+  return kelm::plain::Frequency().run(image.data(), height, width, recordOf(field, field.data.data()));
 }
 
 // The function on a picture and a field that lie hard against pages that cannot be touched, against the model.

@@ -121,10 +121,9 @@ Fields model(const Bytes &image, const Shape &s) {
 
 TEST(Orientation, EqualsTheModel) {
   Random random(7);
-  const Shape shapes[] = {
-      {8, 8, 16, 16, 9},       {9, 15, 17, 18, 0},       {8, 16, 20, 36, 3},
-      {24, 31, 48, 50, 4},     {40, 33, 80, 70, 17},     {57, 90, 116, 180, 9},
-      {64, 48, 128, 100, 255}, {700, 800, 1400, 1600, 9}};  // angles enough that the rounding of some is in doubt
+  const Shape shapes[] = {{8, 8, 16, 16, 9},       {9, 15, 17, 18, 0},       {8, 16, 20, 36, 3},
+                          {24, 31, 48, 50, 4},     {40, 33, 80, 70, 17},     {57, 90, 116, 180, 9},
+                          {64, 48, 128, 100, 255}, {700, 800, 1400, 1600, 9}};  // angles enough that some are ambiguous
   for (const Shape &s : shapes) {
     for (const auto &[levels, step] : {std::array{1, 1}, std::array{12, 1}, std::array{2, 255}}) {
       const Bytes image = picture(s.height, s.width, [&, n = levels, by = step](int, int) { return random(n) * by; });

@@ -265,7 +265,6 @@ TEST(Thresholds, EveryWayEqualsTheModel) {
   Random random(11);
   const auto between = [&random](double low, double high) { return low + (high - low) * random(4096) / 4096; };
   const auto whole = [&](int low, int high) { return static_cast<int>(between(low, high)); };
-  check(Heights(256, 40));  // flat
   check(humps({{40, 3, 900}, {60, 30, 5000}}));
   Heights sparse(194, 0);  // so few of each level that no bar, or every bar, is drawn
   for (std::size_t i = 0; i < sparse.size(); i += 2) {
@@ -303,6 +302,42 @@ TEST(Thresholds, EveryWayEqualsTheModel) {
   EXPECT_EQ(ways.size(), 26U) << "all that the models have: " << testing::PrintToString(ways);
 }
 
+// Levels first to last, so many pixels of each. The cleaning narrows a box to its own levels, rounds its corners alike
+// on both sides, and removes the three columns that a single level leaves.
+struct Box {
+  std::size_t first, last;
+  std::uint32_t pixels;
+};
+
+TEST(Thresholds, WorkedHistograms) {
+  const struct {
+    std::int32_t (*method)(std::uint8_t *, std::int16_t, std::int16_t);
+    std::vector<Box> boxes;
+    int threshold;
+  } cases[] = {
+      // Bars from F = 99 to L = 150; the peak is the middle of the box, 125: half-way from F, (99 + 125) / 2.
+      {FpThresholdingGradsImage, {{100, 149, 90}}, 112},
+      // F = 39, peak 45, but L = 221 is more than five times as far: 45 + 1.5 x 6.
+      {FpThresholdingGradsImage, {{40, 49, 90}, {220, 220, 30}}, 54},
+      // Heights are 0 from 60 to 139, so the valley is (60 + 140) / 2, whether or not a third peak follows.
+      {FpThresholdingGradsImage, {{40, 59, 90}, {140, 159, 90}}, 100},
+      {FpThresholdingGradsImage, {{40, 59, 90}, {140, 159, 90}, {200, 219, 90}}, 100},
+      // Bins of 80, which smoothing keeps, less the mean 79: a peak at (1 + 128) / 2 = 64 whose foot is 0 and which
+      // falls
+      // to half on neither side. Bin 32 is level 64, of which 0.8.
+      {FpThresholdingGradsImageEx, {{0, 255, 40}}, 51},
+  };
+  for (const auto &c : cases) {
+    Bytes image;
+    for (const Box &box : c.boxes) {
+      for (std::size_t level = box.first; level <= box.last; ++level) {
+        image.insert(image.end(), box.pixels, static_cast<std::uint8_t>(level));
+      }
+    }
+    EXPECT_EQ(call(c.method, image.data(), 1, image.size()), c.threshold) << c.boxes[0].first;
+  }
+}
+
 TEST(Thresholds, RefuseNoPicture) {
   std::uint8_t pixel = 7;
   for (const auto method : {FpThresholdingGradsImage, FpThresholdingGradsImageEx}) {
@@ -310,43 +345,6 @@ TEST(Thresholds, RefuseNoPicture) {
     EXPECT_EQ(method(&pixel, 0, 1), 255);
     EXPECT_EQ(method(&pixel, 1, -1), 255);
     EXPECT_EQ(pixel, 7);
-  }
-}
-
-TEST(Complexity, CountsTheBoundary) {
-  Bytes square(20 * 30, 0);
-  for (std::size_t y = 4; y < 14; ++y) {
-    std::fill_n(&square[y * 30 + 7], 10, std::uint8_t{255});
-  }
-  EXPECT_FLOAT_EQ(Complexity(square.data(), 20, 30, 255), 12.96F);
-  EXPECT_EQ(Complexity(nullptr, 20, 30, 255), -1.0F);
-  EXPECT_TRUE(std::isnan(Complexity(square.data(), 20, 30, 9)));
-  EXPECT_TRUE(std::isnan(Complexity(square.data(), 2, 30, 0)));
-  EXPECT_TRUE(std::isnan(Complexity(square.data(), -20, 30, 0)));
-}
-
-TEST(Complexity, EqualsTheModelOnPicturesOfAllSizes) {
-  Random random(3);
-  for (int size = 0; size < 120; ++size) {
-    const int height = size < 3 ? 40 : 3 + random(60);
-    const int width = size < 3 ? 16500 + size : 3 + random(300);
-    const Bytes mask = picture(height, width, [&](int, int y) {
-      const int kind = size == 0 ? y : random(8);  // full rows fill up the lanes of counters
-      return kind == 0 ? 0 : kind == 1 ? random(256) : 255;
-    });
-    int area = 0;
-    int inner = 0;
-    for (int y = 1; y < height - 1; ++y) {
-      for (int x = 1; x < width - 1; ++x) {
-        const std::uint8_t *p = &mask[static_cast<std::size_t>(y * width + x)];
-        area += *p == 255 ? 1 : 0;
-        inner += *p == 255 && (p[-1] & p[1] & p[-width] & p[width]) != 0 ? 1 : 0;
-      }
-    }
-    const float boundary = static_cast<float>(area) - static_cast<float>(inner);
-    const Guarded<std::uint8_t> guarded(mask);
-    const float result = call(Complexity, guarded.data(), height, width, 255);
-    EXPECT_TRUE(area == 0 || result == boundary * boundary / static_cast<float>(area)) << height << " x " << width;
   }
 }
 

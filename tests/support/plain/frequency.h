@@ -1,8 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 // FpGetFrequency as a plain loop, cell after cell and point by point: what the tests compare with and the measurements
 // are made against.
-#ifndef KELMTROVA_BENCH_PLAIN_FREQUENCY_H
-#define KELMTROVA_BENCH_PLAIN_FREQUENCY_H
+#ifndef KELMTROVA_TESTS_SUPPORT_PLAIN_FREQUENCY_H
+#define KELMTROVA_TESTS_SUPPORT_PLAIN_FREQUENCY_H
 
 #include <algorithm>
 #include <cmath>
@@ -12,11 +12,11 @@
 
 #include "kelmtrova/image.h"
 
-namespace kelm::bench {
+namespace kelm::plain {
 
-class PlainFrequency {
+class Frequency {
  public:
-  PlainFrequency() {
+  Frequency() {
     for (int d = 0; d <= 180; ++d) {
       const double angle = static_cast<float>(d * 3.141592653589793 / 180.0);
       cosine_[d] = static_cast<std::int16_t>(256.0 * std::cos(angle));
@@ -126,6 +126,6 @@ class PlainFrequency {
   std::uint8_t profile_[33] = {};
 };
 
-}  // namespace kelm::bench
+}  // namespace kelm::plain
 
 #endif

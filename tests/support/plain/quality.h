@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 // Gradients and block quality as plain loops: what the tests compare with and the measurements are made against.
-#ifndef KELMTROVA_BENCH_PLAIN_QUALITY_H
-#define KELMTROVA_BENCH_PLAIN_QUALITY_H
+#ifndef KELMTROVA_TESTS_SUPPORT_PLAIN_QUALITY_H
+#define KELMTROVA_TESTS_SUPPORT_PLAIN_QUALITY_H
 
 #include <algorithm>
 #include <cstddef>
@@ -9,12 +9,12 @@
 #include <cstdlib>
 #include <vector>
 
-namespace kelm::bench {
+namespace kelm::plain {
 
 using Maps = std::vector<std::vector<std::uint16_t>>;
 
 // `border`: points left at 0 at the far edges.
-inline Maps plainGradients(const std::uint8_t *image, int height, int width, int step, int border = 1) {
+inline Maps gradients(const std::uint8_t *image, int height, int width, int step, int border = 1) {
   constexpr int kOffsets[4][6][2] = {{{-3, 0}, {-2, 0}, {-1, 0}, {1, 0}, {2, 0}, {3, 0}},
                                      {{-3, 3}, {-2, 2}, {-1, 1}, {1, -1}, {2, -2}, {3, -3}},
                                      {{0, 3}, {0, 2}, {0, 1}, {0, -1}, {0, -2}, {0, -3}},
@@ -42,7 +42,7 @@ inline Maps plainGradients(const std::uint8_t *image, int height, int width, int
   return maps;
 }
 
-inline void plainSmooth(std::vector<std::uint8_t> &image, std::size_t height, std::size_t width) {
+inline void smooth(std::vector<std::uint8_t> &image, std::size_t height, std::size_t width) {
   std::vector<std::uint16_t> sums(image.size());
   for (std::size_t y = 0; y < height; ++y) {
     for (std::size_t x = 0; x < width; ++x) {
@@ -60,7 +60,7 @@ inline void plainSmooth(std::vector<std::uint8_t> &image, std::size_t height, st
 }
 
 // The grades of the whole blocks, from maps of any values.
-inline std::vector<std::uint8_t> plainQuality(const Maps &maps, int height, int width) {
+inline std::vector<std::uint8_t> blockGrades(const Maps &maps, int height, int width) {
   const std::size_t gcols = static_cast<std::size_t>(width / 4);
   std::vector<std::uint8_t> means(maps[0].size());
   std::vector<std::uint8_t> directions(maps[0].size());
@@ -92,10 +92,10 @@ inline std::vector<std::uint8_t> plainQuality(const Maps &maps, int height, int 
     }
     grades[block] = static_cast<std::uint8_t>(static_cast<float>(total / 16) * coherence);
   }
-  plainSmooth(grades, brows, bcols);
+  smooth(grades, brows, bcols);
   return grades;
 }
 
-}  // namespace kelm::bench
+}  // namespace kelm::plain
 
 #endif

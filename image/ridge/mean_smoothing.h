@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 // Mean smoothing for the library's own use.
-#ifndef KELMTROVA_IMAGE_RIDGE_SMOOTHING_H
-#define KELMTROVA_IMAGE_RIDGE_SMOOTHING_H
+#ifndef KELMTROVA_IMAGE_RIDGE_MEAN_SMOOTHING_H
+#define KELMTROVA_IMAGE_RIDGE_MEAN_SMOOTHING_H
 
 #include <cstdint>
 
