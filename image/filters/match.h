@@ -7,7 +7,7 @@
 #include <cstddef>
 #include <cstdint>
 
-#include "image/support/dispatch.h"
+#include "image/support/kernel.h"
 #include "image/support/sse2.h"
 
 namespace kelm::image {
