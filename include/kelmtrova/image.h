@@ -55,10 +55,10 @@ KELMTROVA_API int32_t ImageFlood(uint8_t *image, uint8_t value, uint16_t height,
  * A new image of outHeight * outWidth pixels in which every source pixel is a square of 2 x 2:
  * out(x, y) = source(x / 2, y / 2). The caller releases it with free().
  *
- * sourceWidth is the length of a source row, sourceHeight the number of rows, or 0 when the caller answers for them; the
- * source may be larger than what is read of it. Null without memory, for a null source, and for a source that is too
- * small: fewer than outHeight / 2 rows or outWidth / 2 columns, rounded up. An output without pixels reads no source
- * pixel, needs no source extent and gives a buffer of zero bytes, which is not null.
+ * sourceWidth is the length of a source row, sourceHeight the number of rows, or 0 when the caller answers for them;
+ * the source may be larger than what is read of it. Null without memory, for a null source, and for a source that is
+ * too small: fewer than outHeight / 2 rows or outWidth / 2 columns, rounded up. An output without pixels reads no
+ * source pixel, needs no source extent and gives a buffer of zero bytes, which is not null.
  */
 KELMTROVA_API uint8_t *ImageEnlarge(const uint8_t *source, uint16_t sourceHeight, uint16_t sourceWidth,
                                     uint16_t outHeight, uint16_t outWidth);
@@ -69,10 +69,10 @@ KELMTROVA_API uint8_t *ImageEnlarge(const uint8_t *source, uint16_t sourceHeight
  * (centre) and 0.2992 (neighbour) along each axis, rows first, in single precision and truncated. The weights of an
  * axis add up to 0.9999: a uniform 255 becomes 254. The caller releases the image with free(). 6 KiB of stack.
  *
- * sourceWidth is the length of a source row, sourceHeight the number of rows, or 0 when the caller answers for them; the
- * source may be larger than what is read of it. Null without memory, for a null source, and for a source that is too
- * small: fewer than 2 * outHeight rows or 2 * outWidth columns, or one less of each when the output has a single row or
- * a single column. An output without pixels is treated as by ImageEnlarge.
+ * sourceWidth is the length of a source row, sourceHeight the number of rows, or 0 when the caller answers for them;
+ * the source may be larger than what is read of it. Null without memory, for a null source, and for a source that is
+ * too small: fewer than 2 * outHeight rows or 2 * outWidth columns, or one less of each when the output has a single
+ * row or a single column. An output without pixels is treated as by ImageEnlarge.
  */
 KELMTROVA_API uint8_t *ImageReduce(const uint8_t *source, uint16_t sourceHeight, uint16_t sourceWidth,
                                    uint16_t outHeight, uint16_t outWidth);
