@@ -11,15 +11,7 @@
 namespace kelm::bench {
 namespace {
 
-struct Size {
-  int height, width;
-};
-constexpr Size kSizes[] = {{256, 360}, {1024, 1024}};
 constexpr int kWindow = 9;
-
-std::string title(const char *name, Size size) {
-  return std::string(name) + " " + std::to_string(size.height) + " x " + std::to_string(size.width);
-}
 
 cv::Mat maskOf(Size size, std::uint8_t foreground) {
   return cv::Mat(size.height, size.width, CV_8U, maskPicture(size.height, size.width, 5, foreground).data()).clone();
@@ -32,11 +24,8 @@ void add3x3(std::vector<Pair> &pairs, const char *name,
   for (const Size size : kSizes) {
     const cv::Mat mask = maskOf(size, 255);
     cv::Mat work = mask.clone(), out = mask.clone();
-    pairs.push_back({title(name, size), "dilate / erode 3 x 3",
-                     [=]() mutable {
-                       morph(work.data, static_cast<std::int16_t>(size.height), static_cast<std::int16_t>(size.width));
-                     },
-                     [=]() mutable { peer(mask, out); }});
+    pairs.push_back({named(name, size), "dilate / erode 3 x 3",
+                     [=]() mutable { morph(work.data, size.height, size.width); }, [=]() mutable { peer(mask, out); }});
   }
 }
 
@@ -48,11 +37,8 @@ void addByCount(std::vector<Pair> &pairs, const char *name,
     cv::Mat mask;
     maskOf(size, foreground).convertTo(mask, cv::DataType<T>::type);
     cv::Mat work = mask.clone(), counts(size.height, size.width, CV_16U), out = mask.clone();
-    pairs.push_back({title(name, size) + ", 9 x 9", "boxFilter + threshold",
-                     [=]() mutable {
-                       morph(work.ptr<T>(), static_cast<std::int16_t>(size.height),
-                             static_cast<std::int16_t>(size.width), kWindow, kWindow);
-                     },
+    pairs.push_back({named(name, size) + ", 9 x 9", "boxFilter + threshold",
+                     [=]() mutable { morph(work.ptr<T>(), size.height, size.width, kWindow, kWindow); },
                      [=]() mutable {
                        cv::boxFilter(mask, counts, CV_16U, {kWindow, kWindow}, {-1, -1}, false, cv::BORDER_CONSTANT);
                        const double threshold = (dilate ? 15 : kWindow * kWindow) * (foreground == 255 ? 255.0 : 1.0);

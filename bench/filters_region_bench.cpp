@@ -15,15 +15,15 @@ std::string named(const char *what, Size size, int specks) {
 }
 
 // Both sides fill to and fro between two labels, so that every call has the same work and nothing is copied.
-Pair growPair(Size size, int specks) {
-  const auto mask = std::make_shared<std::vector<std::uint8_t>>(maskPicture(size.height, size.width, specks));
+Pair growPair(const std::string &name, Size size, std::vector<std::uint8_t> picture) {
+  const auto mask = std::make_shared<std::vector<std::uint8_t>>(std::move(picture));
   const auto copy = std::make_shared<std::vector<std::uint8_t>>(*mask);
   const auto fillOurs = [mask, size](int seed, int label) {
     std::uint32_t area;
     std::int16_t box[4];
-    RegionGrow(mask->data(), static_cast<std::int16_t>(size.height), static_cast<std::int16_t>(size.width),
-               static_cast<std::int16_t>(size.height / 2), static_cast<std::int16_t>(size.width / 2), &area, &box[0],
-               &box[1], &box[2], &box[3], static_cast<std::uint8_t>(seed), static_cast<std::uint8_t>(label), 1);
+    RegionGrow(mask->data(), size.height, size.width, static_cast<std::int16_t>(size.height / 2),
+               static_cast<std::int16_t>(size.width / 2), &area, &box[0], &box[1], &box[2], &box[3],
+               static_cast<std::uint8_t>(seed), static_cast<std::uint8_t>(label), 1);
   };
   const auto fillTheirs = [copy, size](int label) {
     cv::Mat image(size.height, size.width, CV_8U, copy->data());
@@ -31,7 +31,7 @@ Pair growPair(Size size, int specks) {
     cv::floodFill(image, {size.width / 2, size.height / 2}, cv::Scalar(label), &box, {}, {}, 4);
   };
   const auto first = (*mask)[static_cast<std::size_t>(size.height / 2 * size.width + size.width / 2)];
-  return {named("RegionGrow", size, specks), "cv::floodFill, 4-connected",
+  return {name, "cv::floodFill, 4-connected",
           [=] {
             fillOurs(first, 100);
             fillOurs(100, first);
@@ -40,6 +40,16 @@ Pair growPair(Size size, int specks) {
             fillTheirs(100);
             fillTheirs(first);
           }};
+}
+
+// Ridges a few pixels wide, joined by a line through the seed.
+std::vector<std::uint8_t> narrowRidges(Size size) {
+  std::vector<std::uint8_t> mask = ridgePicture(size.height, size.width);
+  for (std::size_t i = 0; i < mask.size(); ++i) {
+    const bool joins = i % static_cast<std::size_t>(size.width) == static_cast<std::size_t>(size.width / 2);
+    mask[i] = joins || mask[i] > 150 ? 255 : 0;
+  }
+  return mask;
 }
 
 void removeWithOpenCv(cv::Mat &image, cv::Mat &labels, cv::Mat &stats, cv::Mat &centroids, int largest) {
@@ -63,8 +73,7 @@ Pair removePair(Size size, int specks) {
   return {named("RemoveSmallArea", size, specks), "connectedComponentsWithStats + relabel",
           [=] {
             *work = *mask;
-            RemoveSmallArea(work->data(), static_cast<std::int16_t>(size.height), static_cast<std::int16_t>(size.width),
-                            255, 0, 60);
+            RemoveSmallArea(work->data(), size.height, size.width, 255, 0, 60);
           },
           [=] {
             *work = *mask;
@@ -78,9 +87,10 @@ const Registration kRegions([] {
   std::vector<Pair> pairs;
   for (const Size size : kSizes) {
     for (const int specks : {0, 2, 20}) {
-      pairs.push_back(growPair(size, specks));
+      pairs.push_back(growPair(named("RegionGrow", size, specks), size, maskPicture(size.height, size.width, specks)));
       pairs.push_back(removePair(size, specks));
     }
+    pairs.push_back(growPair(named("RegionGrow", size) + ", narrow ridges", size, narrowRidges(size)));
   }
   return pairs;
 });

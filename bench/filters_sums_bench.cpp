@@ -11,29 +11,23 @@
 namespace kelm::bench {
 namespace {
 
-struct Size {
-  int height, width;
-};
-
 template <typename Out, typename In>
 using Filter = std::int32_t (*)(Out *, const In *, std::int16_t, std::int16_t, std::uint8_t, std::uint8_t);
 
 template <typename Out, typename In>
 void addPairs(std::vector<Pair> &pairs, const char *name, Filter<Out, In> filter, bool mean) {
-  for (const Size size : {Size{256, 360}, Size{1024, 1024}}) {
+  for (const Size size : kSizes) {
     const cv::Mat picture =
         cv::Mat(size.height, size.width, CV_8U, ridgePicture(size.height, size.width).data()).clone();
     for (const int window : {3, 9, 31}) {
       cv::Mat in, out(size.height, size.width, cv::DataType<Out>::type);
       picture.convertTo(in, cv::DataType<In>::type);
       const cv::Mat theirOut = out.clone();
-      const std::string title = std::string(name) + " " + std::to_string(window) + ", " + std::to_string(size.height) +
-                                " x " + std::to_string(size.width);
+      const std::string title = named((name + (" " + std::to_string(window) + ",")).c_str(), size);
       pairs.push_back(
           {title, mean ? "cv::boxFilter normalised" : "cv::boxFilter",
            [=]() mutable {
-             filter(out.ptr<Out>(), in.ptr<In>(), static_cast<std::int16_t>(size.height),
-                    static_cast<std::int16_t>(size.width), static_cast<std::uint8_t>(window),
+             filter(out.ptr<Out>(), in.ptr<In>(), size.height, size.width, static_cast<std::uint8_t>(window),
                     static_cast<std::uint8_t>(window));
            },
            [=] {

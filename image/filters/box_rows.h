@@ -61,7 +61,7 @@ struct BoxScratch {
       kept = inPlace ? reinterpret_cast<In *>(columns + lines * line) : nullptr;
     }
   }
-  bool isThere() const { return memory != nullptr; }
+  bool allocated() const { return memory != nullptr; }
 };
 
 // The last step makes the output from the sum alone, or from what it replaces and the sum; only then is the output

@@ -51,7 +51,7 @@ std::int32_t imageMean(Sample *out, const Sample *in, int height, int width, std
   }
   const BoxShape shape(height, width, sizeX, sizeY);
   const BoxScratch<Sum, Sample> scratch(shape, out == in);
-  if (!scratch.isThere()) {
+  if (!scratch.allocated()) {
     return KELM_IMAGE_NO_MEMORY;
   }
   means(out, in, shape, scratch, sizeX * sizeY);

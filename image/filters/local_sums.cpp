@@ -31,7 +31,7 @@ std::int32_t integerSum(Sum *out, const In *in, int height, int width, std::uint
   const BoxShape shape(height, width, sizeX, sizeY);
   const bool inPlace = static_cast<const void *>(out) == static_cast<const void *>(in);
   const BoxScratch<Sum, In> scratch(shape, inPlace);
-  if (!scratch.isThere()) {
+  if (!scratch.allocated()) {
     return KELM_IMAGE_NO_MEMORY;
   }
   sums<Sum, In>(out, in, shape, scratch);

@@ -73,7 +73,7 @@ std::int32_t morphBytes(std::uint8_t *mask, int height, int width, std::uint8_t 
   }
   const BoxShape shape(height, width, sizeX, sizeY);
   const Scratch8 scratch(shape, true);
-  if (!scratch.isThere()) {
+  if (!scratch.allocated()) {
     return KELM_IMAGE_NO_MEMORY;
   }
   morph(mask, shape, scratch, static_cast<std::uint8_t>(threshold));
@@ -96,7 +96,7 @@ std::int32_t morphSamples(std::uint16_t *mask, int height, int width, std::uint8
   }
   const BoxShape shape(height, width, sizeX, sizeY);
   const Scratch16 scratch(shape, true);
-  if (!scratch.isThere()) {
+  if (!scratch.allocated()) {
     return KELM_IMAGE_NO_MEMORY;
   }
   samplesInBand(mask, shape, scratch, band);
@@ -106,7 +106,7 @@ std::int32_t morphSamples(std::uint16_t *mask, int height, int width, std::uint8
 template <typename Count>
 std::int32_t morphForeground(std::uint8_t *mask, const BoxShape &shape, const Band<Count> &band) {
   const BoxScratch<Count, std::uint8_t> scratch(shape, true);
-  if (!scratch.isThere()) {
+  if (!scratch.allocated()) {
     return KELM_IMAGE_NO_MEMORY;
   }
   foregroundInBand<Count>(mask, shape, scratch, band);
