@@ -9,7 +9,7 @@ file(GLOB_RECURSE KELMTROVA_PROGRAM_SOURCES CONFIGURE_DEPENDS tools/*.cpp)
 add_executable(kelmtrova_program ${KELMTROVA_PROGRAM_SOURCES})
 target_include_directories(kelmtrova_program PRIVATE ${PROJECT_SOURCE_DIR})
 target_link_libraries(kelmtrova_program PRIVATE
-  kelmtrova_flags kelmtrova::kelmtrova CLI11::CLI11 fmt::fmt nlohmann_json::nlohmann_json PNG::PNG kelmtrova_drawing
+  kelmtrova_flags kelmtrova::kelmtrova CLI11::CLI11 fmt::fmt nlohmann_json::nlohmann_json PNG::PNG kelmtrova_pictures
   ${CMAKE_DL_LIBS})
 target_compile_definitions(kelmtrova_program PRIVATE KELM_VERSION="${PROJECT_VERSION}")
 # Its SCardTransmit and MYTRACE take the place of the library's.

@@ -1,5 +1,9 @@
 // SPDX-License-Identifier: Apache-2.0
 // kelmtrova: tokens, fingers, images and pictures from the command line.
+#include "tools/image/worker.h"
 #include "tools/program.h"
 
-int main(int argc, char **argv) { return kelm::tools::runProgram({argv + 1, argv + argc}); }
+int main(int argc, char **argv) {
+  if (argc == 2 && argv[1] == kelm::tools::kWorkerWord) return kelm::tools::serveAsWorker();
+  return kelm::tools::runProgram({argv + 1, argv + argc});
+}

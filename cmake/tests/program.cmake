@@ -8,7 +8,7 @@ set_target_properties(kelmkmgr_other PROPERTIES OUTPUT_NAME kelmkmgr
 
 if(KELMTROVA_PROGRAM AND TARGET tools_test)
   target_sources(tools_test PRIVATE tools/image/wsq.cpp tools/output.cpp tools/text.cpp)
-  target_link_libraries(tools_test PRIVATE nlohmann_json::nlohmann_json fmt::fmt)
+  target_link_libraries(tools_test PRIVATE nlohmann_json::nlohmann_json fmt::fmt PkgConfig::LEPTONICA)
   add_dependencies(tools_test kelmtrova_program kelmkmgr_other)
 endif()
 

@@ -1,5 +1,9 @@
 // SPDX-License-Identifier: Apache-2.0
 // Pictures in every form, sound and broken, and the raw numbers that come out.
+#include <leptonica/allheaders.h>
+
+#include <nlohmann/json.hpp>
+
 #include "tests/tools/program.h"
 
 namespace {
@@ -58,6 +62,7 @@ TEST_F(Program, ReadsEveryKindOfPicture) {
       {"P5 with comments", "P5# a\n3#b\n 1\n#255\n255\n\x00\x80\xff"s, steps},
       {"P5 of 16 bits", "P5\n3 1\n65535\n\x00\x00\x80\x80\xff\xff"s, steps},
       {"P5 with maxval 2", "P5\n3 1\n2\n\x00\x01\x02"s, steps},
+      {"P6", "P6 3 1 255\n\x00\x00\x00\x80\x80\x80\xff\xff\xff"s, steps},
       {"P2", "P2\n3 1\n# grey\n15\n0 8 # half\n15"s, "\x00\x88\xff"s},
   };
   for (const PictureCase &test : cases) {
@@ -73,6 +78,65 @@ TEST_F(Program, ReadsEveryKindOfPicture) {
                 std::string(58, ' ') + "\n");
 }
 
+// A print in a format of others, made by Leptonica, is the print, or nearly so.
+TEST_F(Program, ReadsFormatsOfOthers) {
+  succeed("image synth --class whorl --size 120x150 -o p.pgm");
+  Pix *grey = pixRead((folder / "p.pgm").c_str());
+  ASSERT_NE(grey, nullptr);
+  pixSetResolution(grey, 500, 500);
+  Pix *coloured = pixConvertTo32(grey);
+  Pix *twice = pixConvert8To16(grey, 8);
+  const struct {
+    const char *name;
+    Pix *pix;
+    int format, tolerance;
+    bool resolution;
+  } cases[] = {
+      {"a.tif", grey, IFF_TIFF_LZW, 0, true},       {"b.tif", coloured, IFF_TIFF_ZIP, 0, true},
+      {"c.tif", twice, IFF_TIFF, 1, true},          {"d.bmp", grey, IFF_BMP, 0, true},
+      {"e.jpg", coloured, IFF_JFIF_JPEG, 60, true}, {"f.jp2", grey, IFF_JP2, 60, false},
+      {"g.png", coloured, IFF_PNG, 0, true},        {"h.webp", coloured, IFF_WEBP, 60, false},
+  };
+  succeed("image enlarge p.pgm -o p.npy");
+  const std::string expected = raw("p.npy");
+  for (const auto &test : cases) {
+    SCOPED_TRACE(test.name);
+    ASSERT_EQ(pixWrite((folder / test.name).c_str(), test.pix, test.format), 0);
+    succeed(std::string("image enlarge ") + test.name + " -o out.npy");
+    const std::string samples = raw("out.npy");
+    ASSERT_EQ(samples.size(), expected.size());
+    int worst = 0;
+    for (size_t i = 0; i < samples.size(); ++i) {
+      worst =
+          std::max(worst, std::abs(static_cast<unsigned char>(samples[i]) - static_cast<unsigned char>(expected[i])));
+    }
+    EXPECT_LE(worst, test.tolerance);
+    const nlohmann::json numbers = nlohmann::json::parse(run(std::string("image analyze --json ") + test.name).out);
+    if (test.resolution) {
+      EXPECT_NEAR(numbers["resolution"].get<int>(), 500, 1);
+    }
+  }
+  pixDestroy(&grey);
+  pixDestroy(&coloured);
+  pixDestroy(&twice);
+}
+
+std::string chunk(const char *type, const std::string &content) {
+  std::string bytes;
+  for (int shift = 24; shift >= 0; shift -= 8) bytes += static_cast<char>(content.size() >> shift & 0xff);
+  return bytes + type + content + "CRC?";
+}
+
+TEST_F(Program, ReadsNoMoreOfAPngThanThePicture) {
+  // Behind the signature and the header comes what no reader needs to look at.
+  write("long.png", kGreyPng.substr(0, 33) + chunk("zTXt", std::string(4 << 20, 'x')) + kGreyPng.substr(33));
+  succeed("image enlarge long.png -o out.npy");
+  const std::string header = bytesOf("89504e470d0a1a0a0000000d49484452000000400000004008000000005d1a7d26");
+  write("huge.png", header + chunk("IDAT", std::string(60 << 20, 'x')));
+  EXPECT_EQ(run("image enlarge huge.png -o out.npy").err,
+            "kelmtrova: huge.png: not a sound PNG (more data than a picture of this size can need)\n");
+}
+
 TEST_F(Program, RefusesBrokenPicturesInOneLine) {
   using namespace std::string_literals;
   std::string flipped = kGreyPng;
@@ -82,8 +146,11 @@ TEST_F(Program, RefusesBrokenPicturesInOneLine) {
     const char *message;
   } cases[] = {
       {"", "the file is empty"},
-      {"GIF89a", "not a PNG, WSQ or PGM"},
-      {"P6 3 1 255\n123456789", "not a PNG, WSQ or PGM"},
+      {"GIF89a", "not a sound GIF"},
+      {"%PDF-1.7", "this is a PDF, which is not read"},
+      {"\xff\xd8\xff\xe0 and no more of it", "not a sound JPEG"},
+      {"II*\0\x08\0\0\0\xff\xff"s, "not a sound TIFF"},
+      {"no picture", "not a picture in a format that is known here"},
       {kGreyPng.substr(0, 20), "not a sound PNG"},
       {kGreyPng.substr(0, 50), "not a sound PNG"},
       {flipped, "not a sound PNG"},

@@ -197,6 +197,15 @@ void addQuality(CLI::App &image, int &exitCode) {
       ->check(CLI::Range(1, 1024))
       ->default_val(1);
   command->add_flag("--csv", settings->csv, "comma-separated values, with a line of names first");
+  command->add_flag("-0,--null", settings->nullBytes, "the list on standard input ends its paths with null bytes");
+  command
+      ->add_option("-o,--output", settings->out, "the file for the lines, which is called FILE.part until it is whole")
+      ->type_name("FILE");
+  command->add_flag("--resume", settings->resume, "keeps what an earlier run left in FILE or FILE.part, but its errors")
+      ->needs("--output");
+  command->footer(
+      "A picture that cannot be read is a line with its error. Exit code 2: nothing could be read.\n"
+      "Example:\n  find prints -name '*.tif' -print0 | kelmtrova image quality -0 - -j 4 -o quality.jsonl --resume");
   command->callback([settings, &exitCode] { exitCode = measureQuality(*settings); });
 }
 

@@ -4,6 +4,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <span>
 #include <string>
 #include <vector>
 
@@ -36,10 +37,18 @@ struct Picture {
   }
 };
 
-// Reads PNG (every kind; colours become their luminance, transparency shows white paper, 16 bits are scaled to 8), PGM
-// (P2 and P5, every maxval) or WSQ. The content decides, not the name. Throws PictureError.
+// More than the largest picture needs uncompressed, with 16 bits and four channels.
+inline constexpr size_t kLargestFile = size_t{kLargestArea} * 8 + (1 << 20);
+
+// Reads a file, or standard input for "-": PGM and WSQ here, all other formats in a process apart
+// (tools/image/worker.h). The content decides, not the name. Throws PictureError.
 Picture readPicture(const std::string &path);
-Picture decodePicture(const std::vector<uint8_t> &bytes, const std::string &name);
+
+// These throw PictureError without a name: for dimensions outside the limits, and for a PGM (P2 and P5, every maxval)
+// that is not sound.
+void checkSize(uint64_t width, uint64_t height);
+bool looksLikePgm(std::span<const uint8_t> bytes);
+Picture decodePgm(std::span<const uint8_t> bytes);
 
 // A PNG in memory. Written for speed: light compression.
 std::vector<uint8_t> encodePng(const Picture &picture);

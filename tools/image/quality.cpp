@@ -4,21 +4,22 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <chrono>
-#include <cmath>
+#include <atomic>
 #include <condition_variable>
-#include <cstdio>
+#include <cstdint>
 #include <exception>
-#include <filesystem>
-#include <iostream>
+#include <map>
 #include <mutex>
 #include <new>
 #include <nlohmann/json.hpp>
 #include <optional>
+#include <system_error>
 #include <thread>
 
 #include "tools/exit_codes.h"
 #include "tools/image/analysis.h"
+#include "tools/image/lines.h"
+#include "tools/image/paths.h"
 #include "tools/output.h"
 #include "tools/terminal.h"
 #include "tools/text.h"
@@ -26,151 +27,155 @@
 namespace kelm::tools {
 namespace {
 
-namespace fs = std::filesystem;
-
-constexpr const char *kColumns[] = {"path",   "width",      "height",  "resolution",    "scale",
-                                    "finger", "clarity",    "quality", "qualitySpread", "foreground",
-                                    "period", "continuous", "error"};
-
-void addPath(const std::string &path, std::vector<std::string> &out) {
-  std::error_code error;
-  if (!fs::is_directory(path, error)) {
-    out.push_back(path);
-    return;
-  }
-  std::vector<std::string> found;
-  fs::recursive_directory_iterator entry(path, fs::directory_options::skip_permission_denied, error), end;
-  for (; !error && entry != end; entry.increment(error)) {
-    const std::string name = entry->path().string();
-    if (entry->is_regular_file(error) && (hasExtension(name, ".png") || hasExtension(name, ".pgm"))) {
-      found.push_back(name);
-    }
-  }
-  std::sort(found.begin(), found.end());
-  out.insert(out.end(), found.begin(), found.end());
-}
-
-std::vector<std::string> allPaths(const std::vector<std::string> &named) {
-  std::vector<std::string> out;
-  for (const std::string &path : named) {
-    if (path != "-") {
-      addPath(path, out);
-      continue;
-    }
-    for (std::string line; std::getline(std::cin, line);) {
-      if (!line.empty()) addPath(line, out);
-    }
-  }
-  return out;
+const std::vector<std::string> &columns() {
+  static const std::vector<std::string> all = {"path",   "width",      "height",  "resolution",    "scale",
+                                               "finger", "clarity",    "quality", "qualitySpread", "foreground",
+                                               "period", "continuous", "error"};
+  return all;
 }
 
 struct Line {
-  std::string text;
+  std::string text;  // "" for a picture that was done before
   bool failed = false;
 };
 
-std::string csvCell(const nlohmann::ordered_json &value) {
-  if (value.is_null()) return "";
-  return value.is_string() ? csvField(value.get<std::string>()) : value.dump();
-}
-
-std::string lineOf(const nlohmann::ordered_json &record, bool csv) {
-  if (!csv) return jsonText(record, -1);
-  std::string line;
-  for (const char *column : kColumns) line.append(line.empty() ? "" : ",").append(csvCell(record.at(column)));
-  return line;
-}
-
-Line measure(const std::string &path, bool csv) {
+Line measure(const std::string &path, const LineForm &form) {
   nlohmann::ordered_json record;
-  for (const char *column : kColumns) record[column] = nullptr;
+  for (const std::string &column : columns()) record[column] = nullptr;
   record["path"] = path;
   try {
-    const Analysis analysis = analyse(readPicture(path), path);
-    record.update(mainNumbers(analysis));
+    record.update(mainNumbers(analyse(readPicture(path), path)));
   } catch (const std::bad_alloc &) {
     record["error"] = "memory is exhausted";
   } catch (const std::exception &error) {
     const std::string message = error.what();
     // The line has its path already.
-    record["error"] = message.rfind(path + ": ", 0) == 0 ? message.substr(path.size() + 2) : message;
+    record["error"] = message.starts_with(path + ": ") ? message.substr(path.size() + 2) : message;
   }
-  return {lineOf(record, csv), !record["error"].is_null()};
+  return {form.line(record), !record["error"].is_null()};
 }
 
 // Pictures are taken in order by several threads; the lines are kept until it is their turn.
 class Batch {
  public:
-  Batch(const std::vector<std::string> &all, const QualitySettings &wanted)
-      : paths(all), settings(wanted), lines(all.size()) {}
+  explicit Batch(const QualitySettings &wanted)
+      : settings_(wanted),
+        form_(columns(), wanted.csv),
+        sink_(form_, wanted.out, wanted.resume),
+        source_(wanted.paths, wanted.nullBytes) {}
 
-  // Whether every picture could be read.
-  bool run() {
-    const size_t count = std::min(static_cast<size_t>(std::max(settings.jobs, 1)), paths.size());
-    std::vector<std::thread> workers;
-    for (size_t i = 0; i < count; ++i) workers.emplace_back([this] { work(); });
-    bool sound = false;
-    std::exception_ptr failure;
-    try {
-      sound = write();
-    } catch (...) {
-      failure = std::current_exception();
-      const std::lock_guard lock(mutex);
-      taken = paths.size();
+  int run() {
+    const std::optional<size_t> total = source_.total();
+    // A thread of its own for one job too: lines must not wait for a list that is still being written.
+    for (int i = 0; i < settings_.jobs && (!total || static_cast<size_t>(i) < *total); ++i) {
+      try {
+        workers_.emplace_back([this] { work(); });
+      } catch (const std::system_error &) {
+        break;  // the threads that could be made go on
+      }
     }
-    for (std::thread &worker : workers) worker.join();
-    if (failure) std::rethrow_exception(failure);
-    return sound;
+    try {
+      if (workers_.empty()) {
+        alone_ = true;
+        work();
+      }
+      write(total.value_or(0));
+      sink_.finish();
+    } catch (...) {
+      join();
+      throw;
+    }
+    join();
+    putError("kelmtrova: " + counted(written_ - failures_, "picture") + " measured, " + counted(failures_, "failure") +
+             ", " + counted(done_ + source_.passedOver(), "file") + " skipped");
+    return written_ - failures_ + done_ > 0 ? kExitDone : kExitUsage;
   }
 
  private:
+  // Lines that wait for an earlier one; more would only take memory.
+  size_t mostAhead() const { return 16 + 4 * static_cast<size_t>(settings_.jobs); }
+
   void work() {
+    try {
+      for (;;) {
+        std::unique_lock sourceLock(sourceMutex_);
+        const std::optional<std::string> path = source_.next(stop_);
+        const size_t mine = taken_;
+        if (path) ++taken_;
+        sourceLock.unlock();
+        if (!path) break;
+        Line line;
+        if (!sink_.done(*path)) line = measure(*path, form_);
+        std::unique_lock lock(mutex_);
+        // The one whose turn it is never waits. Without threads of their own nobody would make room.
+        room_.wait(lock, [&] { return stop_ || alone_ || mine < next_ + mostAhead(); });
+        lines_[mine] = std::move(line);
+        ready_.notify_one();
+      }
+    } catch (...) {
+      const std::lock_guard lock(mutex_);
+      failure_ = std::current_exception();
+    }
+    const std::lock_guard lock(mutex_);
+    ++ended_;
+    ready_.notify_one();
+  }
+
+  void write(size_t total) {
+    const bool linesOnTerminal = settings_.out.empty() && isatty(STDOUT_FILENO) == 1;
+    std::optional<Progress> progress;
+    if (total > 0 && !linesOnTerminal) progress.emplace("measuring", "pictures", total);
     for (;;) {
-      std::unique_lock lock(mutex);
-      if (taken == paths.size()) return;
-      const size_t mine = taken++;
+      std::unique_lock lock(mutex_);
+      ready_.wait(lock, [&] { return lines_.count(next_) != 0 || ended_ >= std::max<size_t>(workers_.size(), 1); });
+      const auto found = lines_.find(next_);
+      if (found == lines_.end()) {
+        if (failure_) std::rethrow_exception(failure_);
+        return;
+      }
+      const Line line = std::move(found->second);
+      lines_.erase(found);
+      ++next_;
+      room_.notify_all();
       lock.unlock();
-      Line line = measure(paths[mine], settings.csv);
-      lock.lock();
-      lines[mine] = std::move(line);
-      ready.notify_one();
+      if (line.text.empty()) {
+        ++done_;
+      } else {
+        sink_.put(line.text);
+        ++written_;
+        failures_ += line.failed;
+      }
+      if (progress) progress->show(next_);
     }
   }
 
-  bool write() {
-    Progress progress("measuring", "pictures", paths.size());
-    bool sound = true;
-    for (size_t i = 0; i < paths.size(); ++i) {
-      std::unique_lock lock(mutex);
-      ready.wait(lock, [&] { return lines[i].has_value(); });
-      const Line line = *std::exchange(lines[i], std::nullopt);
-      lock.unlock();
-      put(line.text + '\n');
-      flushOutput();
-      sound &= !line.failed;
-      progress.show(i + 1);
+  void join() {
+    {
+      const std::lock_guard lock(mutex_);
+      stop_ = true;
     }
-    return sound;
+    room_.notify_all();
+    for (std::thread &worker : workers_) worker.join();
   }
 
-  const std::vector<std::string> &paths;
-  const QualitySettings &settings;
-  std::mutex mutex;
-  std::condition_variable ready;
-  size_t taken = 0;
-  std::vector<std::optional<Line>> lines;
+  const QualitySettings &settings_;
+  const LineForm form_;
+  LineSink sink_;
+  PathSource source_;
+  std::vector<std::thread> workers_;
+  std::atomic<bool> stop_ = false, alone_ = false;
+  std::mutex sourceMutex_;
+  size_t taken_ = 0;
+  std::mutex mutex_;
+  std::condition_variable ready_, room_;
+  std::map<size_t, Line> lines_;
+  size_t next_ = 0, ended_ = 0;
+  std::exception_ptr failure_;
+  size_t written_ = 0, failures_ = 0, done_ = 0;
 };
 
 }  // namespace
 
-int measureQuality(const QualitySettings &settings) {
-  const std::vector<std::string> paths = allPaths(settings.paths);
-  if (settings.csv) {
-    std::string header;
-    for (const char *column : kColumns) header.append(header.empty() ? "" : ",").append(column);
-    put(header + '\n');
-  }
-  return Batch(paths, settings).run() ? kExitDone : kExitUsage;
-}
+int measureQuality(const QualitySettings &settings) { return Batch(settings).run(); }
 
 }  // namespace kelm::tools
