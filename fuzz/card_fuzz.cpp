@@ -21,7 +21,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t *data, std::size_t size
     return status;
   };
   while (!input.empty()) {
-    const std::size_t length = input.byte();
+    const std::size_t length = std::max<std::size_t>(input.byte(), 1);
     exchange(input.samples<std::uint8_t>(length));
   }
   if (exchange({0x80, 0xFA, 0x01, 0x00, 0x02}) != 0x9000) std::abort();
