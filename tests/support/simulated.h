@@ -38,7 +38,7 @@ struct SimulatedToken {
   }
   ~SimulatedToken() {
     simulatorClose(connection.hDevice);
-    for (const char *suffix : {"", "-wal", "-shm", "-journal"}) {
+    for (const char *suffix : {"", "-wal", "-shm", "-journal", "-lock"}) {
       unlink((store + suffix).c_str());
     }
   }
