@@ -144,8 +144,8 @@ typedef struct SCardConnection {
 
 /* A protocol-control record. 16 bytes. */
 typedef struct SCardPci {
-  uint64_t dwProtocol;
-  uint64_t cbPciLength;
+  uint64_t dwProtocol;  /* 1 = T=0, 2 = T=1 */
+  uint64_t cbPciLength; /* 8; neither is read by the library */
 } SCardPci;
 
 /* One slot's entry of the template index. 20 bytes, the same on the token and in memory.
@@ -402,7 +402,8 @@ KELMTROVA_API uint64_t KelmTrovaFeatureIdentify(const SCardConnection *handle, u
 
 /*
  * A match that counts no tries: MATCH 80 FD 26 slot 01. With `useSlot` and `*slot` other than 0 it is one-to-one with
- * that slot; otherwise one-to-many (slot 00 is sent), and with OK `*slot` becomes the matching slot.
+ * that slot; otherwise one-to-many (slot 00 is sent), and with OK `*slot` becomes the matching slot (0 when the
+ * token names none).
  *
  * OK, NO_MATCH (one-to-one), NOT_IDENTIFIED (one-to-many), ARGUMENT (a null `slot`; `*slot` beyond N with `useSlot`),
  * the failures of KelmTrovaGetMaxTmpltNum, NOT_LOCKED, UNLISTED (0x6983 included), and the status words that
