@@ -1,11 +1,11 @@
 // SPDX-License-Identifier: Apache-2.0
 // Tables of rotated window offsets.
-#include <cmath>
 #include <cstddef>
 #include <cstdint>
 #include <cstdlib>
 #include <cstring>
 
+#include "image/support/angles.h"
 #include "image/support/blocks.h"
 #include "image/support/buffer.h"
 #include "image/support/kernel.h"
@@ -85,8 +85,11 @@ AxisPoint **AxisTransform(uint8_t n, uint8_t width, uint8_t height) {
       return nullptr;
     }
     const float turn = static_cast<float>(r) * step;
-    const auto phi = static_cast<double>(static_cast<float>(static_cast<double>(turn) - 1.5707963267949));
-    fillTable(tables[r], width, height, static_cast<float>(-std::sin(phi)), static_cast<float>(std::cos(phi)));
+    const auto phi = static_cast<float>(static_cast<double>(turn) - 1.5707963267949);
+    float cosine = 0.0F;
+    float sine = 0.0F;
+    cosinesAndSines(&cosine, &sine, &phi, 1);
+    fillTable(tables[r], width, height, -sine, cosine);
   }
   return tables.release();
 }
