@@ -118,7 +118,7 @@ bool notContinue(const std::uint8_t *image, std::int32_t height, std::int32_t wi
   if (countRuns(flags, rows, {4, height - 10, 10, height - 5, 1}) > 0) {
     return true;
   }
-  // The strips' sums stay below 16 x 255; thresholds beyond say the same as the nearest one there.
+  // The strips' sums stay below 16 x 255; thresholds outside that range act like the nearest one inside.
   const auto threshold = static_cast<std::int16_t>(std::clamp<std::int64_t>(std::int64_t{15} * level, -1, INT16_MAX));
   std::int32_t gaps = 0;
   for (std::int32_t strip = 0; strip < height / kStripRows; ++strip) {

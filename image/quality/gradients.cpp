@@ -125,7 +125,7 @@ KELM_INLINE void splitLine(CellRow::Column (&columns)[kCell], std::size_t to, co
   }
 }
 
-// Column 2 of the odd rows and the odd columns of row 2 lie in no direction from any point.
+// Column 2 of the odd rows and the odd columns of row 2 are no neighbours of any point.
 KELM_INLINE void splitCells(CellRow &row, std::size_t to, const std::uint8_t *pixels, std::size_t width,
                             std::size_t cells) {
   splitLine<0b1111>(row.samples[0], to, pixels, cells);

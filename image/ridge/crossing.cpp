@@ -21,8 +21,8 @@ FixedPoint fixedPoint(int degrees) {
 
 std::int8_t steps(int count, int fixedStep) { return static_cast<std::int8_t>((count * fixedStep) >> 8); }
 
-// The same five points whichever of two opposite points is named; v, from the sine of 0 to 180 degrees, is not
-// negative.
+// Opposite points stand for the same pair, so the one with positive coordinates is chosen; v, from the sine of 0 to 180
+// degrees, is never negative.
 std::int8_t oriented(std::int8_t u, std::int8_t v) { return static_cast<std::int8_t>(v == 0 && u < 0 ? -u : u); }
 
 }  // namespace

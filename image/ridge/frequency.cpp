@@ -1,11 +1,11 @@
 // SPDX-License-Identifier: Apache-2.0
 // Ridge frequency.
 //
-// The five-point mean that a profile sample is depends on the pixel and on the direction's span only, and all
-// directions together have six spans. So the means are computed side by side first, a plane for each span in use, and a
-// profile is 33 reads from a plane instead of 165 from the image. The planes hold one band of the image at a time, to
-// stay in the cache, and of that only the strips that some profile reaches. Samples too near the image's border are
-// taken point by point.
+// A profile sample is a mean of five points that depends only on the pixel and on the direction's span, and all
+// directions together have six spans. So the means are computed first, side by side, with a plane for each span in use,
+// and a profile takes 33 reads from a plane instead of 165 from the image. The planes hold one band of the image at a
+// time, to stay in the cache, and of that band only the strips that some profile reaches. Samples too near the image's
+// border are computed point by point.
 #include <algorithm>
 #include <cstddef>
 #include <cstdint>
@@ -121,8 +121,8 @@ KELM_INLINE void fiveMeansBody(std::uint8_t *means, const std::uint8_t *pixels, 
 }
 constexpr auto fiveMeans = kernel<fiveMeansBody>;
 
-// Makes the plane hold the rows `first` to `end` - 1 of the strips that are needed. The pixels nearest to the border
-// have no five points.
+// Makes the plane hold the rows `first` to `end` - 1 of the strips that are needed. Pixels next to the
+// border lack some of the five points.
 void holdRows(MeanPlane *plane, const Picture &picture, const bool *needed, int first, int end) {
   const std::ptrdiff_t width = picture.width;
   const int strips = (picture.width + kStrip - 1) / kStrip;
@@ -233,7 +233,7 @@ struct Lane {
   std::uint8_t &operator[](int i) const { return samples[i * stride]; }
 };
 
-// One cell near the border, after the cell whose profile is given: a sample without a point inside keeps its value.
+// One cell near the border: a sample without a point inside takes the value that it has in the previous profile.
 void sampleCell(Lane profile, Lane previous, const Picture &picture, const Workspace &workspace, int d, int x, int y) {
   const Crossing &crossing = workspace.crossing[d];
   const MeanPlane &plane = workspace.planes[workspace.plane[d]];

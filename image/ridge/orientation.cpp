@@ -2,7 +2,6 @@
 // Ridge directions from grey-level gradients: the doubled angle of the gradient's products, averaged over neighbouring
 // blocks as a vector (M. Kass and A. Witkin, "Analyzing oriented patterns", 1987).
 #include <algorithm>
-#include <cmath>
 #include <cstddef>
 #include <cstdint>
 #include <cstdlib>
@@ -12,6 +11,7 @@
 #include "image/support/angles.h"
 #include "image/support/arguments.h"
 #include "image/support/buffer.h"
+#include "image/support/kernel.h"
 #include "kelmtrova/image.h"
 
 namespace kelm::image {
@@ -29,7 +29,7 @@ struct Products {
   Buffer<std::int32_t> differences;
 };
 
-// What a call makes, until it is handed over.
+// Everything that a call allocates for its caller, owned until the call succeeds.
 struct Fields {
   Products sums;
   Buffer<std::int16_t> direction8;
@@ -89,27 +89,23 @@ std::int32_t makeProducts(Products *sums, const std::uint8_t *image, const Grid 
   return summed ? KELM_IMAGE_OK : KELM_IMAGE_NO_MEMORY;
 }
 
-std::int32_t angleDifference(std::int32_t a, std::int32_t b) {
-  int d = static_cast<std::int16_t>(static_cast<std::uint32_t>(a) - static_cast<std::uint32_t>(b));
-  if (d <= -90) {
-    d += 180;
-  } else if (d > 90) {
-    d = 180 - d;
-  }
-  return std::abs(d);
+KELM_INLINE std::int32_t angleDifference(std::int16_t a, std::int16_t b) {
+  const auto d = static_cast<std::int16_t>(static_cast<std::uint16_t>(a) - static_cast<std::uint16_t>(b));
+  const std::int32_t within = d <= -90 ? d + 180 : d > 90 ? 180 - d : d;
+  return within < 0 ? -within : within;
 }
 
-void directionChanges(std::uint16_t *changes, const std::int16_t *directions, const Grid &grid) {
-  const std::size_t cols = static_cast<std::size_t>(grid.cols);
-  for (int r = 0; r + 1 < grid.rows; ++r) {
-    const std::size_t row = static_cast<std::size_t>(r) * cols;
-    for (std::size_t i = row; i + 1 < row + cols; ++i) {
-      const std::int32_t a = angleDifference(directions[i], directions[i + 1]);
-      const std::int32_t b = angleDifference(directions[i], directions[i + cols]);
-      changes[i] = static_cast<std::uint16_t>(std::sqrt(static_cast<double>(a * a + b * b)));
-    }
+// Of a row of blocks, all but the last.
+KELM_INLINE void directionChangesBody(std::uint16_t *__restrict changes, const std::int16_t *__restrict directions,
+                                      const std::int16_t *__restrict below, std::size_t n) {
+  for (std::size_t i = 0; i < n; ++i) {
+    const std::int32_t a = angleDifference(directions[i], directions[i + 1]);
+    const std::int32_t b = angleDifference(directions[i], below[i]);
+    changes[i] =
+        static_cast<std::uint16_t>(static_cast<std::int32_t>(__builtin_sqrt(static_cast<double>(a * a + b * b))));
   }
 }
+constexpr auto directionChanges = kernel<directionChangesBody>;
 
 // Two passes of 3 x 3 sums weigh a 5 x 5 neighbourhood with 1, 2, 3, 2, 1 along each axis, 81 in all. Null without
 // memory.
@@ -121,7 +117,10 @@ Buffer<std::int16_t> orientationChange(const std::int16_t *directions, const Gri
     return nullptr;
   }
   std::uint16_t *const changes = reinterpret_cast<std::uint16_t *>(samples.get());
-  directionChanges(changes, directions, grid);
+  const std::size_t cols = static_cast<std::size_t>(grid.cols);
+  for (std::size_t row = 0; row + cols < n && cols > 1; row += cols) {
+    directionChanges(changes + row, directions + row, directions + row + cols, cols - 1);
+  }
   if (n != 0 && (imageLocalSum(once.get(), changes, grid.rows, grid.cols, 3, 3) != 0 ||
                  imageLocalSum(changes, once.get(), grid.rows, grid.cols, 3, 3) != 0)) {
     return nullptr;
@@ -217,7 +216,7 @@ int32_t FingerprintOrientGrad(FingerprintBlockField *output, const FingerprintBl
   if (output == nullptr || input == nullptr || input->data == nullptr) {
     return KELM_IMAGE_BAD_ARGUMENT;
   }
-  // The output may be the input, or share its samples: these are released when they have been read.
+  // The output may be the input, or share its samples, which are then released only after they have been read.
   const FingerprintBlockField source = *input;
   if (output->data != source.data) {
     std::free(output->data);
@@ -232,4 +231,6 @@ int32_t FingerprintOrientGrad(FingerprintBlockField *output, const FingerprintBl
   return KELM_IMAGE_OK;
 }
 
-int32_t AngleDiffAbs(int32_t a, int32_t b) { return kelm::image::angleDifference(a, b); }
+int32_t AngleDiffAbs(int32_t a, int32_t b) {
+  return kelm::image::angleDifference(static_cast<std::int16_t>(a), static_cast<std::int16_t>(b));
+}

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-// The profiles of 64 cells lie side by side, one per byte lane, and every step is done to all of them without a branch:
-// a loop over the lanes is a few vector instructions.
+// The profiles of 64 cells lie side by side, one per byte lane, and every step is done to all of them without
+// branching, so a loop over the lanes becomes a few vector instructions.
 #include "image/ridge/period.h"
 
 #include <cstring>
@@ -33,7 +33,7 @@ KELM_INLINE void note(Extrema *extrema, int slot, int lane, std::uint8_t found, 
   extrema->count[lane] = static_cast<std::uint8_t>(extrema->count[lane] - found);
 }
 
-// A peak is a stretch of equal samples that was climbed to and is left downward; it stands at the stretch's middle.
+// A peak is a stretch of equal samples, entered by a rise and left by a fall; its position is the stretch's middle.
 KELM_INLINE void findExtrema(Extrema *peaks, Extrema *valleys, const ProfileBatch *profiles) {
   const auto &p = profiles->samples;
   Lanes start;

@@ -5,7 +5,7 @@
 // row to row, so the dilation leaves an interval. The erosion leaves the rows that the intervals of all nine columns
 // share, shortened by four at either end, and nothing where its window is cut; the 3 x 3 erosion the same with three
 // columns and one row. Together that is an intersection of eleven columns, shortened by five, which is nowhere near the
-// border. The last dilation adds a row and spreads to the neighbouring columns; of that only the top is wanted.
+// border. The last dilation adds a row and spreads to the neighbouring columns; of that only the top matters.
 #include "image/ridge/silhouette_cleaning.h"
 
 #include <cstring>

@@ -34,7 +34,7 @@ KELM_INLINE void overwrite(std::uint8_t *pixels, std::uint64_t bits, std::size_t
 }
 
 // A run is long when it holds a window of longest + 1 pixels. Windows grow by doubling: from windows of n pixels,
-// windows of up to 2n. Of the bits that say where a window starts, those at the start of a run tell the long runs.
+// windows of up to 2n. Of the bits that say where a window starts, those at the start of a run identify the long runs.
 constexpr std::size_t nextShift(std::size_t reached, std::size_t window) { return std::min(reached, window - reached); }
 
 constexpr std::size_t kLongestWindow = 256;
