@@ -9,7 +9,7 @@ file(GLOB KELMTROVA_LIBRARY_SOURCES CONFIGURE_DEPENDS
 file(GLOB KELMTROVA_REPLACEABLE_SOURCES CONFIGURE_DEPENDS link/*.cpp token/*.cpp)
 set_source_files_properties(${KELMTROVA_REPLACEABLE_SOURCES} PROPERTIES COMPILE_OPTIONS -fsemantic-interposition)
 
-# The library, or a variant of it for tests that may use the instruction sets up to LEVEL (image/support/dispatch.h).
+# The library, or a variant of it for tests that may use the instruction sets up to LEVEL (image/support/kernel.h).
 function(kelmtrova_add_library name level)
   add_library(${name} SHARED ${KELMTROVA_LIBRARY_SOURCES})
   target_include_directories(${name} PUBLIC $<BUILD_INTERFACE:${PROJECT_SOURCE_DIR}/include>

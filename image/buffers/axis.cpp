@@ -9,6 +9,7 @@
 #include "image/support/blocks.h"
 #include "image/support/buffer.h"
 #include "image/support/kernel.h"
+#include "image/support/words.h"
 #include "kelmtrova/image.h"
 
 namespace kelm::image {
@@ -23,7 +24,7 @@ KELM_INLINE std::int32_t rounded(float value) {
   return static_cast<std::int32_t>(value + __builtin_copysignf(0x1.fffffep-2F, value));
 }
 
-// A point as it lies in memory.
+// A point as a word, x in its low half.
 KELM_INLINE std::uint32_t packed(std::int32_t x, std::int32_t y) {
   return (static_cast<std::uint32_t>(x) & 0xFFFF) | static_cast<std::uint32_t>(y) << 16;
 }

@@ -2,9 +2,8 @@
 // Counting grey levels.
 #include "image/buffers/histogram.h"
 
-#include <cstring>
-
 #include "image/support/kernel.h"
+#include "image/support/words.h"
 
 namespace kelm::image {
 namespace {
@@ -21,19 +20,13 @@ KELM_INLINE void countWord(Tables &tables, const std::uint8_t *pixels) {
   }
 }
 
-KELM_INLINE std::uint64_t loadWord(const std::uint8_t *pixels) {
-  std::uint64_t word;
-  std::memcpy(&word, pixels, sizeof word);
-  return word;
-}
-
 KELM_INLINE std::uint64_t repeated(std::uint8_t value) { return value * 0x0101010101010101U; }
 
 KELM_INLINE bool isRun(const std::uint8_t *pixels) {
   const std::uint64_t word = repeated(pixels[0]);
   std::uint64_t difference = 0;
   for (std::size_t i = kWord; i < kChunk; i += kWord) {
-    difference |= word ^ loadWord(pixels + i);
+    difference |= word ^ loadWord<std::uint64_t>(pixels + i);
   }
   return difference == 0;
 }
@@ -45,7 +38,7 @@ KELM_INLINE void countRuns(Tables &tables, const std::uint8_t *pixels) {
     return;
   }
   for (std::size_t i = 0; i < kChunk; i += kWord) {
-    if (loadWord(pixels + i) == repeated(pixels[i])) {
+    if (loadWord<std::uint64_t>(pixels + i) == repeated(pixels[i])) {
       tables[0][pixels[i]] += static_cast<std::uint32_t>(kWord);
     } else {
       countWord(tables, pixels + i);
@@ -59,7 +52,7 @@ void computeHistogram(std::uint32_t *counters, const std::uint8_t *image, std::s
   Tables tables = {};
   std::size_t i = 0;
   for (; pixels - i >= kChunk; i += kChunk) {
-    if (loadWord(image + i) == repeated(image[i])) {
+    if (loadWord<std::uint64_t>(image + i) == repeated(image[i])) {
       countRuns(tables, image + i);
       continue;
     }

@@ -9,6 +9,7 @@
 #include "image/support/blocks.h"
 #include "image/support/buffer.h"
 #include "image/support/kernel.h"
+#include "image/support/words.h"
 #include "kelmtrova/image.h"
 
 namespace kelm::image {
@@ -20,17 +21,14 @@ constexpr float kNeighbour = 0.2992F;
 // Output columns that are computed together: 16 lanes of each of the widest vectors of bytes.
 constexpr std::size_t kBlock = 64;
 
-// Two samples in one load.
-KELM_INLINE unsigned pairAt(const std::uint8_t *in) { return in[0] | static_cast<unsigned>(in[1] << 8); }
-
 // The filter along a row, about the first sample of pair x + 1. What 16 bits can hold is done with 16 bits: twice the
 // lanes.
 KELM_INLINE void filterBlock(float *__restrict out, const std::uint8_t *__restrict in, std::size_t count) {
   std::uint16_t centres[kBlock];
   std::uint16_t neighbours[kBlock];
   for (std::size_t x = 0; x < count; ++x) {
-    const unsigned left = pairAt(in + 2 * x);
-    const unsigned right = pairAt(in + 2 * x + 2);
+    const unsigned left = loadWord<std::uint16_t>(in + 2 * x);
+    const unsigned right = loadWord<std::uint16_t>(in + 2 * x + 2);
     centres[x] = static_cast<std::uint16_t>(right & 255);
     neighbours[x] = static_cast<std::uint16_t>((left >> 8) + (right >> 8));
   }
