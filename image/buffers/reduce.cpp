@@ -38,7 +38,7 @@ KELM_INLINE void filterBlock(float *__restrict out, const std::uint8_t *__restri
 }
 
 KELM_INLINE void filterRowBody(float *out, const std::uint8_t *in, std::size_t count) {
-  inBlocks<kBlock, kBlock / 2, kBlock / 4>(count, [=](std::size_t x, std::size_t n) KELM_INLINE_LAMBDA {
+  inBlocks<kBlock, kBlock / 2>(count, [=](std::size_t x, std::size_t n) KELM_INLINE_LAMBDA {
     float filtered[kBlock];
     filterBlock(filtered, in + 2 * x, n);
     std::memcpy(out + x, filtered, n * sizeof(float));
@@ -49,7 +49,7 @@ constexpr auto filterRow = kernel<filterRowBody>;
 // One output row from the filtered row above its centre; leaves the one below, which is above the next row's centre.
 KELM_INLINE void reduceRowBody(std::uint8_t *out, const float *filteredAbove, float *filteredBelow,
                                const std::uint8_t *centre, const std::uint8_t *below, std::size_t count) {
-  inBlocks<kBlock, kBlock / 2, kBlock / 4>(count, [=](std::size_t x, std::size_t n) KELM_INLINE_LAMBDA {
+  inBlocks<kBlock, kBlock / 2>(count, [=](std::size_t x, std::size_t n) KELM_INLINE_LAMBDA {
     float filteredCentre[kBlock];
     float filtered[kBlock];
     std::uint8_t reduced[kBlock];

@@ -78,12 +78,13 @@ KELM_INLINE void gradientsBody(std::uint16_t *out, const std::uint8_t *center, s
                                std::ptrdiff_t offset) {
   inBlocks<kChunk>(points, [=](std::size_t first, std::size_t count) KELM_INLINE_LAMBDA {
     std::uint8_t planes[kSamples][kChunk];
+    const std::size_t left = std::min(points - first, kChunk);  // `count`, but for gathering a constant is no help
     for (int k = 0; k < kSamples; ++k) {
       const std::uint8_t *const samples = center + first * step + (k - kSamples / 2) * offset;
       if (step == 4 && count == kChunk) {
         gatherFourth(planes[k], samples);
       } else {
-        for (std::size_t i = 0; i < count; ++i) {
+        for (std::size_t i = 0; i < left; ++i) {
           planes[k][i] = samples[i * step];
         }
       }

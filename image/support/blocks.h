@@ -19,11 +19,10 @@ namespace kelm::image {
 // step(first, kBlock) for blocks that cover the samples 0 to n - 1; n is at least kBlock.
 template <std::size_t kBlock, typename Step>
 KELM_INLINE void inWholeBlocks(std::size_t n, Step step) {
-  const std::size_t last = n - kBlock;
-  for (std::size_t first = 0; first < last; first += kBlock) {
+  for (std::size_t done = 0; done < n; done += kBlock) {
+    const std::size_t first = done < n - kBlock ? done : n - kBlock;
     step(first, kBlock);
   }
-  step(last, kBlock);
 }
 
 // The same for lines of any length. One that is shorter than a block is taken in blocks of the next smaller size, or as
