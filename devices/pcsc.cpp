@@ -272,6 +272,8 @@ struct Exchange {
   std::atomic<bool> sent = false;
 };
 
+// Commands in numbers: winscard.h declares names of kelmtrova/token.h in its own way, so no file can include both.
+
 constexpr std::size_t kHeader = 4;
 
 bool isCapture(std::span<const std::uint8_t> command) {

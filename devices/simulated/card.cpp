@@ -4,38 +4,40 @@
 #include <algorithm>
 #include <cstring>
 
+#include "kelmtrova/token.h"
+
 namespace kelm::devices {
 namespace {
 
 enum Status : std::uint16_t {
-  kDone = 0x9000,
-  kMoreData = 0x6100,
-  kTriesLeftAre = 0x63C0,
-  kMemoryFailure = 0x6581,
-  kWrongLength = 0x6700,
+  kDone = KELM_SW_SUCCESS,
+  kMoreData = KELM_SW_MORE_DATA,
+  kTriesLeftAre = KELM_SW_NO_MATCH,
+  kMemoryFailure = KELM_SW_MEMORY_FAILURE,
+  kWrongLength = KELM_SW_WRONG_LENGTH,
   kNoLogicalChannel = 0x6881,
   kNoSecureMessaging = 0x6882,
   kNoChaining = 0x6884,
-  kNotAllowed = 0x6982,
-  kBlocked = 0x6983,
+  kNotAllowed = KELM_SW_SECURITY_STATUS,
+  kBlocked = KELM_SW_BLOCKED,
   kWrongConditions = 0x6985,
   kNoFileSelected = 0x6986,
-  kNoImage = 0x6A07,
-  kNoFeaturesInImage = 0x6A08,
-  kNoFinger = 0x6A0E,
-  kNoTemplateFromFeatures = 0x6A10,
-  kNoFeatures = 0x6A11,
-  kSlotNotEnrolled = 0x6A12,
-  kTemplateFileMissing = 0x6A13,
-  kNotATemplate = 0x6A14,
-  kModeOutOfRange = 0x6A18,
-  kNoMatch = 0x6A21,
-  kWrongData = 0x6A80,
-  kFileNotFound = 0x6A82,
+  kNoImage = KELM_SW_FEATURE_6A07,
+  kNoFeaturesInImage = KELM_SW_FEATURE_6A08,
+  kNoFinger = KELM_SW_CAPTURE_6A0E,
+  kNoTemplateFromFeatures = KELM_SW_ENROLL_6A10,
+  kNoFeatures = KELM_SW_FEATURE_6A11,
+  kSlotNotEnrolled = KELM_SW_MATCH_6A12,
+  kTemplateFileMissing = KELM_SW_MATCH_6A13,
+  kNotATemplate = KELM_SW_MATCH_6A14,
+  kModeOutOfRange = KELM_SW_VERIFY_MODE,
+  kNoMatch = KELM_SW_TEST_NO_MATCH,
+  kWrongData = KELM_SW_INCORRECT_DATA,
+  kFileNotFound = KELM_SW_FILE_NOT_FOUND,
   kNoRoom = 0x6A84,
   kFileExists = 0x6A89,
-  kSelfTestFailed = 0x6AFA,
-  kWrongParameters = 0x6B00,
+  kSelfTestFailed = KELM_SW_SELF_TEST,
+  kWrongParameters = KELM_SW_WRONG_P1P2,
   kLengthIs = 0x6C00,
   kUnknownInstruction = 0x6D00,
   kUnknownClass = 0x6E00,
@@ -45,7 +47,7 @@ constexpr std::size_t kHeaderSize = 5;
 constexpr std::size_t kLongestAnswer = 256;
 constexpr std::size_t kTemplateSize = 904;
 constexpr std::size_t kImageHeaderSize = 8;
-constexpr std::size_t kLongestImageLine = 240;
+constexpr std::size_t kLongestImageLine = KELM_MAX_LINE_LENGTH;
 constexpr std::uint8_t kCountingNoTries = 0x26;
 constexpr std::array<std::uint8_t, 4> kTemplateMark = {'K', 'F', 'P', 'T'};
 
@@ -452,40 +454,40 @@ struct Rule {
 };
 
 constexpr Rule kRules[] = {
-    {0x00, 0x20, 0x00, 0x00, Frame::kTellsOrAsks, 0, false, verifyPin},
-    {0x00, 0xA4, 0x00, kAny, Frame::kAny, 0, false, selectFile},
-    {0x00, 0xA4, 0x02, kAny, Frame::kAny, 0, false, selectFile},
-    {0x00, 0xA4, 0x04, kAny, Frame::kAny, 0, false, selectFile},
-    {0x00, 0xA4, 0x08, kAny, Frame::kAny, 0, false, selectFile},
-    {0x00, 0xB0, kAny, kAny, Frame::kAsks, 0, false, readBinary},
-    {0x00, 0xC0, 0x00, 0x00, Frame::kAsks, 0, false, getResponse},
-    {0x00, 0xD0, kAny, kAny, Frame::kTells, 0, false, writeBinary},
-    {0x00, 0xD6, kAny, kAny, Frame::kTells, 0, false, writeBinary},
-    {0x00, 0xE4, 0x00, 0x00, Frame::kTells, 2, false, deleteFile},
-    {0x80, 0xE0, kAny, kAny, Frame::kTells, 7, false, createFile},
-    {0x80, 0xF7, 0x01, 0x00, Frame::kTells, 0, false, receiveImage},
-    {0x80, 0xF9, 0x00, 0x06, Frame::kAsks, 1, false, cacheState},
-    {0x80, 0xF9, 0x01, 0x06, Frame::kAsks, 1, false, clearCache},
-    {0x80, 0xF9, 0x02, 0x06, Frame::kAsks, 1, true, switchCache},
-    {0x80, 0xF9, 0x03, 0x06, Frame::kAsks, 1, true, switchCache},
-    {0x80, 0xF9, 0x04, 0x06, Frame::kAsks, 1, false, readField},
-    {0x80, 0xF9, 0x05, 0x06, Frame::kAsks, 1, false, readField},
-    {0x80, 0xF9, 0x06, 0x06, Frame::kTells, 1, true, setField},
-    {0x80, 0xF9, 0x07, 0x06, Frame::kAsks, 1, false, readField},
-    {0x80, 0xF9, 0x08, 0x06, Frame::kTells, 1, true, setField},
-    {0x80, 0xF9, 0x09, 0x00, Frame::kAsks, 1, false, securityState},
-    {0x80, 0xF9, 0x0A, 0x06, Frame::kAsks, 1, false, readField},
-    {0x80, 0xF9, 0x0B, 0x06, Frame::kTells, 1, true, setField},
-    {0x80, 0xFA, 0x00, 0x00, Frame::kAsks, 2, false, captureImage},
-    {0x80, 0xFA, 0x01, 0x00, Frame::kAsks, 2, false, selfTest},
-    {0x80, 0xFA, 0x02, 0x00, Frame::kAsks, 47, false, deviceInformation},
-    {0x80, 0xFB, 0x00, kAny, Frame::kAsks, 2, false, extractFeatures},
-    {0x80, 0xFC, kAny, kAny, Frame::kAsks, 2, true, enroll},
-    {0x80, 0xFD, 0x06, kAny, Frame::kAsks, 1, false, match},
-    {0x80, 0xFD, 0x16, kAny, Frame::kAsks, 1, false, match},
-    {0x80, 0xFD, kCountingNoTries, kAny, Frame::kAsks, 1, false, match},
-    {0x80, 0xFE, 0x00, 0x06, Frame::kTells, 1, true, setVerifyMode},
-    {0x80, 0xFE, 0x01, 0x06, Frame::kAsks, 1, false, readVerifyMode},
+    {KELM_CLA_ISO, KELM_INS_VERIFY, 0x00, 0x00, Frame::kTellsOrAsks, 0, false, verifyPin},
+    {KELM_CLA_ISO, KELM_INS_SELECT, 0x00, kAny, Frame::kAny, 0, false, selectFile},
+    {KELM_CLA_ISO, KELM_INS_SELECT, 0x02, kAny, Frame::kAny, 0, false, selectFile},
+    {KELM_CLA_ISO, KELM_INS_SELECT, 0x04, kAny, Frame::kAny, 0, false, selectFile},
+    {KELM_CLA_ISO, KELM_INS_SELECT, 0x08, kAny, Frame::kAny, 0, false, selectFile},
+    {KELM_CLA_ISO, KELM_INS_READ_BINARY, kAny, kAny, Frame::kAsks, 0, false, readBinary},
+    {KELM_CLA_ISO, KELM_INS_GET_RESPONSE, 0x00, 0x00, Frame::kAsks, 0, false, getResponse},
+    {KELM_CLA_ISO, KELM_INS_WRITE_BINARY, kAny, kAny, Frame::kTells, 0, false, writeBinary},
+    {KELM_CLA_ISO, KELM_INS_UPDATE_BINARY, kAny, kAny, Frame::kTells, 0, false, writeBinary},
+    {KELM_CLA_ISO, KELM_INS_DELETE_FILE, 0x00, 0x00, Frame::kTells, 2, false, deleteFile},
+    {KELM_CLA_TOKEN, KELM_INS_CREATE_FILE, kAny, kAny, Frame::kTells, 7, false, createFile},
+    {KELM_CLA_TOKEN, KELM_INS_DOWNLOAD, 0x01, 0x00, Frame::kTells, 0, false, receiveImage},
+    {KELM_CLA_TOKEN, KELM_INS_PARAMETER, 0x00, 0x06, Frame::kAsks, 1, false, cacheState},
+    {KELM_CLA_TOKEN, KELM_INS_PARAMETER, 0x01, 0x06, Frame::kAsks, 1, false, clearCache},
+    {KELM_CLA_TOKEN, KELM_INS_PARAMETER, 0x02, 0x06, Frame::kAsks, 1, true, switchCache},
+    {KELM_CLA_TOKEN, KELM_INS_PARAMETER, 0x03, 0x06, Frame::kAsks, 1, true, switchCache},
+    {KELM_CLA_TOKEN, KELM_INS_PARAMETER, 0x04, 0x06, Frame::kAsks, 1, false, readField},
+    {KELM_CLA_TOKEN, KELM_INS_PARAMETER, 0x05, 0x06, Frame::kAsks, 1, false, readField},
+    {KELM_CLA_TOKEN, KELM_INS_PARAMETER, 0x06, 0x06, Frame::kTells, 1, true, setField},
+    {KELM_CLA_TOKEN, KELM_INS_PARAMETER, 0x07, 0x06, Frame::kAsks, 1, false, readField},
+    {KELM_CLA_TOKEN, KELM_INS_PARAMETER, 0x08, 0x06, Frame::kTells, 1, true, setField},
+    {KELM_CLA_TOKEN, KELM_INS_PARAMETER, 0x09, 0x00, Frame::kAsks, 1, false, securityState},
+    {KELM_CLA_TOKEN, KELM_INS_PARAMETER, 0x0A, 0x06, Frame::kAsks, 1, false, readField},
+    {KELM_CLA_TOKEN, KELM_INS_PARAMETER, 0x0B, 0x06, Frame::kTells, 1, true, setField},
+    {KELM_CLA_TOKEN, KELM_INS_DEVICE, 0x00, 0x00, Frame::kAsks, 2, false, captureImage},
+    {KELM_CLA_TOKEN, KELM_INS_DEVICE, 0x01, 0x00, Frame::kAsks, 2, false, selfTest},
+    {KELM_CLA_TOKEN, KELM_INS_DEVICE, 0x02, 0x00, Frame::kAsks, 47, false, deviceInformation},
+    {KELM_CLA_TOKEN, KELM_INS_EXTRACT, 0x00, kAny, Frame::kAsks, 2, false, extractFeatures},
+    {KELM_CLA_TOKEN, KELM_INS_ENROLL, kAny, kAny, Frame::kAsks, 2, true, enroll},
+    {KELM_CLA_TOKEN, KELM_INS_MATCH, 0x06, kAny, Frame::kAsks, 1, false, match},
+    {KELM_CLA_TOKEN, KELM_INS_MATCH, 0x16, kAny, Frame::kAsks, 1, false, match},
+    {KELM_CLA_TOKEN, KELM_INS_MATCH, kCountingNoTries, kAny, Frame::kAsks, 1, false, match},
+    {KELM_CLA_TOKEN, KELM_INS_VERIFY_MODE, 0x00, 0x06, Frame::kTells, 1, true, setVerifyMode},
+    {KELM_CLA_TOKEN, KELM_INS_VERIFY_MODE, 0x01, 0x06, Frame::kAsks, 1, false, readVerifyMode},
 };
 
 bool fits(int wanted, std::uint8_t byte) { return wanted == kAny || wanted == byte; }
@@ -531,7 +533,7 @@ Status refuseClass(std::uint8_t cla) {
 Reply dispatch(Call call) {
   const ByteView command = call.command;
   if (command.size() < 4) return refuse(kWrongLength);
-  if (command[0] != 0x00 && command[0] != 0x80) return refuse(refuseClass(command[0]));
+  if (command[0] != KELM_CLA_ISO && command[0] != KELM_CLA_TOKEN) return refuse(refuseClass(command[0]));
   const bool framed = parse(call);
   int status = kUnknownInstruction;
   for (const Rule &rule : kRules) {
@@ -567,11 +569,10 @@ Features featuresOf(ByteView finger) {
 }
 
 Reply answerCommand(Store &store, PowerSession &session, ByteView command) {
-  constexpr std::uint8_t kGetResponse = 0xC0;
   PowerSession before = session;
   try {
     Transaction transaction(store.database());
-    if (command.size() < 2 || command[1] != kGetResponse) session.pending.reset();
+    if (command.size() < 2 || command[1] != KELM_INS_GET_RESPONSE) session.pending.reset();
     Reply reply = dispatch({store, transaction, session, before, command});
     transaction.commit();
     return reply;

@@ -17,7 +17,7 @@ Features featuresOf(ByteView finger);
 bool isTemplate(ByteView content);
 
 struct Reply {
-  std::uint16_t status = 0x9000;
+  std::uint16_t status = KELM_SW_SUCCESS;
   Bytes data = {};
 };
 

@@ -192,7 +192,7 @@ Outcome perform(Device &device, ByteView command) {
     }
     case SIMULATOR_FAULT_TOO_MUCH:
       reply.data.resize(kLongestAnswer, 0xA5);
-      return {{0x9000, std::move(reply.data)}, fault.claimed};
+      return {{KELM_SW_SUCCESS, std::move(reply.data)}, fault.claimed};
     default:
       return {std::move(reply)};
   }

@@ -12,14 +12,15 @@
 #include <vector>
 
 #include "devices/simulated/database.h"
+#include "kelmtrova/token.h"
 
 namespace kelm::devices {
 
 // The token's own files; personalisation makes them, no command makes or deletes them.
-constexpr std::uint16_t kCounterFile = 0x0020;
-constexpr std::uint16_t kBlockFile = 0x0040;
-constexpr std::uint16_t kIndexFile = 0x0520;
-constexpr std::uint16_t kMasterFile = 0x3F00;
+constexpr std::uint16_t kCounterFile = KELM_FID_COUNTER;
+constexpr std::uint16_t kBlockFile = KELM_FID_BLOCK_RECORD;
+constexpr std::uint16_t kIndexFile = KELM_FID_TEMPLATE_INDEX;
+constexpr std::uint16_t kMasterFile = KELM_FID_MASTER_FILE;
 
 // What CREATE FILE calls a template file, and what the token's own and other files are instead.
 constexpr std::uint8_t kTemplateFileType = 0x28;

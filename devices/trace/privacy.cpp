@@ -3,27 +3,17 @@
 
 #include <algorithm>
 
+#include "kelmtrova/token.h"
+
 namespace kelm::trace {
 namespace {
 
 constexpr std::size_t kHeader = 4, kDataStart = 5, kImageHeader = 8;
-constexpr std::uint16_t kIndexFile = 0x0520;
 // An entry of the index: state, tag and FID, and then the user data.
 constexpr std::uint32_t kEntrySize = 20, kUserDataStart = 4;
 
-enum Instruction : std::uint8_t {
-  kVerify = 0x20,
-  kChangeReference = 0x24,
-  kResetRetryCounter = 0x2C,
-  kSelect = 0xA4,
-  kReadBinary = 0xB0,
-  kGetResponse = 0xC0,
-  kWriteBinary = 0xD0,
-  kUpdateBinary = 0xD6,
-  kCreateFile = 0xE0,
-  kDeleteFile = 0xE4,
-  kImageBlock = 0xF7
-};
+// Of the commands about a PIN that this system does not send itself.
+constexpr std::uint8_t kChangeReference = 0x24, kResetRetryCounter = 0x2C;
 
 // The data of a command; all that follows the header when its length byte is wrong or does not end it.
 Bytes dataOf(Bytes command) {
@@ -44,7 +34,7 @@ void hide(Bytes bytes, const Secret &secret) {
 
 bool succeeded(std::uint16_t status) {
   const int sw1 = status >> 8;
-  return status == 0x9000 || (sw1 >= 0x61 && sw1 <= 0x63);
+  return status == KELM_SW_SUCCESS || (sw1 >= 0x61 && sw1 <= 0x63);
 }
 
 }  // namespace
@@ -54,7 +44,7 @@ Secret Privacy::contents(const Known &known, ByteView command) const {
   if (showUserData_) return {};
   const bool bySelection = (command[1] & 1) == 0 && (command[2] & 0x80) == 0;
   if (!bySelection || !known.file) return {Secret::kAll};
-  if (*known.file != kIndexFile) return {};
+  if (*known.file != KELM_FID_TEMPLATE_INDEX) return {};
   return {Secret::kUserData, static_cast<std::uint32_t>(command[2] << 8 | command[3])};
 }
 
@@ -67,35 +57,35 @@ Begun Privacy::hideInCommand(std::uint64_t device, Bytes command) {
   const auto fid = [](ByteView at) { return static_cast<std::uint16_t>(at[0] << 8 | at[1]); };
   // An odd instruction is the same command with its data in BER-TLV.
   switch (const std::uint8_t instruction = command[1]; instruction & 0xFE) {
-    case kVerify:
+    case KELM_INS_VERIFY:
     case kChangeReference:
     case kResetRetryCounter:
       hide(data, {Secret::kAll});
       break;
-    case kSelect:
+    case KELM_INS_SELECT:
       begun.leavesSelection = false;
       if (data.size() == 2) begun.selects = fid(data);
       break;
-    case kCreateFile:
+    case KELM_INS_CREATE_FILE:
       begun.leavesSelection = false;
       begun.selects = fid(command.subspan(2));
       break;
-    case kDeleteFile:
+    case KELM_INS_DELETE_FILE:
       begun.leavesSelection = false;
       break;
-    case kReadBinary:
+    case KELM_INS_READ_BINARY:
       begun.answer = contents(known, command);
       hide(data, begun.answer.kind == Secret::kAll ? begun.answer : Secret{});
       break;
-    case kWriteBinary:
-    case kUpdateBinary:
+    case KELM_INS_WRITE_BINARY:
+    case KELM_INS_UPDATE_BINARY:
       hide(data, contents(known, command));
       break;
-    case kGetResponse:
+    case KELM_INS_GET_RESPONSE:
       begun.answer = known.waiting;
       break;
     default:
-      if (instruction == kImageBlock && !showUserData_ && data.size() > kImageHeader)
+      if (instruction == KELM_INS_DOWNLOAD && !showUserData_ && data.size() > kImageHeader)
         hide(data.subspan(kImageHeader), {Secret::kAll});
   }
   return begun;

@@ -3,6 +3,8 @@
 
 #include <cstdio>
 
+#include "kelmtrova/token.h"
+
 namespace kelm::trace {
 namespace {
 
@@ -19,38 +21,38 @@ struct CommandWords {
 };
 
 constexpr CommandWords kCommands[] = {
-    {0x80, 0xFA, 0x00, "capture"},
-    {0x80, 0xFA, 0x01, "self-test"},
-    {0x80, 0xFA, 0x02, "device information"},
-    {0x80, 0xFB, -1, "extract features into buffer", Detail::kP2},
-    {0x80, 0xFC, -1, "enroll into file", Detail::kFidInHeader},
-    {0x80, 0xFD, 0x26, "match without counting tries, slot", Detail::kP2},
-    {0x80, 0xFD, -1, "match, slot", Detail::kP2},
-    {0x80, 0xFE, 0x00, "set verify mode"},
-    {0x80, 0xFE, 0x01, "get verify mode"},
-    {0x80, 0xF9, 0x00, "get finger-cache state"},
-    {0x80, 0xF9, 0x01, "clear finger cache"},
-    {0x80, 0xF9, 0x02, "switch finger cache on"},
-    {0x80, 0xF9, 0x03, "switch finger cache off"},
-    {0x80, 0xF9, 0x04, "get slot count"},
-    {0x80, 0xF9, 0x05, "get time-out"},
-    {0x80, 0xF9, 0x06, "set time-out"},
-    {0x80, 0xF9, 0x07, "get security level"},
-    {0x80, 0xF9, 0x08, "set security level"},
-    {0x80, 0xF9, 0x09, "get security state"},
-    {0x80, 0xF9, 0x0A, "get image gain"},
-    {0x80, 0xF9, 0x0B, "set image gain"},
-    {0x80, 0xF7, -1, "image block"},
-    {0x80, 0xE0, -1, "create file", Detail::kFidInHeader},
-    {0x00, 0x20, -1, "verify PIN"},
-    {0x00, 0x24, -1, "change PIN"},
-    {0x00, 0x2C, -1, "unblock PIN"},
-    {0x00, 0xA4, -1, "select file", Detail::kFidInData},
-    {0x00, 0xB0, -1, "read binary"},
-    {0x00, 0xD0, -1, "write binary"},
-    {0x00, 0xD6, -1, "update binary"},
-    {0x00, 0xE4, -1, "delete file", Detail::kFidInData},
-    {0x00, 0xC0, -1, "get response"},
+    {KELM_CLA_TOKEN, KELM_INS_DEVICE, 0x00, "capture"},
+    {KELM_CLA_TOKEN, KELM_INS_DEVICE, 0x01, "self-test"},
+    {KELM_CLA_TOKEN, KELM_INS_DEVICE, 0x02, "device information"},
+    {KELM_CLA_TOKEN, KELM_INS_EXTRACT, -1, "extract features into buffer", Detail::kP2},
+    {KELM_CLA_TOKEN, KELM_INS_ENROLL, -1, "enroll into file", Detail::kFidInHeader},
+    {KELM_CLA_TOKEN, KELM_INS_MATCH, 0x26, "match without counting tries, slot", Detail::kP2},
+    {KELM_CLA_TOKEN, KELM_INS_MATCH, -1, "match, slot", Detail::kP2},
+    {KELM_CLA_TOKEN, KELM_INS_VERIFY_MODE, 0x00, "set verify mode"},
+    {KELM_CLA_TOKEN, KELM_INS_VERIFY_MODE, 0x01, "get verify mode"},
+    {KELM_CLA_TOKEN, KELM_INS_PARAMETER, 0x00, "get finger-cache state"},
+    {KELM_CLA_TOKEN, KELM_INS_PARAMETER, 0x01, "clear finger cache"},
+    {KELM_CLA_TOKEN, KELM_INS_PARAMETER, 0x02, "switch finger cache on"},
+    {KELM_CLA_TOKEN, KELM_INS_PARAMETER, 0x03, "switch finger cache off"},
+    {KELM_CLA_TOKEN, KELM_INS_PARAMETER, 0x04, "get slot count"},
+    {KELM_CLA_TOKEN, KELM_INS_PARAMETER, 0x05, "get time-out"},
+    {KELM_CLA_TOKEN, KELM_INS_PARAMETER, 0x06, "set time-out"},
+    {KELM_CLA_TOKEN, KELM_INS_PARAMETER, 0x07, "get security level"},
+    {KELM_CLA_TOKEN, KELM_INS_PARAMETER, 0x08, "set security level"},
+    {KELM_CLA_TOKEN, KELM_INS_PARAMETER, 0x09, "get security state"},
+    {KELM_CLA_TOKEN, KELM_INS_PARAMETER, 0x0A, "get image gain"},
+    {KELM_CLA_TOKEN, KELM_INS_PARAMETER, 0x0B, "set image gain"},
+    {KELM_CLA_TOKEN, KELM_INS_DOWNLOAD, -1, "image block"},
+    {KELM_CLA_TOKEN, KELM_INS_CREATE_FILE, -1, "create file", Detail::kFidInHeader},
+    {KELM_CLA_ISO, KELM_INS_VERIFY, -1, "verify PIN"},
+    {KELM_CLA_ISO, 0x24, -1, "change PIN"},
+    {KELM_CLA_ISO, 0x2C, -1, "unblock PIN"},
+    {KELM_CLA_ISO, KELM_INS_SELECT, -1, "select file", Detail::kFidInData},
+    {KELM_CLA_ISO, KELM_INS_READ_BINARY, -1, "read binary"},
+    {KELM_CLA_ISO, KELM_INS_WRITE_BINARY, -1, "write binary"},
+    {KELM_CLA_ISO, KELM_INS_UPDATE_BINARY, -1, "update binary"},
+    {KELM_CLA_ISO, KELM_INS_DELETE_FILE, -1, "delete file", Detail::kFidInData},
+    {KELM_CLA_ISO, KELM_INS_GET_RESPONSE, -1, "get response"},
 };
 
 struct StatusWords {
@@ -59,23 +61,23 @@ struct StatusWords {
 };
 
 constexpr StatusWords kStatuses[] = {
-    {0x9000, 0xFFFF, "done"},
-    {0x6100, 0xFFFF, "256 bytes or more wait"},
-    {0x6100, 0xFF00, "%u bytes wait"},
-    {0x63C0, 0xFFF0, "no match, %u tries left"},
-    {0x6581, 0xFFFF, "memory failure"},
-    {0x6700, 0xFFFF, "wrong length"},
-    {0x6982, 0xFFFF, "security status not satisfied"},
-    {0x6983, 0xFFFF, "blocked"},
+    {KELM_SW_SUCCESS, 0xFFFF, "done"},
+    {KELM_SW_MORE_DATA, 0xFFFF, "256 bytes or more wait"},
+    {KELM_SW_MORE_DATA, 0xFF00, "%u bytes wait"},
+    {KELM_SW_NO_MATCH, 0xFFF0, "no match, %u tries left"},
+    {KELM_SW_MEMORY_FAILURE, 0xFFFF, "memory failure"},
+    {KELM_SW_WRONG_LENGTH, 0xFFFF, "wrong length"},
+    {KELM_SW_SECURITY_STATUS, 0xFFFF, "security status not satisfied"},
+    {KELM_SW_BLOCKED, 0xFFFF, "blocked"},
     {0x6985, 0xFFFF, "conditions of use not satisfied"},
     {0x6986, 0xFFFF, "no file selected"},
-    {0x6A80, 0xFFFF, "incorrect data"},
-    {0x6A82, 0xFFFF, "file not found"},
+    {KELM_SW_INCORRECT_DATA, 0xFFFF, "incorrect data"},
+    {KELM_SW_FILE_NOT_FOUND, 0xFFFF, "file not found"},
     {0x6A84, 0xFFFF, "not enough memory"},
     {0x6A86, 0xFFFF, "wrong P1-P2"},
     {0x6A89, 0xFFFF, "file exists"},
-    {0x6AFA, 0xFFFF, "self-test failed"},
-    {0x6B00, 0xFFFF, "wrong P1-P2"},
+    {KELM_SW_SELF_TEST, 0xFFFF, "self-test failed"},
+    {KELM_SW_WRONG_P1P2, 0xFFFF, "wrong P1-P2"},
     {0x6C00, 0xFF00, "wrong Le, %u is right"},
     {0x6D00, 0xFFFF, "instruction not supported"},
     {0x6E00, 0xFFFF, "class not supported"},
@@ -87,8 +89,9 @@ struct FileWords {
   const char *name;
 };
 
-constexpr FileWords kFiles[] = {
-    {0x0020, ", the FID counter"}, {0x0040, ", the block record"}, {0x0520, ", the template index"}};
+constexpr FileWords kFiles[] = {{KELM_FID_COUNTER, ", the FID counter"},
+                                {KELM_FID_BLOCK_RECORD, ", the block record"},
+                                {KELM_FID_TEMPLATE_INDEX, ", the template index"}};
 
 std::string numbered(const char *format, unsigned number) {
   char text[64];

@@ -107,6 +107,7 @@ extern "C" {
 /* Command APDUs: class and instruction. CREATE FILE and what follows it are commands of the token's own class. */
 #define KELM_CLA_ISO 0x00
 #define KELM_CLA_TOKEN 0x80
+#define KELM_INS_VERIFY 0x20 /* of the PIN; the middleware sends it, the library never does */
 #define KELM_INS_SELECT 0xA4
 #define KELM_INS_READ_BINARY 0xB0
 #define KELM_INS_GET_RESPONSE 0xC0
