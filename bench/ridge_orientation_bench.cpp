@@ -72,12 +72,11 @@ void theirs(const std::vector<std::uint8_t> &pixels, int height, int width) {
 
 std::vector<Pair> pairs() {
   std::vector<Pair> result;
-  for (const auto &[height, width] : {std::pair{360, 256}, std::pair{1024, 1024}}) {
-    const auto image = std::make_shared<std::vector<std::uint8_t>>(ridgePicture(height, width));
-    const std::string size = std::to_string(width) + " x " + std::to_string(height);
-    result.push_back({"FingerprintGetDirectionFloat " + size, "cv::Sobel, mul, boxFilter, phase",
-                      [image, h = height, w = width] { ours(*image, h, w); },
-                      [image, h = height, w = width] { theirs(*image, h, w); }, 1.0});
+  for (const Size size : kSizes) {
+    const auto image = std::make_shared<std::vector<std::uint8_t>>(ridgePicture(size.height, size.width));
+    result.push_back({named("FingerprintGetDirectionFloat", size), "cv::Sobel, mul, boxFilter, phase",
+                      [=] { ours(*image, size.height, size.width); }, [=] { theirs(*image, size.height, size.width); },
+                      1.0});
   }
   return result;
 }
