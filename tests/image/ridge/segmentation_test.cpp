@@ -323,8 +323,7 @@ TEST(Thresholds, WorkedHistograms) {
       {FpThresholdingGradsImage, {{40, 59, 90}, {140, 159, 90}}, 100},
       {FpThresholdingGradsImage, {{40, 59, 90}, {140, 159, 90}, {200, 219, 90}}, 100},
       // Bins of 80, which smoothing keeps, less the mean 79: a peak at (1 + 128) / 2 = 64 whose foot is 0 and which
-      // falls
-      // to half on neither side. Bin 32 is level 64, of which 0.8.
+      // falls to half on neither side. Bin 32 is level 64, of which 0.8.
       {FpThresholdingGradsImageEx, {{0, 255, 40}}, 51},
   };
   for (const auto &c : cases) {

@@ -34,7 +34,7 @@ TEST(Truth, DirectionAndPeriodOfStraightRidges) {
           EXPECT_LE(apart(field.data[r * field.cols + c], degrees), tolerance) << degrees << ' ' << period;
         }
       }
-      // The frequency reads the picture upside down relative to the field.
+      // The frequency expects the picture flipped vertically relative to the field.
       const RidgePicture full = kelm::test::straightRidges(192, 192, -degrees, period);
       std::uint8_t *map = nullptr;
       ASSERT_EQ(FpGetFrequency(full.pixels.data(), 192, 192, &field, &map), 0);
