@@ -114,7 +114,8 @@ std::uint16_t chooseFile(Enrollment &enrollment) {
   return KELM_SW_SUCCESS;
 }
 
-std::uint16_t sendEnroll(const Enrollment &enrollment) {
+// Not inlined: its answer would take stack beside those of the file functions.
+[[gnu::noinline]] std::uint16_t sendEnroll(const Enrollment &enrollment) {
   std::uint8_t command[kCommandRoom] = {KELM_CLA_TOKEN, KELM_INS_ENROLL, highByte(enrollment.fid),
                                         lowByte(enrollment.fid), 0x02};
   Response response;

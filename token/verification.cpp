@@ -40,7 +40,8 @@ bool fileCommand(const SCardConnection *handle, std::span<std::uint8_t> command,
 }
 
 // Each command is sent only after the one before succeeded; their answers do not change the verdict.
-void recordBlock(const SCardConnection *handle) {
+// Not inlined: in one frame, this answer and that of the match would take twice the stack.
+[[gnu::noinline]] void recordBlock(const SCardConnection *handle) {
   constexpr std::uint8_t high = highByte(kRecordOffset);
   constexpr std::uint8_t low = lowByte(kRecordOffset);
   auto select = link::selectCommand(KELM_FID_BLOCK_RECORD);
@@ -63,8 +64,8 @@ void recordBlock(const SCardConnection *handle) {
 }
 
 // MATCH under the lock. `first` becomes the first data byte, 0 when there is none.
-std::uint16_t match(const SCardConnection *handle, std::uint8_t p1, std::uint8_t p2, const char *exitTrace,
-                    std::uint8_t &first) {
+[[gnu::noinline]] std::uint16_t match(const SCardConnection *handle, std::uint8_t p1, std::uint8_t p2,
+                                      const char *exitTrace, std::uint8_t &first) {
   std::uint8_t command[kCommandRoom] = {KELM_CLA_TOKEN, KELM_INS_MATCH, p1, p2, 0x01};
   Response response;
   const std::uint16_t retV = link::exchange(handle, command, link::kCommandHeaderLength, response);
