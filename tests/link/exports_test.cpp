@@ -86,7 +86,7 @@ TEST(Exports, CodeMarksItsEntriesAndProbesItsStack) {
   const Names landings = {"endbr64", "bti", "paciasp"};
   const Names exported =
       outputOf("nm -D --defined-only --without-symbol-versions " + kLibrary + "| sed '/ T /!d; s/.* //'");
-  std::istringstream code(textFrom("objdump -d -j .text --no-show-raw-insn " + kLibrary));
+  std::istringstream code(textFrom(KELM_OBJDUMP " -d -j .text --no-show-raw-insn " + kLibrary));
   std::size_t entries = 0, probes = 0;
   bool entry = false, probeIsDue = false;
   for (std::string line; std::getline(code, line);) {
