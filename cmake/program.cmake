@@ -12,9 +12,10 @@ target_link_libraries(kelmtrova_program PRIVATE
   kelmtrova_flags kelmtrova::kelmtrova CLI11::CLI11 fmt::fmt nlohmann_json::nlohmann_json PNG::PNG kelmtrova_pictures
   ${CMAKE_DL_LIBS})
 target_compile_definitions(kelmtrova_program PRIVATE KELM_VERSION="${PROJECT_VERSION}")
-# Its SCardTransmit and MYTRACE take the place of the library's.
+# These take the place of the device manager's and the library's.
 target_link_options(kelmtrova_program PRIVATE LINKER:--disable-new-dtags
-  LINKER:--export-dynamic-symbol=SCardTransmit LINKER:--export-dynamic-symbol=MYTRACE
+  LINKER:--export-dynamic-symbol=Icc_tsi_apiKelmDev LINKER:--export-dynamic-symbol=MYTRACE
+  LINKER:--export-dynamic-symbol=MyLock LINKER:--export-dynamic-symbol=MyUnlock
   LINKER:-rpath-link,${PROJECT_BINARY_DIR}/lib)
 # Loaded while the program runs.
 add_dependencies(kelmtrova_program kelmpkcs)
@@ -25,3 +26,16 @@ set(run_path "$ORIGIN/../lib" "$ORIGIN/${libraries}")
 list(REMOVE_DUPLICATES run_path)
 set_target_properties(kelmtrova_program PROPERTIES OUTPUT_NAME kelmtrova
   INSTALL_RPATH "${run_path}" BUILD_WITH_INSTALL_RPATH ON)
+
+# Completion, as the program itself writes it. Not where it cannot run on the machine that builds it.
+if(NOT CMAKE_CROSSCOMPILING)
+  set(completions ${PROJECT_BINARY_DIR}/completions)
+  add_custom_command(TARGET kelmtrova_program POST_BUILD
+    COMMAND ${CMAKE_COMMAND} -E make_directory ${completions}
+    COMMAND $<TARGET_FILE:kelmtrova_program> completion bash > ${completions}/kelmtrova
+    COMMAND $<TARGET_FILE:kelmtrova_program> completion zsh > ${completions}/_kelmtrova
+    COMMAND $<TARGET_FILE:kelmtrova_program> completion fish > ${completions}/kelmtrova.fish VERBATIM)
+  install(FILES ${completions}/kelmtrova DESTINATION ${CMAKE_INSTALL_DATADIR}/bash-completion/completions)
+  install(FILES ${completions}/_kelmtrova DESTINATION ${CMAKE_INSTALL_DATADIR}/zsh/site-functions)
+  install(FILES ${completions}/kelmtrova.fish DESTINATION ${CMAKE_INSTALL_DATADIR}/fish/vendor_completions.d)
+endif()

@@ -3,11 +3,11 @@
 #pragma once
 
 #include <CLI/CLI.hpp>
-#include <string>
 
 namespace kelm::tools {
 
-// A script for bash that completes the commands and options of `app`, made from what the app itself knows.
-std::string bashCompletion(const CLI::App &app);
+// Adds `completion SHELL`, which prints a script for bash, zsh or fish, made from what the app itself knows. Labels and
+// addresses are asked for while they are completed, from the hidden command `complete` of tools/token/commands.h.
+void addCompletionCommand(CLI::App &app);
 
 }  // namespace kelm::tools

@@ -1,9 +1,11 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "tools/demo.h"
 
+#include <fcntl.h>
 #include <fmt/format.h>
 #include <unistd.h>
 
+#include <csignal>
 #include <cstdlib>
 #include <filesystem>
 #include <string>
@@ -14,8 +16,9 @@
 #include "tools/image/commands.h"
 #include "tools/output.h"
 #include "tools/program.h"
+#include "tools/signals.h"
 #include "tools/terminal.h"
-#include "tools/token/simulator_link.h"
+#include "tools/token/platform.h"
 
 namespace kelm::tools {
 
@@ -52,14 +55,15 @@ const std::vector<Step> &steps() {
       {"A stranger tries until the token blocks itself; then even Anna is refused.",
        {"token", "verify", "--slot", "1", "--finger", "stranger"},
        kExitNoMatch},
-      {nullptr, {"token", "verify", "--slot", "1", "--finger", "stranger"}, kExitRefused},
+      {nullptr, {"token", "verify", "--slot", "1", "--finger", "stranger"}, kExitNoMatch},
       {nullptr, {"token", "verify", "--slot", "1", "--finger", "anna-thumb"}, kExitRefused},
       {nullptr, {"token", "unblock"}},
       {nullptr, {"token", "verify", "--slot", "1", "--finger", "anna-thumb"}},
       {"A token can ask for its PIN before templates are written.", {"token", "pin", "require", "on"}},
       {nullptr, {"token", "enroll", "--finger", "dora-thumb", "--label", "Dora, thumb"}, kExitRefused},
-      {nullptr, {"token", "enroll", "--finger", "dora-thumb", "--label", "Dora, thumb", "--pin", "1234"}},
-      {nullptr, {"token", "params", "--time-out", "20", "--pin", "1234"}},
+      {nullptr, {"token", "enroll", "--finger", "dora-thumb", "--label", "Dora, thumb", "--pin-file", "pin.txt"}},
+      {nullptr, {"token", "params", "--time-out", "20", "--pin-file", "pin.txt"}},
+      {"Is all well with the token?", {"token", "doctor"}},
   };
   return all;
 }
@@ -70,19 +74,39 @@ std::string makeFolder(const char *name) {
   return path;
 }
 
-// The place of the default token for as long as it lives: a folder of its own.
+// The place of the default token for as long as it lives: a folder of its own, which is also the current one. It goes
+// when a signal ends the program, too.
 class TemporaryHome {
  public:
-  TemporaryHome() : path_(makeFolder("kelmtrova-demo")) { setenv("XDG_DATA_HOME", path_.c_str(), 1); }
-  ~TemporaryHome() {
-    std::error_code ignored;
-    std::filesystem::remove_all(path_, ignored);
+  TemporaryHome()
+      : path_(makeFolder("kelmtrova-demo")), before_(std::filesystem::current_path()), onSignal_([this](int signal) {
+          if (signal != SIGTSTP) remove();
+          return false;
+        }) {
+    setenv("XDG_DATA_HOME", path_.c_str(), 1);
+    setenv("KELMTROVA_TOKEN", "sim:", 1);  // also where a real one is plugged in
+    unsetenv("KELMTROVA_PIN");
+    std::filesystem::current_path(path_);
+    writeFile("pin.txt", "1234\n");
   }
+  ~TemporaryHome() { remove(); }
   TemporaryHome(const TemporaryHome &) = delete;
   TemporaryHome &operator=(const TemporaryHome &) = delete;
 
  private:
+  // More than once: a command that runs meanwhile may put a file into a folder that is just being removed.
+  void remove() const {
+    constexpr int kMostTimes = 20;
+    std::error_code error;
+    std::filesystem::current_path(before_, error);
+    for (int i = 0; i < kMostTimes && std::filesystem::exists(path_, error); ++i) {
+      std::filesystem::remove_all(path_, error);
+    }
+  }
+
   std::string path_;
+  std::filesystem::path before_;
+  OnSignal onSignal_;
 };
 
 std::string quoted(const std::string &word) {
@@ -113,7 +137,7 @@ bool showLife() {
 }  // namespace
 
 int runDemo(const std::string &reports) {
-  if (simulatorLink() == nullptr) {
+  if (simulator() == nullptr) {
     throw Failure(kExitNoToken, "the demo needs a simulated token; the device manager libkelmkmgr.so is a real one");
   }
   put("The life of a fingerprint token, in this program's own commands. The token is simulated: its protocol\n"
@@ -121,6 +145,10 @@ int runDemo(const std::string &reports) {
   const bool whole = [] {
     // What goes to standard error belongs to the transcript, in its place.
     const Redirected redirected(STDERR_FILENO, STDOUT_FILENO);
+    // Nobody is asked for anything.
+    const int nothing = open("/dev/null", O_RDONLY | O_CLOEXEC);
+    const Redirected unasked(STDIN_FILENO, nothing);
+    close(nothing);
     return showLife();
   }();
   if (!whole) throw Failure(kExitRefused, "the demo stopped: the last command did not do what it should");

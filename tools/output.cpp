@@ -6,11 +6,13 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
+#include <memory>
 #include <nlohmann/json.hpp>
 
 #include "tools/failure.h"
@@ -21,6 +23,8 @@ namespace kelm::tools {
 namespace {
 
 namespace fs = std::filesystem;
+
+bool quietly = false;
 
 [[noreturn]] void failFile(const std::string &path, int error) { throw FileFailure(path + ": " + strerror(error)); }
 
@@ -105,6 +109,7 @@ void replace(const std::string &path, const fs::path &place, std::span<const std
 }  // namespace
 
 void put(std::string_view text) {
+  if (quietly) return;
   if (std::fwrite(text.data(), 1, text.size(), stdout) != text.size()) failOutput();
 }
 
@@ -112,11 +117,17 @@ void flushOutput() {
   if (std::fflush(stdout) != 0 || std::ferror(stdout) != 0) failOutput();
 }
 
-void putError(std::string_view line) {
+void putError(std::string_view line, Tone tone) {
+  if (quietly) return;
   std::fflush(stdout);
-  const std::string text = shown(line) + '\n';
+  const std::size_t colon = tone == Tone::kPlain ? 0 : std::min(line.find(':'), line.size());
+  std::string text = tone == Tone::kPlain ? "" : toned(shown(line.substr(0, colon)), tone, STDERR_FILENO);
+  text += shown(line.substr(colon)) + '\n';
   std::fwrite(text.data(), 1, text.size(), stderr);
 }
+
+void setQuiet(bool quiet) { quietly = quiet; }
+bool isQuiet() { return quietly; }
 
 std::string jsonText(const nlohmann::ordered_json &json, int indent) {
   const std::string plain = json.dump(indent, ' ', false, nlohmann::ordered_json::error_handler_t::replace);
@@ -153,6 +164,19 @@ void writeFile(const std::string &path, std::span<const std::uint8_t> bytes) {
 
 void writeFile(const std::string &path, std::string_view text) {
   writeFile(path, {reinterpret_cast<const std::uint8_t *>(text.data()), text.size()});
+}
+
+std::string readWhole(const std::string &path, std::size_t most) {
+  const std::unique_ptr<std::FILE, int (*)(std::FILE *)> file(std::fopen(path.c_str(), "rbe"), std::fclose);
+  if (file == nullptr) failFile(path, errno);
+  std::string bytes;
+  char block[4096];
+  while (const std::size_t got = std::fread(block, 1, sizeof block, file.get())) {
+    bytes.append(block, got);
+    if (bytes.size() > most) throw FileFailure(fmt::format("{}: larger than {} bytes", path, most));
+  }
+  if (std::ferror(file.get()) != 0) failFile(path, errno);
+  return bytes;
 }
 
 }  // namespace kelm::tools

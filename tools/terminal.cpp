@@ -8,9 +8,14 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <csignal>
 #include <cstdio>
 #include <iostream>
 #include <utility>
+
+#include "tools/failure.h"
+#include "tools/output.h"
+#include "tools/signals.h"
 
 namespace kelm::tools {
 
@@ -28,7 +33,7 @@ Progress::Progress(std::string label, std::string unit, std::uint64_t total)
     : label_(std::move(label)),
       unit_(std::move(unit)),
       total_(std::max<std::uint64_t>(total, 1)),
-      active_(isatty(STDERR_FILENO) == 1) {
+      active_(isatty(STDERR_FILENO) == 1 && !isQuiet()) {
   show(0);
 }
 
@@ -79,41 +84,64 @@ Redirected::~Redirected() {
 
 namespace {
 
-// Switches the terminal's echo off for as long as it lives.
+// Switches the terminal's echo off for as long as it lives. While the program is stopped, and when a signal ends it,
+// the echo is there.
 class Silence {
  public:
-  Silence() : active_(tcgetattr(STDIN_FILENO, &before_) == 0) {
-    if (!active_) return;
-    termios quiet = before_;
-    quiet.c_lflag &= ~static_cast<tcflag_t>(ECHO);
-    tcsetattr(STDIN_FILENO, TCSAFLUSH, &quiet);
+  explicit Silence(const std::string &question)
+      : active_(tcgetattr(STDIN_FILENO, &before_) == 0), onSignal_([this, question](int signal) {
+          restore();
+          std::fputc('\n', stderr);
+          if (signal != SIGTSTP) return false;
+          raise(SIGSTOP);
+          begin(question);
+          return true;
+        }) {
+    begin(question);
   }
-  ~Silence() {
-    if (active_) tcsetattr(STDIN_FILENO, TCSAFLUSH, &before_);
-  }
+  ~Silence() { restore(); }
   Silence(const Silence &) = delete;
   Silence &operator=(const Silence &) = delete;
 
  private:
+  void begin(const std::string &question) const {
+    termios quiet = before_;
+    quiet.c_lflag &= ~static_cast<tcflag_t>(ECHO);
+    if (active_) tcsetattr(STDIN_FILENO, TCSAFLUSH, &quiet);
+    std::fputs(question.c_str(), stderr);
+  }
+  void restore() const {
+    if (active_) tcsetattr(STDIN_FILENO, TCSAFLUSH, &before_);
+  }
+
   termios before_{};
   bool active_;
+  OnSignal onSignal_;
 };
+
+bool readLine(std::string &line) { return static_cast<bool>(std::getline(std::cin, line)); }
 
 }  // namespace
 
 std::string readSecret(const std::string &question) {
   std::string line;
-  if (isatty(STDIN_FILENO) != 1) {
-    std::getline(std::cin, line);
-    return line;
+  bool got;
+  if (isatty(STDIN_FILENO) == 1) {
+    const Silence silence(question);
+    got = readLine(line);
+    std::fputc('\n', stderr);
+  } else {
+    got = readLine(line);
   }
-  std::fputs(question.c_str(), stderr);
-  {
-    const Silence silence;
-    std::getline(std::cin, line);
-  }
-  std::fputc('\n', stderr);
+  if (!got) throw Failure(kExitUsage, "standard input holds no PIN");
   return line;
+}
+
+bool confirmed(const std::string &question) {
+  if (isatty(STDIN_FILENO) != 1) return false;
+  std::fputs(question.c_str(), stderr);
+  std::string line;
+  return readLine(line) && (line == "y" || line == "Y" || line == "yes");
 }
 
 }  // namespace kelm::tools

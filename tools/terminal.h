@@ -1,6 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// The program's standard streams: progress and secrets typed without an echo, both on a terminal only, and what is kept
-// off standard output.
+// The program's standard streams: progress, and secrets typed without an echo, all on a terminal only.
 #pragma once
 
 #include <chrono>
@@ -42,7 +41,11 @@ class Redirected {
   int from_, kept_;
 };
 
-// One line of standard input; on a terminal it is asked for by `question` and not shown while it is typed.
+// One line of standard input without its end. On a terminal it is asked for by `question` and not shown while it is
+// typed; a signal brings the echo back before it does its work. Throws when there is no line.
 std::string readSecret(const std::string &question);
+
+// Whether a person answers "y" on the terminal; false without one.
+bool confirmed(const std::string &question);
 
 }  // namespace kelm::tools

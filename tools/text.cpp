@@ -2,8 +2,10 @@
 #include "tools/text.h"
 
 #include <fmt/format.h>
+#include <unistd.h>
 
 #include <algorithm>
+#include <cstdlib>
 #include <cwchar>
 
 namespace kelm::tools {
@@ -97,6 +99,17 @@ std::string csvField(std::string_view text) {
   std::string doubled;
   for (const char character : field) doubled.append(character == '"' ? 2 : 1, character);
   return fmt::format("\"{}\"", doubled);
+}
+
+std::string toned(std::string_view line, Tone tone, int stream) {
+  const auto variable = [](const char *name) {
+    const char *value = std::getenv(name);
+    return std::string_view(value == nullptr ? "" : value);
+  };
+  const bool wanted = tone != Tone::kPlain && isatty(stream) == 1 && variable("NO_COLOR").empty() &&
+                      !variable("TERM").empty() && variable("TERM") != "dumb";
+  if (!wanted) return std::string(line);
+  return fmt::format("\033[{}m{}\033[0m", tone == Tone::kGood ? "32" : "1;31", line);
 }
 
 }  // namespace kelm::tools

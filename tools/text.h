@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// Text for people: names from outside made safe to show, numbers of things, hexadecimal, fields of CSV.
+// Text for people: names from outside made safe to show, numbers of things, hexadecimal, fields of CSV, colours.
 #pragma once
 
 #include <cstddef>
@@ -30,5 +30,9 @@ std::string hex(std::span<const std::uint8_t> bytes, std::string_view separator 
 // One field of a CSV line after RFC 4180: quoted where it must be. A text that a spreadsheet could take for a formula
 // (it begins with = + - @, tab or carriage return) gets an apostrophe before it; numbers are not to be passed here.
 std::string csvField(std::string_view text);
+
+// How a line is meant; shown in colour where standard output (or error) is a terminal that wants colours.
+enum class Tone { kPlain, kGood, kBad };
+std::string toned(std::string_view line, Tone tone, int stream);
 
 }  // namespace kelm::tools

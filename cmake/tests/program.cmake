@@ -21,3 +21,12 @@ if(KELMTROVA_PROGRAM AND NOT KELMTROVA_SANITIZE)
   set_tests_properties(install PROPERTIES ENVIRONMENT
     "CMAKE_GENERATOR=${CMAKE_GENERATOR};CC=${CMAKE_C_COMPILER};CXX=${CMAKE_CXX_COMPILER}")
 endif()
+
+if(KELMTROVA_PROGRAM)
+  find_package(Python3 COMPONENTS Interpreter)
+  if(Python3_FOUND)
+    kelmtrova_add_test(json_schema 60 ${Python3_EXECUTABLE} ${PROJECT_SOURCE_DIR}/tests/tools/json_schema_test.py
+      $<TARGET_FILE:kelmtrova_program> ${PROJECT_SOURCE_DIR}/docs/json.schema.json)
+    set_tests_properties(json_schema PROPERTIES SKIP_RETURN_CODE 77)
+  endif()
+endif()

@@ -2,8 +2,6 @@
 // Counting grey levels.
 #include "image/buffers/histogram.h"
 
-#include <cstdlib>
-
 #include "image/support/kernel.h"
 #include "image/support/words.h"
 

@@ -3,7 +3,6 @@
 #include <sys/fsuid.h>
 #include <sys/stat.h>
 
-#include <array>
 #include <fstream>
 #include <map>
 

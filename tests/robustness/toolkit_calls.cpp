@@ -3,7 +3,6 @@
 
 #include <algorithm>
 #include <concepts>
-#include <cstdlib>
 
 #include "tests/support/fields.h"
 

@@ -94,12 +94,15 @@ TEST_F(ToolsOutput, ReplacesFilesWholeOrNotAtAll) {
   EXPECT_EQ(entries, 3) << "something was left beside new, sub and dangling";
 
   // Devices and pipes are written in place; so is an open file behind /dev/stdout.
-  ASSERT_EQ(mkfifo(place("pipe").c_str(), 0600), 0);
-  const Outcome piped = shell("kelmtrova image synth --class arch --size 64x64 -o /dev/stdout >>new; cat new");
+  ASSERT_EQ(mkfifo(place("pipe.png").c_str(), 0600), 0);
+  const Outcome piped =
+      shell("ln -s /dev/stdout out.png; kelmtrova image synth --class arch --size 64x64 -o out.png >>new; cat new");
   EXPECT_EQ(piped.out.rfind("2\x89PNG", 0), 0U);
-  EXPECT_EQ(shell("(head -c4 pipe | tail -c3) & kelmtrova image synth --class arch --size 64x64 -o pipe; wait").out,
+  EXPECT_EQ(shell("(timeout 20 head -c4 pipe.png | tail -c3) & kelmtrova image synth --class arch --size 64x64 -o "
+                  "pipe.png; wait")
+                .out,
             "PNG");
-  EXPECT_TRUE(std::filesystem::is_fifo(folder / "pipe"));
+  EXPECT_TRUE(std::filesystem::is_fifo(folder / "pipe.png"));
 }
 
 TEST_F(ToolsOutput, SaysWhenTheOutputIsCutOff) {

@@ -1,11 +1,14 @@
 // SPDX-License-Identifier: Apache-2.0
 // The program from outside: its output, its exit codes and what it leaves behind.
+#include <fmt/format.h>
+
 #include <algorithm>
 #include <nlohmann/json.hpp>
 #include <sstream>
 #include <vector>
 
 #include "kelmtrova/simulator.h"
+#include "kelmtrova/token.h"
 #include "tests/tools/program.h"
 
 namespace {
@@ -50,21 +53,39 @@ TEST_F(TokenProgram, KeepsATokenFromOneRunToTheNext) {
     const char *out;
   } steps[] = {
       {"enroll --finger thumb --label 'right thumb' --tag 0x2A", 0, "enrolled into slot 1 (right thumb)\n"},
-      {"enroll --finger index.raw --slot 3", 0, "enrolled into slot 3\n"},
+      {"enroll --finger @index.raw --slot 3", 0, "enrolled into slot 3\n"},
       {"slots", 0,
        "   slot  state     FID   tag  label\n"
        "      1  enrolled  0540   2A  right thumb\n"
        "      2  free\n"
        "      3  enrolled  0560   00\n"
        "      4  free\n"},
-      {"identify --finger index.raw", 0, "match: slot 3\n"},
+      {"identify --finger @index.raw", 0, "match: slot 3\n"},
+      {"identify --finger index.raw", 1, "no match in any slot, 2 tries left\n"},  // a name, not a file
       {"verify --slot 1 --finger thumb", 0, "match: slot 1 (right thumb)\n"},
-      {"enroll --finger ring --slot 3 --label ring", 0, "enrolled into slot 3 (ring), in place of what was there\n"},
-      {"delete --slot 3", 0, "deleted slot 3 (ring)\n"},
+      {"verify --label 'right thumb' --finger thumb", 0, "match: slot 1 (right thumb)\n"},
+      {"enroll --finger ring --replace --slot 3 --label ring", 0,
+       "enrolled into slot 3 (ring), in place of what was there\n"},
+      // Its own slot may match; label and tag stay.
+      {"enroll --finger thumb --replace --label 'right thumb'", 0,
+       "enrolled into slot 1 (right thumb), in place of what was there\n"},
+      {"enroll --finger thumb --again --label ring", 0, "enrolled into slot 2 (ring)\n"},
+      {"delete --slot 2", 0, "deleted slot 2 (ring)\n"},
+      {"slots", 0,
+       "   slot  state     FID   tag  label\n"
+       "      1  enrolled  0540   2A  right thumb\n"
+       "      2  free\n"
+       "      3  enrolled  0560   00  ring\n"
+       "      4  free\n"},
+      {"delete --label ring", 0, "deleted slot 3 (ring)\n"},
       {"delete --slot 3", 0, "slot 3 is free already\n"},
       {"verify --slot 1 --finger ring", 1, "no match with slot 1, 2 tries left\n"},
       {"verify --slot 1 --finger ring --test", 1, "no match with slot 1\n"},
       {"identify --finger ring", 1, "no match in any slot, 1 try left\n"},
+      {"identify", 3, ""},
+      {"touch ring", 0, "ring lies on the sensor until `kelmtrova token lift`\n"},
+      {"identify", 1, "no match in any slot, no tries left: matching is blocked from now on\n"},
+      {"lift", 0, "nothing lies on the sensor\n"},
   };
   for (const auto &step : steps) {
     const Outcome outcome = run(std::string("token ") + step.words);
@@ -74,8 +95,17 @@ TEST_F(TokenProgram, KeepsATokenFromOneRunToTheNext) {
   for (const char *words : {"token verify --slot 1 --finger ring", "token verify --slot 1 --finger thumb"}) {
     fails(words, 3, {"blocked", "kelmtrova token unblock"});
   }
+  EXPECT_TRUE(holds(run("token info").out, {"matching: blocked, 0 of 3 tries left", "PIN: not asked for, 5 of 5"}));
   succeed("token unblock");
   succeed("token verify --slot 1 --finger thumb");
+  succeed("token export backup");
+  succeed("token delete --all --yes");
+  fails("token verify --slot 1 --finger thumb", 3, {"nothing is enrolled"});
+  succeed("token import backup --token sim:restored.db");
+  const Outcome quiet = run("token verify --slot 1 --finger thumb --token restored.db --quiet");
+  EXPECT_EQ(quiet.exitCode, 0);
+  EXPECT_EQ(run("token verify --slot 1 --finger ring --token restored.db --quiet").exitCode, 1);
+  EXPECT_EQ(quiet.out + quiet.err, "");
 }
 
 TEST_F(TokenProgram, AnswersProgramsInJson) {
@@ -90,16 +120,30 @@ TEST_F(TokenProgram, AnswersProgramsInJson) {
       {"enroll --finger a --label \"$(printf '\\303\\251\\tx')\" --tag 9", 0, {{"slot", 1}}},
       {"slots", 0, {{"slots", {thumb, {{"slot", 2}, {"state", "free"}}, {{"slot", 3}, {"state", "free"}}}}}},
       {"enroll --finger b --label \"$(printf '\\351\\377')\"", 0, {{"label", "??"}}},  // it need not be text
+      {"enroll --finger a", 3, {{"ok", false}, {"code", "enrolled-already"}}},
       {"info", 0, {{"slots", 3}, {"enrolled", 2}}},
       {"identify --finger b", 0, {{"slot", 2}}},
       {"verify --slot 1 --finger b", 1, {{"match", false}, {"triesLeft", 4}}},
       {"verify --slot 1 --finger a", 0, {{"match", true}}},
-      {"delete --slot 2", 0, {{"wasFree", false}}},
+      {"delete --slot 3", 0, {{"deleted", json::array()}}},
+      {"delete --slot 2",
+       0,
+       {{"deleted", json::array({{{"slot", 2},
+                                  {"state", "enrolled"},
+                                  {"fid", "0560"},
+                                  {"tag", 0},
+                                  {"label", "??"},
+                                  {"userData", "E9FF0000000000000000000000000000"}}})}}},
       {"params --time-out 33 --gain 200 --security-level 2 --verify-mode 1", 0, {{"timeOut", 33}}},
       {"params", 0, {{"gain", 200}, {"securityLevel", 2}, {"verifyMode", 1}}},
-      {"cache on", 0, {{"state", 1}}},
+      {"cache on", 0, {{"state", 1}, {"on", true}, {"holdsFinger", false}}},
       {"cache off", 0, {{"state", 0}}},
-      {"verify --slot 2 --finger a", 3, {{"ok", false}, {"result", "0x80006A12"}}},
+      {"verify --slot 2 --finger a", 3, {{"ok", false}, {"code", "not-enrolled"}, {"result", "0x80006A12"}}},
+      {"verify --slot 300 --finger a", 2, {{"ok", false}, {"code", "usage"}}},
+      {"enrol", 2, {{"ok", false}, {"advice", "`kelmtrova token --help` shows how"}}},
+      {"pin change --pin-file none",
+       2,
+       {{"ok", false}, {"code", "file"}, {"error", "none: No such file or directory"}}},
   };
   for (const auto &step : steps) {
     const json answer = runJson(step.words, step.exitCode);
@@ -122,8 +166,27 @@ TEST_F(TokenProgram, SaysInOneLineWhatWentWrong) {
   } cases[] = {
       {"token", 2, "kelmtrova token --help"},
       {"token bogus", 2, "\"bogus\" means nothing here"},
+      {"token idnetify", 2, "did you mean \"identify\"?"},
+      {"image analize x", 2, "did you mean \"analyze\"?"},
+      {"token slots --tokne x", 2, "did you mean \"--token\"?"},
+      {"help token enrol", 2, "did you mean \"enroll\"?"},
+      {"token enroll --label ''", 2, "the argument after --label is empty"},
+      {"token enroll --label=", 2, "the argument after --label is empty"},
+      {"'' list", 2, "an argument is empty"},
       {"token enroll --finger a --frob", 2, "--frob"},
-      {"token enroll", 2, "--finger is required"},
+      {"token enroll", 3, "no finger came onto the sensor"},
+      {"token enroll --finger @thmub.raw", 2, "thmub.raw: No such file"},
+      {"token enroll --replace", 2, "name it with --slot or --label"},
+      {"token verify --finger a", 2, "name"},
+      {"token verify --label nobody --finger a", 2, "no slot has the label \"nobody\""},
+      {"token verify --label \"$(printf 'a\\033[2J\\342\\200\\256b')\"", 2, "\"a?[2J?b\""},
+      {"token identify --watch --finger a", 2, "kelmtrova token touch"},
+      {"token delete", 2, "--slot or --label"},
+      {"token delete --all --slot 1", 2, "--all"},
+      {"token repair --erase 520", 2, "four hexadecimal digits"},
+      {"token repair --erase 0520", 2, "the token's own"},
+      {"token repair --erase 3F00", 2, "the token's own"},
+      {"token repair --erase 0560", 2, "there is no file 0560"},
       {"token enroll --finger a --label 12345678901234567", 2, "at most 16 bytes"},
       {"token enroll --finger a --slot 256", 2, "256 not in range"},
       {"token enroll --finger a --slot 3", 2, "slot 3 does not exist: the token has 2 slots"},
@@ -133,15 +196,22 @@ TEST_F(TokenProgram, SaysInOneLineWhatWentWrong) {
       {"token params --verify-mode 3", 2, "3 not in range"},
       {"token cache sideways", 2, "sideways"},
       {"token create", 2, "exists already"},
-      {"token create --token new.db --pin 123", 2, "4 to 16"},
-      {"token slots --device 7", 2, "use --token"},
+      {"token create --token new.db --pin-stdin", 2, "holds no PIN"},
+      {"token create --token pcsc:x", 2, "only a simulated token can be created"},
+      {"token create --fid-counter 70000", 2, "0 to 2048"},
+      {"token slots --device 7", 2, "kelmtrova token list"},
+      {"token slots --device 18446744073709551616", 2, "64-bit number"},
+      {"token slots --token handle:7x", 2, "64-bit number"},
+      {"token enroll --finger a --pin-file missing", 2, "missing: No such file"},
       {"token send-image wide.pgm", 2, "241 pixels wide"},
       {"token send-image cut.pgm", 2, "cut.pgm"},
       {"token send-image missing.pgm", 2, "missing.pgm"},
       {"token verify --finger a --slot 1", 3, "nothing is enrolled"},
       {"token slots --token missing.db", 4, "kelmtrova token create"},
-      {"token slots --token garbage.db", 4, "garbage.db"},
-      {"completion fish", 2, "fish"},
+      {"token slots --token garbage.db", 2, "garbage.db: not the store of a token"},
+      {"token import garbage.db --token new.db", 2, "garbage.db"},
+      {"token serve --vpcd 127.0.0.1:1", 2, "127.0.0.1:1"},
+      {"completion csh", 2, "csh"},
   };
   for (const auto &expected : cases) {
     SCOPED_TRACE(expected.words);
@@ -156,13 +226,31 @@ TEST_F(TokenProgram, SaysInOneLineWhatWentWrong) {
 }
 
 TEST_F(TokenProgram, PutsTheTokensRefusalsIntoWords) {
-  succeed("token create --slots 1 --pin 2580");
+  EXPECT_EQ(run("token create --slots 2 --pin-stdin", "2580\n").exitCode, 0);
+  write("pin", "2580\n");
+  write("wrong", "2581");
+  write("short", "258");
+  write("new", "13579\r\n");
   succeed("token pin require on");
-  fails("token enroll --finger a", 3, {"0x80006982", "--pin"});
-  fails("token enroll --finger a --pin 2581", 3, {"the PIN is wrong", "tries left: 4"});
-  EXPECT_EQ(run("token pin verify", "2580\n").out, "the PIN is right\n");
-  EXPECT_EQ(run("token enroll --finger a --pin -", "2580\n").exitCode, 0);
-  fails("token enroll --finger b --pin 2580", 3, {"no slot is free"});
+  fails("token enroll --finger a", 3, {"0x80006982", "--pin-file"});
+  fails("token enroll --finger a --pin-file wrong", 3, {"the PIN is wrong", "tries left: 4"});
+  fails("token enroll --finger a --pin-file short", 2, {"4 to 16"});  // costs no try
+  fails("token pin change --pin-file wrong --new-pin-file new", 3, {"the PIN is wrong", "tries left: 3"});
+  EXPECT_EQ(run("token pin verify --pin-stdin", "2580\n").out, "the PIN is right\n");
+  EXPECT_EQ(run("token enroll --finger a --label x --pin -", "2580\n").exitCode, 0);
+  const Outcome visible = run("token enroll --finger b --label x --pin 2580");
+  EXPECT_EQ(visible.exitCode, 0);
+  EXPECT_TRUE(holds(visible.err, {"warning", "seen by others"}));
+  EXPECT_FALSE(holds(visible.err, {"2580"}));
+  EXPECT_EQ(shell("KELMTROVA_PIN=2580 kelmtrova token params --gain 7").exitCode, 0);
+  EXPECT_EQ(shell("KELMTROVA_PIN=nonsense-but-unasked-for kelmtrova token slots").exitCode, 0);
+  fails("token enroll --finger c --pin-file pin", 3, {"no slot is free"});
+  fails("token verify --label x --finger a", 2, {"slots 1 and 2 have the label \"x\""});
+  fails("token enroll --slot 2 --finger c", 2, {"slot 2 (x) is occupied", "--replace"});
+  fails("token delete --all", 2, {"nothing was deleted", "--yes"});
+  EXPECT_EQ(run("token pin change --pin-stdin", "2580\n2581\n").exitCode, 0);
+  succeed("token pin change --pin-file wrong --new-pin-file new");
+  succeed("token delete --slot 1 --pin-file new");
 
   // A FID counter that stands at the token's own index file, as another tool could have left it.
   const std::uint64_t device = openToken();
@@ -170,22 +258,78 @@ TEST_F(TokenProgram, PutsTheTokensRefusalsIntoWords) {
   const std::uint8_t counter[] = {0, 0x29, 0};
   ASSERT_EQ(simulatorWriteFile(device, 0x0020, counter, sizeof counter), 0);
   simulatorClose(device);
-  succeed("token delete --slot 1 --pin 2580");
-  fails("token enroll --finger a --pin 2580", 3, {"0x80000101", "0x0020", "0x0040", "0x0520", "beyond 0x29"});
+  fails("token enroll --finger a --pin-file new", 3, {"0x80000101", "0x0020", "0x0040", "0x0520", "beyond 0x29"});
+  fails("token repair", 3, {"the FID counter yields file 0520"});
+  EXPECT_TRUE(holds(run("token doctor").out, {"wrong the FID counter yields file 0520"}));
+}
+
+TEST_F(TokenProgram, ErasesWhatNoSlotNames) {
+  succeed("token create --slots 3");
+  succeed("token enroll --finger a");
+  std::uint64_t device = openToken();
+  ASSERT_NE(device, 0U);
+  // Two enrollments cut off after they made their file, and a file of somebody else's.
+  const SCardConnection connection = {.bState = 3, .abReserved = {}, .hDevice = device, .dwProtocol = 2};
+  const std::uint8_t fcp[] = {0x28, 0x03, 0x88, 0xEF, 0xEF, 0xFF, 0xFF};
+  for (const std::uint16_t fid : {std::uint16_t{0x0560}, std::uint16_t{0x0420}})
+    ASSERT_EQ(SCardCreateFile(&connection, fid, fcp, sizeof fcp), 1);
+  ASSERT_EQ(simulatorWriteFile(device, 0x0460, fcp, sizeof fcp), 0);
+  simulatorClose(device);
+  const Outcome doctor = run("token doctor");
+  EXPECT_EQ(doctor.exitCode, 3);
+  EXPECT_TRUE(holds(doctor.out, {"wrong 2 template files that no slot names: 0420, 0560"}));
+  fails("token enroll --finger b", 3, {"kelmtrova token repair"});
+  fails("token repair --erase 0540", 2, {"file 0540 belongs to slot 1"});
+  EXPECT_EQ(run("token repair").out, "erased 2 template files, which no slot named: 0420, 0560\n");
+  EXPECT_EQ(runJson("repair"), (json{{"ok", true}, {"found", json::array()}, {"erased", json::array()}}));
+  EXPECT_EQ(runJson("doctor")["healthy"], true);
+  EXPECT_EQ(run("token repair --erase 0460").out, "erased 1 template file, which no slot named: 0460\n");
+  succeed("token enroll --finger b");
+}
+
+TEST_F(TokenProgram, ListsTokensAndChoosesOne) {
+  Outcome outcome = run("token list --json");
+  EXPECT_EQ(outcome.exitCode, 4);
+  json list = json::parse(outcome.out);
+  EXPECT_EQ(list["code"], "no-token");
+  EXPECT_TRUE(holds(list["advice"].get<std::string>(), {"kelmtrova token create"}));
+  fails("token slots", 4, {"kelmtrova token create"});
+  succeed("token create --slots 3");
+  succeed("token enroll --finger a");
+  succeed("token create --slots 7 --token sim:other.db");
+  const std::string store = (folder / "kelmtrova" / "token.db").string();
+  list = runJson("list");
+  EXPECT_EQ(list["tokens"], json::array({{{"address", "sim:" + store},
+                                          {"kind", "simulated"},
+                                          {"what", "kelmtrova simulated token"},
+                                          {"slots", 3},
+                                          {"enrolled", 1}}}));
+  for (const char *words : {"KELMTROVA_TOKEN=sim:other.db kelmtrova token info --json",
+                            "KELMTROVA_TOKEN=sim: kelmtrova token info --json --token other.db"}) {
+    EXPECT_EQ(json::parse(shell(words).out)["slots"], 7) << words;
+  }
+  EXPECT_TRUE(holds(shell("KELMTROVA_TOKEN=other.db kelmtrova token list").out, {"sim:other.db", "7 slots, 0 taken"}));
 }
 
 TEST_F(TokenProgram, ShowsEveryExchangeButNoPin) {
-  succeed("token create --pin 2580");
-  succeed("token enroll --finger a");
-  const Outcome outcome = run("token verify --finger b --slot 1 --pin 2580 -v");
+  EXPECT_EQ(run("token create --pin-stdin", "2580\n").exitCode, 0);
+  succeed("token enroll --finger a --label secret-label");
+  const Outcome outcome =
+      run("token verify --finger b --slot 1 --pin-stdin -v --trace trace.txt --trace-data", "2580\n");
   EXPECT_EQ(outcome.exitCode, 1);
   EXPECT_EQ(outcome.out, "no match with slot 1, 4 tries left\n");
-  EXPECT_TRUE(holds(outcome.err, {"  > 80 FB 00 01 02  (extract features into buffer 1)\n",
+  EXPECT_TRUE(holds(outcome.err, {"  > 00 20 00 00 04 and the PIN  (verify PIN)\n",
+                                  "  > 80 FB 00 01 02  (extract features into buffer 1)\n",
                                   "  > 80 FD 06 01 01  (match, slot 1)\n  < 63C4  (no match, 4 tries left)\n"}));
-  for (const char *hidden : {"32 35 38 30", "2580", "  # "}) {
-    EXPECT_FALSE(holds(outcome.err, {hidden})) << outcome.err;
+  const std::string trace = read("trace.txt");
+  EXPECT_TRUE(holds(trace, {"80 FD 06 01 01", "63C4", "2A 2A 2A 2A"}));
+  for (const std::string &text : {outcome.err, trace}) {
+    for (const char *hidden : {"32 35 38 30", "2580", "  # "}) EXPECT_FALSE(holds(text, {hidden})) << text;
   }
   EXPECT_TRUE(holds(run("token selftest -vv").err, {"  # Enter KelmTrovaSelfTest\n"}));
+  const Outcome lost = run("token selftest --trace missing/trace.txt");
+  EXPECT_EQ(lost.exitCode, 0);
+  EXPECT_EQ(lost.err, "kelmtrova: the trace is not written: missing/trace.txt: No such file or directory\n");
 }
 
 TEST_F(TokenProgram, SendsPicturesWithProgressOnATerminal) {
@@ -220,14 +364,15 @@ TEST_F(TokenProgram, WorksWithARealDeviceManager) {
     int exitCode;
     const char *part;
   } cases[] = {
-      {"token selftest", 4, "--device must give its handle"},
-      {"token selftest --token x.db", 2, "use --device"},
+      {"token selftest", 4, "--token handle:N"},
+      {"token list", 4, "cannot list"},
+      {"token selftest --token x.db", 2, "--token handle:N"},
       {"token create", 2, "only a simulated token can be created"},
-      {"token pin require on --device 7", 2, "only a simulated token"},
+      {"token pin require on --token handle:7", 2, "only a simulated token"},
       {"token verify --slot 1 --finger a --device 7", 2, "lay your finger"},
       {"token selftest --device 7 --pin 1234", 2, "tool of its maker"},
-      {"token selftest --device 8", 4, "no fingerprint token answers at device 8"},
-      {"token slots --device 0x7", 3, "its last answer was 6D00 (instruction not supported)"},
+      {"token selftest --device 8", 4, "no fingerprint token answers at handle:8"},
+      {"token slots --token handle:0x7", 3, "its last answer was 6D00 (instruction not supported)"},
       {"demo", 4, "simulated"},
   };
   for (const auto &expected : cases) {
@@ -244,6 +389,7 @@ TEST_F(TokenProgram, WorksWithARealDeviceManager) {
 TEST_F(TokenProgram, HelpsAndCompletes) {
   EXPECT_EQ(run("--version").out.rfind("kelmtrova ", 0), 0U);
   fails("", 2, {"Examples:"});
+  EXPECT_EQ(run("help token enroll").out, run("token enroll --help").out);
   const auto complete = [&](const std::string &words, int place) {
     const Outcome outcome = shell("bash -c 'source <(kelmtrova completion bash) && COMP_WORDS=(" + words +
                                   ") COMP_CWORD=" + std::to_string(place) + " && _kelmtrova && echo ${COMPREPLY[*]}'");
@@ -251,17 +397,25 @@ TEST_F(TokenProgram, HelpsAndCompletes) {
     return outcome.out;
   };
   EXPECT_EQ(complete("kelmtrova to", 1), "token\n");
-  EXPECT_EQ(complete("kelmtrova token se", 2), "selftest send-image\n");
+  EXPECT_EQ(complete("kelmtrova token se", 2), "selftest send-image serve\n");
   EXPECT_EQ(complete("kelmtrova token enroll --token slots --f", 5), "--finger\n");
   EXPECT_EQ(complete("kelmtrova token pin require \"\"", 4), "on off\n");
   // A file name is the shell's to complete.
   EXPECT_EQ(complete("kelmtrova token enroll --finger de", 4), "\n");
+  // Labels and addresses are those that are there; readline breaks words at colons.
+  succeed("token create --slots 3");
+  for (const char *label : {"'left thumb'", "'left ring'", "right"}) {
+    succeed(fmt::format("token enroll --finger {} --label {}", label, label));
+  }
+  EXPECT_EQ(complete("kelmtrova token verify --label le", 4), "left thumb left ring\n");
+  EXPECT_EQ(complete("kelmtrova token verify --token sim : none --label ri", 8), "\n");
+  EXPECT_EQ(complete("kelmtrova token verify --token sim :", 5), (folder / "kelmtrova" / "token.db").string() + "\n");
 
   const std::string commands = complete("kelmtrova token \"\"", 2);
-  EXPECT_EQ(std::count(commands.begin(), commands.end(), ' '), 13) << commands;
+  EXPECT_EQ(std::count(commands.begin(), commands.end(), ' '), 20) << commands;
   std::istringstream names(commands);
   for (std::string name; names >> name;) {
-    EXPECT_TRUE(holds(run("token " + name + " --help").out, {("Example:\n  kelmtrova token " + name).c_str()}));
+    EXPECT_TRUE(holds(run("token " + name + " --help").out, {("Examples:\n  kelmtrova token " + name).c_str()}));
   }
 }
 
@@ -271,6 +425,8 @@ TEST_F(TokenProgram, ShowsTheLifeOfATokenAndLeavesTheUsersOwnAlone) {
   EXPECT_TRUE(holds(outcome.out, {"6 slots, 0 enrolled", "match: slot 1 (Anna, thumb)", "[exit code 1: no match]",
                                   "[exit code 3: the token refused]", "  > 80 FD 06 01 01  (match, slot 1)"}));
   EXPECT_FALSE(std::filesystem::exists(folder / "kelmtrova"));
+  // A signal in the middle of it, too.
+  shell("TMPDIR=\"$PWD\" timeout -s INT 0.3 kelmtrova demo");
   for (const auto &entry : std::filesystem::directory_iterator(folder)) {
     EXPECT_FALSE(holds(entry.path().string(), {"kelmtrova-demo"})) << entry.path();
   }

@@ -1,7 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "tools/image/maps.h"
 
-#include <algorithm>
 #include <filesystem>
 
 #include "tools/image/npy.h"

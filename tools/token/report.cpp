@@ -3,6 +3,8 @@
 
 #include <fmt/format.h>
 
+#include <algorithm>
+
 #include "tools/text.h"
 
 namespace kelm::tools {
@@ -13,8 +15,6 @@ constexpr const char *kStateNames[] = {"free", "reserved", "enrolled"};
 
 const char *stateName(const TemplateIndexEntry &entry) { return kStateNames[static_cast<int>(slotState(entry))]; }
 
-std::string fidText(const TemplateIndexEntry &entry) { return fmt::format("{:04X}", Exchange(entry.fid)); }
-
 }  // namespace
 
 SlotState slotState(const TemplateIndexEntry &entry) {
@@ -22,20 +22,31 @@ SlotState slotState(const TemplateIndexEntry &entry) {
   return entry.enrolled == 1 ? SlotState::kEnrolled : SlotState::kReserved;
 }
 
-std::string labelOf(const TemplateIndexEntry &entry) {
-  const std::string_view rest(reinterpret_cast<const char *>(entry.userData), sizeof entry.userData);
-  return shown(rest.substr(0, rest.find_last_not_of('\0') + 1));
+std::size_t enrolledCount(const std::vector<TemplateIndexEntry> &index) {
+  return static_cast<std::size_t>(std::count_if(
+      index.begin(), index.end(), [](const auto &entry) { return slotState(entry) == SlotState::kEnrolled; }));
 }
 
-std::string slotName(unsigned slot, const TemplateIndexEntry &entry) {
+std::string labelBytes(const TemplateIndexEntry &entry) {
+  const std::string_view bytes(reinterpret_cast<const char *>(entry.userData), sizeof entry.userData);
+  return std::string(bytes.substr(0, bytes.find_last_not_of('\0') + 1));
+}
+
+std::string labelOf(const TemplateIndexEntry &entry) { return shown(labelBytes(entry)); }
+
+std::string fidText(std::uint16_t fid) { return fmt::format("{:04X}", fid); }
+
+std::uint16_t fidOf(const TemplateIndexEntry &entry) { return Exchange(entry.fid); }
+
+std::string slotName(std::size_t slot, const TemplateIndexEntry &entry) {
   const std::string label = labelOf(entry);
-  return "slot " + std::to_string(slot) + (label.empty() ? "" : " (" + label + ")");
+  return fmt::format("slot {}{}", slot, label.empty() ? "" : " (" + label + ")");
 }
 
-nlohmann::ordered_json slotJson(unsigned slot, const TemplateIndexEntry &entry) {
+nlohmann::ordered_json slotJson(std::size_t slot, const TemplateIndexEntry &entry) {
   nlohmann::ordered_json json = {{"slot", slot}, {"state", stateName(entry)}};
   if (slotState(entry) == SlotState::kFree) return json;
-  json["fid"] = fidText(entry);
+  json["fid"] = fidText(fidOf(entry));
   json["tag"] = entry.tag;
   json["label"] = labelOf(entry);
   json["userData"] = hex(entry.userData);
@@ -49,14 +60,13 @@ std::string slotTable(const std::vector<TemplateIndexEntry> &index) {
     std::string slots = std::to_string(first + 1);
     if (slotState(index[i]) == SlotState::kFree) {
       while (i + 1 < index.size() && slotState(index[i + 1]) == SlotState::kFree) ++i;
-      if (i != first) slots.append("-").append(std::to_string(i + 1));
+      if (i != first) slots += fmt::format("-{}", i + 1);
       table += fmt::format("{:>7}  free\n", slots);
       continue;
     }
-    table += fmt::format("{:>7}  {:<8}  {}   {:02X}", slots, stateName(index[i]), fidText(index[i]), index[i].tag);
     const std::string label = labelOf(index[i]);
-    if (!label.empty()) table.append("  ").append(label);
-    table += '\n';
+    table += fmt::format("{:>7}  {:<8}  {}   {:02X}{}{}\n", slots, stateName(index[i]), fidText(fidOf(index[i])),
+                         index[i].tag, label.empty() ? "" : "  ", label);
   }
   return table;
 }

@@ -4,146 +4,95 @@
 #include <fmt/format.h>
 #include <unistd.h>
 
-#include <array>
-#include <cstdio>
-#include <filesystem>
-#include <fstream>
-#include <iterator>
+#include <utility>
 
-#include "tools/exit_codes.h"
 #include "tools/failure.h"
+#include "tools/output.h"
 #include "tools/terminal.h"
+#include "tools/token/pin.h"
+#include "tools/token/refusal.h"
 #include "tools/token/watch.h"
 #include "tools/token/words.h"
 
 namespace kelm::tools {
 
-namespace {
-
-int exitCodeOf(std::uint64_t result) {
-  if (result == KELM_RESULT_ARGUMENT) return kExitUsage;
-  return result == KELM_RESULT_AUTH_LIBRARY || result == KELM_RESULT_PIN_LIBRARY ? kExitNoToken : kExitRefused;
-}
-
-Failure refused(const std::string &error, const std::string &advice, std::uint64_t result) {
-  Failure failure(kExitRefused, error, advice);
-  failure.result = result;
-  return failure;
-}
-
-std::uint64_t openSimulated(const SimulatorLink &link, const std::string &store) {
-  if (!std::filesystem::exists(store)) {
-    throw Failure(kExitNoToken, "no token in " + store + ": `kelmtrova token create` makes one");
-  }
-  const std::uint64_t device = link.open(store.c_str());
-  if (device == 0) throw Failure(kExitNoToken, "no token can be opened in " + store + ": " + link.error());
-  return device;
-}
-
 std::string fingerBytes(const std::string &finger) {
-  std::error_code ignored;
-  if (!std::filesystem::is_regular_file(finger, ignored)) return finger;
-  std::ifstream file(finger, std::ios::binary);
-  return file ? std::string(std::istreambuf_iterator<char>(file), {}) : finger;
+  constexpr std::size_t kLargest = std::size_t{64} << 20;
+  if (!finger.starts_with('@')) return finger;
+  return readWhole(finger.substr(1), kLargest);
 }
 
-}  // namespace
-
-std::string storePath(const SimulatorLink &link, const TokenOptions &options) {
-  std::filesystem::path path = options.store;
-  if (path.empty()) {
-    std::string text(link.defaultStore(nullptr, 0) + 1, '\0');
-    link.defaultStore(text.data(), text.size());
-    path = text.c_str();
-  }
-  return path.string();
-}
-
-const SimulatorLink &requireSimulator(const char *action) {
-  const SimulatorLink *link = simulatorLink();
-  if (link == nullptr) {
-    throw Failure(kExitUsage, std::string("only a simulated token can ") + action +
-                                  ", and the device manager libkelmkmgr.so of this machine is a real one");
-  }
-  return *link;
-}
-
-void check(std::uint64_t result, const std::string &action) {
-  if (result == 0) return;
-  const ResultWords &words = resultWords(result);
-  std::string answer;
-  if (result == KELM_RESULT_UNLISTED && watch().lastStatus >= 0) {
-    const std::string meaning = statusWords(watch().lastStatus);
-    answer =
-        fmt::format(", its last answer was {:04X}{}", watch().lastStatus, meaning.empty() ? "" : " (" + meaning + ")");
-  }
-  Failure failure(exitCodeOf(result), fmt::format("{}: {} [{}{}]", action, words.what, resultNumber(result), answer),
-                  words.advice);
-  failure.result = result;
-  throw failure;
-}
-
-Session::Session(const SimulatorLink *link, const TokenOptions &options) : link_(link) {
+Session::Session(Address address, const TokenOptions &options) : address_(std::move(address)), options_(options) {
   constexpr std::uint64_t kProtocolT1 = 2;
   connection_.bState = KELM_CONNECTION_READY;
   connection_.dwProtocol = kProtocolT1;
-  if (link_ != nullptr) {
-    if (options.device) {
-      throw Failure(kExitUsage, "--device is for a real device manager; the one here is simulated: use --token");
+  connection_.hDevice = openToken(address_);
+  try {
+    if (KelmIsTrova(handle()) != 1) {
+      if (noTokenAnswered()) throw managerFailure(place(), static_cast<std::uint16_t>(watch().lastStatus));
+      throw Failure(kExitNoToken, "no fingerprint token answers at " + place(), "`kelmtrova token list` shows them");
     }
-    store_ = storePath(*link_, options);
-    connection_.hDevice = openSimulated(*link_, store_);
-    return;
+    if (const auto pin = givenPin(options.pin)) verifyPin(*pin);
+  } catch (...) {
+    closeToken(address_, device());
+    throw;
   }
-  if (!options.store.empty()) {
-    throw Failure(kExitUsage, "--token is for a simulated token; the device manager here is a real one: use --device");
-  }
-  if (!options.device) {
-    throw Failure(kExitNoToken,
-                  "the device manager libkelmkmgr.so is a real one: --device must give its handle of the token");
-  }
-  connection_.hDevice = *options.device;
-}
-
-Session::Session(const TokenOptions &options) : Session(simulatorLink(), options) {
-  watch() = {};
-  watch().verbosity = options.verbosity;
-  if (KelmIsTrova(handle()) != 1) throw Failure(kExitNoToken, "no fingerprint token answers at " + place());
-  if (!options.pin.empty()) verifyPin(options.pin);
 }
 
 Session::~Session() {
-  if (link_ != nullptr) link_->close(connection_.hDevice);
+  if (fingerLaid_) simulator()->removeFinger(device());
+  closeToken(address_, device());
 }
 
-std::string Session::place() const {
-  return link_ != nullptr ? store_ : "device " + std::to_string(connection_.hDevice);
+SimulatorState Session::state() const {
+  SimulatorState state{};
+  if (simulator()->getState(device(), &state) != 0) throw storeFailure();
+  return state;
 }
 
-void Session::placeFinger(const std::string &finger) {
-  if (link_ == nullptr) {
-    if (!finger.empty()) throw Failure(kExitUsage, "--finger is for a simulated sensor; lay your finger on this one");
-    return;
+void Session::layFinger(const std::optional<std::string> &finger) {
+  if (!finger) return;
+  if (!simulated()) {
+    throw Failure(kExitUsage, "--finger is for a simulated sensor",
+                  "lay your finger on this one (`kelmtrova token touch` does it for a simulated token that is served)");
   }
-  if (finger.empty()) {
-    throw Failure(kExitUsage, "--finger NAME-OR-FILE must say which finger lies on the simulated sensor");
-  }
-  const std::string bytes = fingerBytes(finger);
-  if (link_->placeFinger(connection_.hDevice, bytes.data(), bytes.size()) != 0) {
-    throw Failure(kExitUsage, "the finger " + finger + " cannot be laid on the sensor: " + link_->error());
+  const std::string bytes = fingerBytes(*finger);
+  if (simulator()->placeFinger(device(), bytes.data(), bytes.size()) != 0) throw storeFailure();
+  fingerLaid_ = true;
+}
+
+void Session::captureFeatures(int buffers, const std::string &occasion) {
+  Progress progress("capturing" + occasion, "captures", static_cast<std::uint64_t>(buffers));
+  for (int buffer = 1; buffer <= buffers; ++buffer) {
+    if (!simulated() && !options_.quiet) {
+      progress.hide();
+      putError(buffers == 1 ? "lay your finger on the sensor" + occasion
+                            : fmt::format("lay your finger on the sensor ({} of {})", buffer, buffers));
+      progress.show(static_cast<std::uint64_t>(buffer - 1));
+    }
+    check(KelmTrovaCaptureImage(handle()), "capturing the finger");
+    check(KelmTrovaFeatureExtract(handle(), static_cast<std::uint8_t>(buffer)), "extracting its features");
+    progress.show(static_cast<std::uint64_t>(buffer));
   }
 }
 
-void Session::verifyPin(const std::string &given) {
-  constexpr std::size_t kLongest = 16;
+std::uint64_t Session::withPin(const std::function<std::uint64_t()> &call) {
+  const std::uint64_t result = call();
+  const bool asked = result != KELM_RESULT_OK && watch().lastStatus == static_cast<int>(KELM_SW_SECURITY_STATUS);
+  if (!asked || pinVerified_ || address_.kind == Address::Kind::kHandle) return result;
+  const auto pin = pinOnDemand();
+  if (!pin) return result;
+  verifyPin(*pin);
+  return call();
+}
+
+void Session::verifyPin(const std::string &pin) {
   constexpr std::uint64_t kWrong = KELM_RESULT_OF(KELM_SW_NO_MATCH), kTriesMask = 0x0F;
-  if (link_ == nullptr) {
-    throw Failure(kExitUsage,
-                  "this program speaks to the middleware of simulated tokens only: verify the PIN of a real one with "
-                  "the tool of its maker");
+  if (address_.kind == Address::Kind::kHandle) {
+    throw Failure(kExitUsage, "this program does not know how a maker's middleware takes its PIN",
+                  "verify it with the tool of its maker");
   }
-  const std::string pin = given.empty() || given == "-" ? readSecret("PIN: ") : given;
-  if (pin.empty() || pin.size() > kLongest) throw Failure(kExitUsage, "a PIN has 1 to 16 characters");
+  requirePossiblePin(pin);
   std::uint8_t triesLeft = 0;
   const std::uint64_t result = [&] {
     const Redirected redirected(STDOUT_FILENO, STDERR_FILENO);
@@ -151,22 +100,20 @@ void Session::verifyPin(const std::string &given) {
                                      static_cast<std::uint8_t>(pin.size()),
                                      reinterpret_cast<std::uintptr_t>(&triesLeft));
   }();
-  const std::string number = " [" + resultNumber(result) + "]";
-  if (result == KELM_RESULT_BLOCKED) {
-    throw refused("the PIN is blocked" + number, "`kelmtrova token unblock` gives its tries back", result);
+  const auto refused = [result](const std::string &what, const std::string &advice, const char *code) {
+    Failure failure(kExitRefused, fmt::format("{} [{}]", what, resultNumber(result)), advice, code);
+    failure.result = result;
+    return failure;
+  };
+  if (result == KELM_RESULT_BLOCKED || result == kWrong) {
+    throw refused("the PIN is blocked", "`kelmtrova token unblock` gives a simulated token's tries back",
+                  "pin-blocked");
   }
   if ((result & ~kTriesMask) == kWrong) {
-    throw refused("the PIN is wrong" + number, "tries left: " + std::to_string(triesLeft), result);
+    throw refused("the PIN is wrong", fmt::format("tries left: {}", triesLeft), "pin-wrong");
   }
   check(result, "verifying the PIN");
-}
-
-void Session::captureFeatures(int buffers) {
-  for (int buffer = 1; buffer <= buffers; ++buffer) {
-    if (link_ == nullptr) std::fprintf(stderr, "lay your finger on the sensor (%d of %d)\n", buffer, buffers);
-    check(KelmTrovaCaptureImage(handle()), "capturing the finger");
-    check(KelmTrovaFeatureExtract(handle(), static_cast<std::uint8_t>(buffer)), "extracting its features");
-  }
+  pinVerified_ = true;
 }
 
 std::uint8_t Session::slotCount() {

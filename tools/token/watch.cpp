@@ -8,12 +8,16 @@
 #include <cstdarg>
 #include <cstdio>
 #include <cstring>
+#include <new>
 #include <span>
 #include <string>
 
 #include "kelmtrova/token.h"
+#include "tools/failure.h"
 #include "tools/output.h"
 #include "tools/text.h"
+#include "tools/token/platform.h"
+#include "tools/token/refusal.h"
 #include "tools/token/words.h"
 
 namespace kelm::tools {
@@ -62,35 +66,93 @@ void showTrace(const char *format, std::va_list arguments) {
   putError(std::string("  # ") + line);
 }
 
+KelmTrace *trace = nullptr;
+bool traceComplained = false;
+
+void checkTrace() {
+  const char *error = tracer()->error(trace);
+  if (error == nullptr || traceComplained) return;
+  traceComplained = true;
+  putError(std::string("kelmtrova: the trace is not written: ") + error);
+}
+
 }  // namespace
+
+void traceInto(const std::string &file, bool withUserData) {
+  if (tracer() == nullptr) throw Failure(kExitUsage, "--trace needs libkelmtrova-trace.so, which is not installed");
+  trace = tracer()->open(file.c_str(), withUserData ? TRACE_USER_DATA : 0);
+  if (trace == nullptr) throw std::bad_alloc();
+  traceComplained = false;
+  checkTrace();
+}
+
+void traceEnds() {
+  if (trace == nullptr) return;
+  checkTrace();
+  tracer()->close(trace);
+  trace = nullptr;
+}
+
+Stretch::Stretch(std::uint64_t device) : device_(device) {
+  if (manager() == nullptr || manager()->begin(device) == 0) return;
+  throw managerFailure("waiting for the token", manager()->errorCode());
+}
+
+Stretch::~Stretch() {
+  if (manager() != nullptr) manager()->end(device_);
+}
+
 }  // namespace kelm::tools
 
+using kelm::tools::manager;
 using kelm::tools::watch;
 
-std::int64_t SCardTransmit(std::uint64_t hCard, const SCardPci *sendPci, const std::uint8_t *send,
-                           std::uint64_t sendLength, SCardPci *recvPci, std::uint8_t *recv, std::uint64_t *recvLength) {
-  constexpr std::int64_t kNoTransport = 1;
-  static const auto next = reinterpret_cast<decltype(&SCardTransmit)>(dlsym(RTLD_NEXT, "SCardTransmit"));
-  if (next == nullptr) return kNoTransport;
-  const bool show = watch().verbosity > 0;
-  if (show) kelm::tools::showCommand({send, sendLength});
-  const std::int64_t result = next(hCard, sendPci, send, sendLength, recvPci, recv, recvLength);
-  if (result != 0 || *recvLength < 2) return result;
-  const std::uint64_t dataLength = *recvLength - 2;
-  watch().lastStatus = recv[dataLength] << 8 | recv[dataLength + 1];
-  if (show) kelm::tools::showAnswer({recv, dataLength}, watch().lastStatus);
+std::int32_t Icc_tsi_apiKelmDev(std::uint64_t device, std::uint64_t commandLength, const std::uint8_t *command,
+                                std::uint64_t *answerLength, std::uint8_t *answer) {
+  using namespace kelm::tools;
+  static const auto next = reinterpret_cast<decltype(&Icc_tsi_apiKelmDev)>(dlsym(RTLD_NEXT, "Icc_tsi_apiKelmDev"));
+  if (next == nullptr) return DEVICE_MANAGER_NO_DEVICE;
+  if (answerLength == nullptr) return next(device, commandLength, command, answerLength, answer);
+  const std::uint64_t room = *answerLength;
+  if (watch().verbosity > 0) showCommand({command, commandLength});
+  const std::uint64_t exchange = trace != nullptr ? tracer()->command(trace, device, command, commandLength) : 0;
+  const std::int32_t result = next(device, commandLength, command, answerLength, answer);
+  const auto status = static_cast<std::uint16_t>(result);
+  const std::uint64_t length = std::min(*answerLength, room);
+  if (trace != nullptr) {
+    tracer()->answer(trace, exchange, answer, length, status);
+    checkTrace();
+  }
+  watch().lastStatus = status;
+  if (watch().verbosity > 0) showAnswer({answer, length}, status);
+  if (watch().onCommand && commandLength > 1) watch().onCommand(command[1]);
   return result;
 }
 
 void MYTRACE(const char *format, ...) {
-  constexpr const char *kBlockTraces[] = {"KelmTrovaDownloadImage Loop No:", "KelmTrovaDownloadImage rest line"};
+  std::va_list arguments;
+  va_start(arguments, format);
   if (watch().verbosity > 1) {
-    std::va_list arguments;
-    va_start(arguments, format);
-    kelm::tools::showTrace(format, arguments);
-    va_end(arguments);
+    std::va_list copy;
+    va_copy(copy, arguments);
+    kelm::tools::showTrace(format, copy);
+    va_end(copy);
   }
-  for (const char *start : kBlockTraces) {
-    if (watch().onImageBlock && std::strncmp(format, start, std::strlen(start)) == 0) watch().onImageBlock();
-  }
+  // "NAME SCardAPDU return retV=%04X, ...": the status word comes first.
+  const char *first = std::strchr(format, '%');
+  if (first != nullptr && std::strncmp(first, "%04X", 4) == 0) watch().tracedStatus = va_arg(arguments, int);
+  va_end(arguments);
+}
+
+// The token belongs to the program while a command of the library talks to it. A device manager that cannot do that
+// changes nothing.
+std::uint64_t MyLock(const SCardConnection *handle) {
+  const auto token = reinterpret_cast<std::uintptr_t>(handle);
+  if (handle == nullptr || manager() == nullptr) return token;
+  return manager()->begin(handle->hDevice) == 0 ? token : 0;
+}
+
+void MyUnlock(std::uint64_t token) {
+  if (token == 0 || manager() == nullptr) return;
+  manager()->end(reinterpret_cast<const SCardConnection *>(token)->hDevice);
 }

@@ -4,6 +4,7 @@
 #include <fmt/format.h>
 
 #include "kelmtrova/token.h"
+#include "tools/token/platform.h"
 
 namespace kelm::tools {
 
@@ -26,32 +27,35 @@ constexpr ResultWords kResults[] = {
     {KELM_RESULT_INDEX_WRITE, "the index entry could not be written, so the new template was erased again",
      "enroll again"},
     {KELM_RESULT_AUTH_LIBRARY, "the token's middleware libkelmpkcs.so, or its entry KelmSCardAuth, could not be loaded",
-     "install the middleware where the dynamic loader finds it (LD_LIBRARY_PATH names further folders)"},
+     "install the middleware where the dynamic loader finds it (LD_LIBRARY_PATH names further folders)",
+     "no-middleware"},
     {KELM_RESULT_PIN_LIBRARY,
      "the token's middleware libkelmpkcs.so, or its entry KelmSCardVerifyUserPin, could not be loaded",
-     "install the middleware where the dynamic loader finds it (LD_LIBRARY_PATH names further folders)"},
+     "install the middleware where the dynamic loader finds it (LD_LIBRARY_PATH names further folders)",
+     "no-middleware"},
     {KELM_RESULT_OF(KELM_SW_MEMORY_FAILURE), "the token could not write its memory",
      "try again; a token that stays so is worn out"},
     {KELM_RESULT_OF(KELM_SW_WRONG_LENGTH), "the token found the length of the command wrong",
      "it may take smaller pictures only"},
-    {KELM_RESULT_OF(KELM_SW_SECURITY_STATUS), "the token wants its PIN first", "give it with --pin"},
+    {KELM_RESULT_OF(KELM_SW_SECURITY_STATUS), "the token wants its PIN first",
+     "give it with --pin-file or --pin-stdin, or run the command on a terminal", "pin-needed"},
     {KELM_RESULT_BLOCKED, "matching is blocked: no tries are left",
-     "unblock the token (`kelmtrova token unblock` on a simulated one, else the tool of its maker)"},
+     "unblock the token (`kelmtrova token unblock` on a simulated one, else the tool of its maker)", "blocked"},
     {KELM_RESULT_OF(KELM_SW_FEATURE_6A07), "the token has no image to extract features from (6A07)", kLayAgain},
     {KELM_RESULT_OF(KELM_SW_FEATURE_6A08), "the token found no features in the image (6A08)", kLayAgain},
     {KELM_RESULT_CAPTURE, "the capture failed", kTryAgain},
     {KELM_RESULT_OF(KELM_SW_FEATURE_6A0B), "the token could not use the image (6A0B)", kLayAgain},
     {KELM_RESULT_OF(KELM_SW_CAPTURE_6A0E), "no finger came onto the sensor (6A0E)",
-     "lay one on it (--finger on a simulated token) and try again"},
+     "lay one on it (--finger or `kelmtrova token touch` on a simulated token) and try again", "no-finger"},
     {KELM_RESULT_ENROLL_SETUP,
-     "the slot count or the FID counter could not be learned or advanced, or the counter is used up",
+     "the slot count or the FID counter could not be obtained or advanced, or the counter is used up",
      "try again; a token whose counter left 1 to 0x7FF must be personalised anew"},
     {KELM_RESULT_OF(KELM_SW_ENROLL_6A10),
      "the features did not make a template, they may be of different fingers (6A10)",
      "enroll again with one finger, laid flat"},
     {KELM_RESULT_OF(KELM_SW_FEATURE_6A11), "the token has no features to work on (6A11)", kLayAgain},
     {KELM_RESULT_OF(KELM_SW_MATCH_6A12), "nothing is enrolled to compare with (6A12)",
-     "`kelmtrova token slots` shows what is enrolled"},
+     "`kelmtrova token slots` shows what is enrolled", "not-enrolled"},
     {KELM_RESULT_OF(KELM_SW_MATCH_6A13), "the slot's template file is missing on the token (6A13)",
      "enroll the finger again"},
     {KELM_RESULT_OF(KELM_SW_MATCH_6A14), "the slot's template file holds no template (6A14)",
@@ -76,7 +80,7 @@ constexpr ResultWords kResults[] = {
     {KELM_RESULT_NOT_LOCKED, "the connection to the token could not be locked", kOwnBug},
     {KELM_RESULT_UNLISTED, "the token gave an answer that this command does not expect, or none at all", kTryAgain},
     {KELM_RESULT_ARGUMENT, "a number is out of range", "`kelmtrova token info` says how many slots the token has"},
-    {KELM_RESULT_MEMORY, "there is not enough memory", "close other programs"},
+    {KELM_RESULT_MEMORY, "there is not enough memory", "close other programs", "memory"},
 };
 
 struct StatusWords {
@@ -176,6 +180,10 @@ const ResultWords &resultWords(std::uint64_t result) {
 std::string resultNumber(std::uint64_t result) { return fmt::format("0x{:08X}", result); }
 
 std::string statusWords(int status) {
+  if (manager() != nullptr && status >= 0) {
+    const char *own = manager()->codeText(static_cast<std::uint16_t>(status));
+    if (own != nullptr) return own;
+  }
   for (const StatusWords &entry : kStatuses) {
     if ((status & entry.mask) != entry.status) continue;
     return fmt::format(fmt::runtime(entry.words), status & ~entry.mask);

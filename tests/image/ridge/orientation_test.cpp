@@ -2,7 +2,6 @@
 #include <algorithm>
 #include <array>
 #include <cmath>
-#include <cstdlib>
 
 #include "tests/support/allocation.h"
 #include "tests/support/fields.h"
