@@ -1,5 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 // Buffer operations and the histogram against the C library and OpenCV.
+#include <cmath>
 #include <cstdlib>
 #include <cstring>
 #include <memory>

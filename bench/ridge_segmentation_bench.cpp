@@ -1,5 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 // Thresholds against Otsu's choice, raggedness of a mask against an erosion and two counts.
+#include <algorithm>
 #include <memory>
 #include <opencv2/imgproc.hpp>
 

@@ -2,6 +2,8 @@
 // Counting grey levels.
 #include "image/buffers/histogram.h"
 
+#include <cstdlib>
+
 #include "image/support/kernel.h"
 #include "image/support/words.h"
 

@@ -3,6 +3,7 @@
 #include <sys/fsuid.h>
 #include <sys/stat.h>
 
+#include <array>
 #include <fstream>
 #include <map>
 

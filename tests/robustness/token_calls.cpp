@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "tests/robustness/token_calls.h"
 
+#include <algorithm>
+
 #include "tests/support/allocation.h"
 
 namespace kelm::test {

@@ -3,6 +3,7 @@
 
 #include <algorithm>
 #include <concepts>
+#include <cstdlib>
 
 #include "tests/support/fields.h"
 

@@ -54,11 +54,11 @@ TEST_F(Program, ToolkitFindsTheTruthOfSyntheticPrints) {
                              {"whorl --noise 20", "normalize --mean 170 --variance 5000", 1}};
   for (const TruthCase &test : cases) {
     SCOPED_TRACE(test.name);
-    succeed(std::string("image synth --size 424x560 --truth t.json -o whole.png --class ") + test.name);
+    succeed(std::string("image synth --size 304x400 --truth t.json -o whole.png --class ") + test.name);
     succeed(std::string("image ") + test.change + " whole.png -o p.png");
     succeed("image analyze p.png --maps maps");
     const json truth = json::parse(read("t.json")), list = json::parse(read("maps/maps.json"));
-    const size_t rows = truth["rows"], cols = truth["cols"], width = 424 / test.scale;
+    const size_t rows = truth["rows"], cols = truth["cols"], width = 304 / test.scale;
     EXPECT_EQ(list["scale"], test.scale);
     EXPECT_EQ(list["maps"][1]["cell"], 8 / test.scale);
     const auto directions = samplesOf<int16_t>(raw("maps/orientation8.npy"));
@@ -234,6 +234,13 @@ TEST_F(Program, BatchWaitsForItsListAndGoesOnWhereItStopped) {
       "for i in $(seq 200); do [ -s lines ] && break; sleep 0.1; done; [ -s lines ] && echo early; "
       "echo prints/left-loop-2.png >&3; exec 3>&-; wait; wc -l <lines");
   EXPECT_EQ(early.out, "early\n2\n") << early.err;
+  // A process that decodes and dies takes its picture with it, and nothing else.
+  const Outcome killed = shell(
+      "rm list; mkfifo list; kelmtrova image quality - <list >lines & exec 3>list; echo prints/tented-arch-1.png >&3; "
+      "for i in $(seq 200); do [ -s lines ] && break; sleep 0.1; done; kill -9 $(cat /proc/$!/task/*/children); "
+      "echo prints/tented-arch-1.png >&3; echo prints/tented-arch-1.png >&3; exec 3>&-; wait $!; echo $?");
+  EXPECT_EQ(killed.out, "0\n") << killed.err;
+  EXPECT_EQ(killed.err, "kelmtrova: 2 pictures measured, 1 failure, 0 files skipped\n");
   for (const char *form : {"", "--csv "}) {
     SCOPED_TRACE(form);
     const std::string command = std::string("image quality -o all.txt ") + form;

@@ -60,6 +60,7 @@ expect 'match, result 0x00000000' "$work/build/enroll_verify"
 # Says what there is, readers or not.
 "$work/build/both_libraries" | grep -q '^kelmtrova: '
 # The locks that the manual shows are good C.
+# shellcheck disable=SC2016  # the fences of the code
 sed -n '/^```c$/,/^```$/p' "$source/docs/readers.md" | sed -n '/^#include/,$p' | sed '/^```/d' >"$work/locks.c"
 grep -q MyUnlock "$work/locks.c"
 "${CC:-cc}" -std=c11 -pedantic -Wall -Wextra -Werror -I"$prefix/include" -c "$work/locks.c" -o "$work/locks.o"

@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "tools/image/maps.h"
 
+#include <algorithm>
 #include <filesystem>
 
 #include "tools/image/npy.h"

@@ -60,7 +60,7 @@ void drawForeground(cairo_t *cairo, const Analysis &analysis) {
         cairo_line_to(cairo, x, to);
       });
   setColour(cairo, kVermilion);
-  cairo_set_line_width(cairo, std::max(2.0, mask.width / 200.0));
+  cairo_set_line_width(cairo, std::max(1.0, mask.width / 220.0));
   cairo_set_line_cap(cairo, CAIRO_LINE_CAP_ROUND);
   cairo_stroke(cairo);
 }

@@ -87,8 +87,9 @@ class Worker {
   // Without its socket a worker ends by itself; one that is still at a picture is ended.
   ~Worker() {
     close(socket_);
+    if (process_ <= 0) return;  // ended already; kill() would take 0 for this process and its relatives
     if (busy_) kill(process_, SIGKILL);
-    if (process_ > 0) waitpid(process_, nullptr, 0);
+    waitpid(process_, nullptr, 0);
   }
   Worker(const Worker &) = delete;
   Worker &operator=(const Worker &) = delete;

@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 // What the functions make of ridge pictures whose truth is known.
 #include <cmath>
+#include <cstdlib>
 #include <numeric>
 
 #include "tests/support/fields.h"
