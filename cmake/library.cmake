@@ -17,7 +17,13 @@ function(kelmtrova_add_library name level)
   target_compile_options(${name} PRIVATE -fno-exceptions -fno-rtti -fno-math-errno
     $<$<CONFIG:Release>:-O3>)
   target_compile_definitions(${name} PRIVATE KELM_MAX_LEVEL=${level})
-  target_link_libraries(${name} PRIVATE $<BUILD_INTERFACE:kelmtrova_flags> kelmkmgr m ${CMAKE_DL_LIBS})
+  # The CMake package can name our device manager only where it is installed, too.
+  set(manager kelmkmgr)
+  if(NOT KELMTROVA_DEVICE_MANAGER)
+    set(manager $<TARGET_FILE:kelmkmgr>)
+    add_dependencies(${name} kelmkmgr)
+  endif()
+  target_link_libraries(${name} PRIVATE $<BUILD_INTERFACE:kelmtrova_flags> ${manager} m ${CMAKE_DL_LIBS})
   target_link_options(${name} PRIVATE
     LINKER:--version-script=${PROJECT_SOURCE_DIR}/cmake/kelmtrova.map LINKER:--as-needed)
   if(NOT KELMTROVA_SANITIZE)
