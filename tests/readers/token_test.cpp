@@ -1,14 +1,11 @@
 // SPDX-License-Identifier: Apache-2.0
-// The simulated token in the virtual reader: the library's work over PC/SC, and the same bytes for other programs.
-#include "kelmtrova/token.h"
-
+// The simulated token in the virtual reader: the same bytes for every program, and PC/SC beside the library.
 #include <gtest/gtest.h>
 
 #include <cstdio>
 #include <filesystem>
 #include <sstream>
 #include <string>
-#include <string_view>
 
 #include "kelmtrova/simulator.h"
 #include "tests/readers/virtual_card.h"
@@ -39,26 +36,6 @@ class Served {
   std::thread thread_;
 };
 
-struct Token {
-  explicit Token(const char *address) {
-    connection.bState = KELM_CONNECTION_READY;
-    connection.hDevice = deviceManagerOpen(address);
-    EXPECT_NE(connection.hDevice, 0U) << deviceManagerError();
-  }
-  ~Token() { deviceManagerClose(connection.hDevice); }
-
-  std::uint64_t capture(std::uint8_t buffers) const {
-    std::uint64_t result = KELM_RESULT_OK;
-    for (std::uint8_t buffer = 1; buffer <= buffers && result == KELM_RESULT_OK; ++buffer) {
-      result = KelmTrovaCaptureImage(&connection);
-      if (result == KELM_RESULT_OK) result = KelmTrovaFeatureExtract(&connection, buffer);
-    }
-    return result;
-  }
-
-  SCardConnection connection{};
-};
-
 class ServedToken : public testing::Test {
  protected:
   ServedToken() {
@@ -69,10 +46,6 @@ class ServedToken : public testing::Test {
     simulatorClose(device);
     std::filesystem::remove_all("/run/test/served");
   }
-  void lay(std::string_view finger) const {
-    ASSERT_EQ(simulatorPlaceFinger(device, finger.data(), finger.size()), 0) << simulatorError();
-  }
-
   static constexpr const char *kStore = "/run/test/served/token.db";
   const Service service;
   std::uint64_t device = 0;
@@ -86,39 +59,10 @@ std::string outputOf(const std::string &command) {
   return text;
 }
 
-TEST_F(ServedToken, LivesBehindAReader) {
-  ASSERT_TRUE(service.started);
-  const Served served(device);
-  const Token token("pcsc:0");
-  ASSERT_EQ(KelmIsTrova(&token.connection), 1);
-  std::uint8_t slots = 0, slot = 0, tries = 0;
-  EXPECT_EQ(KelmTrovaGetMaxTmpltNum(&token.connection, &slots), KELM_RESULT_OK);
-  EXPECT_EQ(slots, 6);
-  const char *fingers[] = {"left thumb", "right thumb", "right index"};
-  for (std::uint8_t number = 1; number <= 3; ++number) {
-    lay(fingers[number - 1]);
-    const TemplateIndexEntry record = {0, number, 0, {'u', 's', 'e', 'r', number}};
-    ASSERT_EQ(deviceManagerBegin(token.connection.hDevice), 0) << deviceManagerError();
-    ASSERT_EQ(token.capture(3), KELM_RESULT_OK);
-    EXPECT_EQ(KelmTrovaFeatureEnroll(&token.connection, number, &record), KELM_RESULT_OK);
-    EXPECT_EQ(deviceManagerEnd(token.connection.hDevice), 0);
-  }
-  lay("right thumb");
-  ASSERT_EQ(token.capture(1), KELM_RESULT_OK);
-  EXPECT_EQ(KelmTrovaFeatureIdentify(&token.connection, 0, &slot, &tries), KELM_RESULT_OK);
-  EXPECT_EQ(slot, 2);
-  EXPECT_EQ(KelmTrovaDeleteFingerPrint(&token.connection, 2), KELM_RESULT_OK);
-  EXPECT_EQ(KelmTrovaFeatureVerify(&token.connection, 0, 2, &tries), KELM_RESULT_OF(KELM_SW_MATCH_6A12));
-  lay("a stranger");
-  ASSERT_EQ(token.capture(1), KELM_RESULT_OK);
-  EXPECT_EQ(KelmTrovaFeatureVerify(&token.connection, 0, 1, &tries), KELM_RESULT_NO_MATCH);
-  EXPECT_EQ(tries, 4);
-}
-
 // Any program gets through the reader what the token answers without one.
 TEST_F(ServedToken, AnswersOtherProgramsTheSame) {
   ASSERT_TRUE(service.started);
-  const Token direct(kStore);
+  const std::uint64_t direct = deviceManagerOpen(kStore);
   const char *const commands[] = {
       "80:FA:02:00:2F", "80:F9:04:06:01", "00:A4:00:00:02:05:20", "00:A4:00:0C:02:05:20", "00:A4:00:00:02:00:20:00",
       "00:B0:00:00:05", "00:B0:00:00:00", "00:A4:00:00:02:7F:00", "00:20:00:00:02:31:31", "00:20:00:00",
@@ -130,8 +74,7 @@ TEST_F(ServedToken, AnswersOtherProgramsTheSame) {
     for (std::string byte; std::getline(digits, byte, ':');)
       bytes.push_back(static_cast<std::uint8_t>(std::stoi(byte, nullptr, 16)));
     std::uint64_t length = answer.size();
-    const std::int32_t status =
-        Icc_tsi_apiKelmDev(direct.connection.hDevice, bytes.size(), bytes.data(), &length, answer.data());
+    const std::int32_t status = Icc_tsi_apiKelmDev(direct, bytes.size(), bytes.data(), &length, answer.data());
     char text[64];
     std::snprintf(text, sizeof text, "Received (SW1=0x%02X, SW2=0x%02X)", static_cast<unsigned>(status) >> 8,
                   static_cast<unsigned>(status) & 0xFF);
@@ -143,6 +86,7 @@ TEST_F(ServedToken, AnswersOtherProgramsTheSame) {
     expected += '\n';
     arguments += std::string(" -s ") + command;
   }
+  simulatorClose(direct);
   const Served served(device);
   // A line of bytes ends with a letter for each of them.
   EXPECT_EQ(

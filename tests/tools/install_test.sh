@@ -66,7 +66,7 @@ grep -q MyUnlock "$work/locks.c"
 "${CC:-cc}" -std=c11 -pedantic -Wall -Wextra -Werror -I"$prefix/include" -c "$work/locks.c" -o "$work/locks.o"
 
 # Without our device manager, which another build leaves out, the package is still a whole one.
-cmake -S "$source" -B "$work/without" -G Ninja -DKELMTROVA_DEVICE_MANAGER=OFF -DKELMTROVA_TESTS=OFF >/dev/null
+cmake -S "$source" -B "$work/without" -G Ninja -DKELMTROVA_DEVICE_MANAGER=OFF -DBUILD_TESTING=OFF >/dev/null
 if grep -E 'lib(kelmkmgr|kelmpkcs)' "$work/without/cmake_install.cmake"; then
   echo "installed without being wanted" >&2
   exit 1
