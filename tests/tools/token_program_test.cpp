@@ -243,6 +243,8 @@ TEST_F(TokenProgram, PutsTheTokensRefusalsIntoWords) {
   EXPECT_TRUE(holds(visible.err, {"warning", "seen by others"}));
   EXPECT_FALSE(holds(visible.err, {"2580"}));
   EXPECT_EQ(shell("KELMTROVA_PIN=2580 kelmtrova token params --gain 7").exitCode, 0);
+  EXPECT_EQ(shell("KELMTROVA_PIN=2580 kelmtrova token delete --slot 2").exitCode, 0);
+  EXPECT_EQ(shell("KELMTROVA_PIN=2580 kelmtrova token enroll --finger b --label x").exitCode, 0);
   EXPECT_EQ(shell("KELMTROVA_PIN=nonsense-but-unasked-for kelmtrova token slots").exitCode, 0);
   fails("token enroll --finger c --pin-file pin", 3, {"no slot is free"});
   fails("token verify --label x --finger a", 2, {"slots 1 and 2 have the label \"x\""});

@@ -180,7 +180,7 @@ Report listTokens() {
   }
   const Places places = findPlaces();
   Report report;
-  report.json["tokens"] = report.json["others"] = nlohmann::ordered_json::array();
+  for (const char *key : {"tokens", "others"}) report.json[key] = nlohmann::ordered_json::array();
   for (const Place &place : places.all) describe(place, report);
   if (!places.problem.empty()) {
     report.text += fmt::format("readers could not be asked: {}\n", shown(places.problem));

@@ -331,9 +331,11 @@ void watchFingers(Session &session, const FingerOptions &options, bool identifyi
     if (session.simulated()) awaitFinger(session, true);
     try {
       sayOne(matchOnce(session, options, wanted.slot, wanted.name), json);
+      session.setPrompting(true);
       std::this_thread::sleep_for(session.simulated() ? milliseconds(0) : kBetweenFingers);
     } catch (const Failure &failure) {
       if (!isPoorCapture(failure)) throw;
+      session.setPrompting(false);  // asked once for each finger
       if (failure.result != KELM_RESULT_OF(KELM_SW_CAPTURE_6A0E)) putError(failure.what());
       std::this_thread::sleep_for(kBetweenCaptures);
     }

@@ -64,7 +64,7 @@ void Session::layFinger(const std::optional<std::string> &finger) {
 void Session::captureFeatures(int buffers, const std::string &occasion) {
   Progress progress("capturing" + occasion, "captures", static_cast<std::uint64_t>(buffers));
   for (int buffer = 1; buffer <= buffers; ++buffer) {
-    if (!simulated() && !options_.quiet) {
+    if (!simulated() && prompting_) {
       progress.hide();
       putError(buffers == 1 ? "lay your finger on the sensor" + occasion
                             : fmt::format("lay your finger on the sensor ({} of {})", buffer, buffers));
@@ -78,7 +78,9 @@ void Session::captureFeatures(int buffers, const std::string &occasion) {
 
 std::uint64_t Session::withPin(const std::function<std::uint64_t()> &call) {
   const std::uint64_t result = call();
-  const bool asked = result != KELM_RESULT_OK && watch().lastStatus == static_cast<int>(KELM_SW_SECURITY_STATUS);
+  // Some results hide the status word, and after some others the library still sends commands of its own.
+  const bool asked = result == KELM_RESULT_OF(KELM_SW_SECURITY_STATUS) ||
+                     (result != KELM_RESULT_OK && watch().lastStatus == static_cast<int>(KELM_SW_SECURITY_STATUS));
   if (!asked || pinVerified_ || address_.kind == Address::Kind::kHandle) return result;
   const auto pin = pinOnDemand();
   if (!pin) return result;

@@ -35,6 +35,8 @@ class Session {
   void layFinger(const std::optional<std::string> &finger);
   // Captures and extracts into the feature buffers 1 to `buffers`, showing how far it is.
   void captureFeatures(int buffers, const std::string &occasion = "");
+  // Whether a person at a real sensor is asked for the finger.
+  void setPrompting(bool prompting) { prompting_ = prompting; }
 
   // Makes a call of the library; when the token asks for its PIN, and a person or KELMTROVA_PIN can give it, verifies
   // it and makes the call again.
@@ -48,7 +50,7 @@ class Session {
   Address address_;
   const TokenOptions &options_;
   SCardConnection connection_{};
-  bool fingerLaid_ = false, pinVerified_ = false;
+  bool fingerLaid_ = false, pinVerified_ = false, prompting_ = true;
 };
 
 // What --finger NAME or @FILE means.
