@@ -214,7 +214,7 @@ TEST_F(Program, BatchKeepsTheOrderAndSurvivesBrokenFiles) {
 #if !defined(__SANITIZE_ADDRESS__)
   // Two hundred threads want 8 MiB of addresses each.
   EXPECT_EQ(
-      shell("yes prints/b.png | head -n 200 >list; ulimit -v 900000; kelmtrova image quality -j 200 - <list").exitCode,
+      shell("yes prints/b.png | head -n 200 >list; ulimit -v 1200000; kelmtrova image quality -j 200 - <list").exitCode,
       0);
 #endif
   const std::string csv = run("image quality --csv 'prints/a broken.png' prints/b.png").out;

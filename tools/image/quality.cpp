@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "tools/image/quality.h"
 
+#include <sys/mman.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -67,6 +68,8 @@ class Batch {
   int run() {
     const std::optional<size_t> total = source_.total();
     // A thread of its own for one job too: lines must not wait for a list that is still being written.
+    // Room that no thread's stack may take, for the work itself; given back when all threads are there.
+    void *const room = mmap(nullptr, kRoom, PROT_NONE, MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE, -1, 0);
     for (int i = 0; i < settings_.jobs && (!total || static_cast<size_t>(i) < *total); ++i) {
       try {
         workers_.emplace_back([this] { work(); });
@@ -74,6 +77,7 @@ class Batch {
         break;  // the threads that could be made go on
       }
     }
+    if (room != MAP_FAILED) munmap(room, kRoom);
     try {
       if (workers_.empty()) {
         alone_ = true;
@@ -92,6 +96,7 @@ class Batch {
   }
 
  private:
+  static constexpr size_t kRoom = size_t{256} << 20;
   // Lines that wait for an earlier one; more would only take memory.
   size_t mostAhead() const { return 16 + 4 * static_cast<size_t>(settings_.jobs); }
 
