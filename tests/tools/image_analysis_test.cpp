@@ -211,12 +211,6 @@ TEST_F(Program, BatchKeepsTheOrderAndSurvivesBrokenFiles) {
   EXPECT_EQ(run("image quality missing.pgm").exitCode, 2);
   EXPECT_EQ(run("image quality prints -o /dev/full").exitCode, 2);
   EXPECT_EQ(shell("kelmtrova image quality prints >/dev/full").exitCode, 2);
-#if !defined(__SANITIZE_ADDRESS__)
-  // Two hundred threads want 8 MiB of addresses each.
-  EXPECT_EQ(
-      shell("yes prints/b.png | head -n 200 >list; ulimit -v 1200000; kelmtrova image quality -j 200 - <list").exitCode,
-      0);
-#endif
   const std::string csv = run("image quality --csv 'prints/a broken.png' prints/b.png").out;
   EXPECT_EQ(csv.rfind("path,width,height,resolution,scale,finger,clarity,quality,qualitySpread,foreground,period,"
                       "continuous,error\n"
