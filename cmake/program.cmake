@@ -24,17 +24,20 @@ add_dependencies(kelmtrova_program kelmpkcs)
 file(RELATIVE_PATH libraries ${CMAKE_INSTALL_FULL_BINDIR} ${CMAKE_INSTALL_FULL_LIBDIR})
 set(run_path "$ORIGIN/../lib" "$ORIGIN/${libraries}")
 list(REMOVE_DUPLICATES run_path)
+set(KELMTROVA_RUN_PATH "${run_path}" CACHE STRING "Where the program looks for libraries before the loader's own places")
 set_target_properties(kelmtrova_program PROPERTIES OUTPUT_NAME kelmtrova
-  INSTALL_RPATH "${run_path}" BUILD_WITH_INSTALL_RPATH ON)
+  INSTALL_RPATH "${KELMTROVA_RUN_PATH}" BUILD_WITH_INSTALL_RPATH ON)
 
 # Completion, as the program itself writes it. Not where it cannot run on the machine that builds it.
 if(NOT CMAKE_CROSSCOMPILING)
   set(completions ${PROJECT_BINARY_DIR}/completions)
+  # Its run path may be that of an installed one.
+  set(run ${CMAKE_COMMAND} -E env LD_LIBRARY_PATH=${PROJECT_BINARY_DIR}/lib $<TARGET_FILE:kelmtrova_program>)
   add_custom_command(TARGET kelmtrova_program POST_BUILD
     COMMAND ${CMAKE_COMMAND} -E make_directory ${completions}
-    COMMAND $<TARGET_FILE:kelmtrova_program> completion bash > ${completions}/kelmtrova
-    COMMAND $<TARGET_FILE:kelmtrova_program> completion zsh > ${completions}/_kelmtrova
-    COMMAND $<TARGET_FILE:kelmtrova_program> completion fish > ${completions}/kelmtrova.fish VERBATIM)
+    COMMAND ${run} completion bash > ${completions}/kelmtrova
+    COMMAND ${run} completion zsh > ${completions}/_kelmtrova
+    COMMAND ${run} completion fish > ${completions}/kelmtrova.fish VERBATIM)
   install(FILES ${completions}/kelmtrova DESTINATION ${CMAKE_INSTALL_DATADIR}/bash-completion/completions)
   install(FILES ${completions}/_kelmtrova DESTINATION ${CMAKE_INSTALL_DATADIR}/zsh/site-functions)
   install(FILES ${completions}/kelmtrova.fish DESTINATION ${CMAKE_INSTALL_DATADIR}/fish/vendor_completions.d)
