@@ -150,13 +150,19 @@ std::string jsonText(const nlohmann::ordered_json &json, int indent) {
   return text;
 }
 
+std::string placeOf(const std::string &path) {
+  struct stat status {};
+  const bool isFile = stat(path.c_str(), &status) != 0 || S_ISREG(status.st_mode);
+  return isFile ? target(path).string() : "";
+}
+
 void writeFile(const std::string &path, std::span<const std::uint8_t> bytes) {
   struct stat status {};
   const bool exists = stat(path.c_str(), &status) == 0;
   if (!exists && errno != ENOENT) failFile(path, errno);
   if (exists && S_ISDIR(status.st_mode)) failFile(path, EISDIR);
-  const fs::path place = target(path);
-  if (place.empty() || (exists && !S_ISREG(status.st_mode))) return writeInPlace(path, bytes);
+  const fs::path place = placeOf(path);
+  if (place.empty()) return writeInPlace(path, bytes);
   // Nobody may replace what they may not write.
   if (exists && access(path.c_str(), W_OK) != 0) failFile(path, errno);
   replace(path, place, bytes, exists ? status.st_mode & 07777 : modeOfNewFiles());

@@ -34,6 +34,9 @@ std::string jsonText(const nlohmann::ordered_json &json, int indent = 2);
 // takes its name and keeps its mode. Links are followed; devices and pipes are written in place.
 void writeFile(const std::string &path, std::span<const std::uint8_t> bytes);
 void writeFile(const std::string &path, std::string_view text);
+// Where a file that is to take the name `path` has to be put, links followed; "" where one has to write in place: to
+// devices, pipes, and open files behind /dev/stdout and the like.
+std::string placeOf(const std::string &path);
 
 // The bytes of a whole file of at most `most`, or a FileFailure.
 std::string readWhole(const std::string &path, std::size_t most);

@@ -103,6 +103,8 @@ TEST_F(ToolsOutput, ReplacesFilesWholeOrNotAtAll) {
                 .out,
             "PNG");
   EXPECT_TRUE(std::filesystem::is_fifo(folder / "pipe.png"));
+  shell("kelmtrova image quality missing -o sub/link");
+  EXPECT_TRUE(read("new").starts_with("{\"path\"") && std::filesystem::is_symlink(folder / "sub" / "link"));
 }
 
 TEST_F(ToolsOutput, SaysWhenTheOutputIsCutOff) {

@@ -78,12 +78,15 @@ LineSink::LineSink(const LineForm &form, std::string path, bool resume) : form_(
     return;
   }
   std::error_code ignored;
-  const fs::file_status status = fs::status(path_, ignored);
-  const bool inPlace = fs::exists(status) && !fs::is_regular_file(status);
-  part_ = inPlace ? "" : path_ + ".part";
+  const std::string place = placeOf(path_);
+  const bool inPlace = place.empty();
+  if (!inPlace) {
+    path_ = place;
+    part_ = place + ".part";
+  }
   std::string before;
   if (resume && !inPlace) before = contentOf(fs::exists(part_, ignored) ? part_ : path_);
-  file_.reset(fopen(inPlace ? path_.c_str() : part_.c_str(), "we"));
+  file_.reset(inPlace ? fopen(path_.c_str(), "ae") : fopen(part_.c_str(), "we"));
   check(file_ != nullptr);
   if (!form_.heading().empty()) put(form_.heading());
   keep(before);

@@ -31,8 +31,8 @@ class LineForm {
 
 class LineSink {
  public:
-  // `path` is "" for standard output. The lines go to PATH.part, which becomes PATH in the end; devices and pipes are
-  // written as they are. With `resume` the sound lines of an earlier PATH.part, or else PATH, stay.
+  // `path` is "" for standard output. The lines go to PATH.part, which becomes PATH in the end, links followed;
+  // devices and pipes are written in place. With `resume` the sound lines of an earlier PATH.part, or else PATH, stay.
   LineSink(const LineForm &form, std::string path, bool resume);
 
   bool done(const std::string &path) const { return done_.count(form_.key(path)) != 0; }
