@@ -1,0 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
+# Documents as Doxygen reads them: it gives headings other names, so links to them lead to the page.
+s/\[([^]]*)\]\(#[^)]*\)/\1/g
+s/(\]\([^)#]+\.md)#[^)]*\)/\1)/g
