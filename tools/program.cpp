@@ -18,7 +18,7 @@
 #include "tools/output.h"
 #include "tools/suggestion.h"
 #include "tools/token/commands.h"
-#include "tools/token/words.h"
+#include "tools/token/messages.h"
 
 namespace kelm::tools {
 

@@ -5,11 +5,14 @@ target_include_directories(kelmkmgr_other PRIVATE ${PROJECT_SOURCE_DIR}/include)
 target_link_libraries(kelmkmgr_other PRIVATE kelmtrova_flags)
 set_target_properties(kelmkmgr_other PROPERTIES OUTPUT_NAME kelmkmgr
   LIBRARY_OUTPUT_DIRECTORY ${PROJECT_BINARY_DIR}/lib/other)
+add_library(few_threads MODULE tests/tools/few_threads.c)
+set_target_properties(few_threads PROPERTIES PREFIX "" LIBRARY_OUTPUT_DIRECTORY ${PROJECT_BINARY_DIR}/tests)
+target_link_libraries(few_threads PRIVATE ${CMAKE_DL_LIBS})
 
 if(KELMTROVA_PROGRAM AND TARGET tools_test)
   target_sources(tools_test PRIVATE tools/image/wsq.cpp tools/output.cpp tools/text.cpp)
   target_link_libraries(tools_test PRIVATE nlohmann_json::nlohmann_json fmt::fmt PkgConfig::LEPTONICA)
-  add_dependencies(tools_test kelmtrova_program kelmkmgr_other)
+  add_dependencies(tools_test kelmtrova_program kelmkmgr_other few_threads)
 endif()
 
 # A sanitized library wants its run time in every program that links to it.

@@ -14,9 +14,9 @@
 #include <vector>
 
 #include "devices/trace/format.h"
+#include "devices/trace/names.h"
 #include "devices/trace/privacy.h"
 #include "devices/trace/sink.h"
-#include "devices/trace/words.h"
 #include "kelmtrova/device_manager.h"
 
 using namespace kelm::trace;

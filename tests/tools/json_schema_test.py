@@ -12,7 +12,7 @@ try:
     import jsonschema
 except ImportError:
     print("skipped: there is no python3-jsonschema here")
-    sys.exit(77)
+    sys.exit(1 if os.environ.get("CI") == "true" else 77)  # the house's own runs are never without it
 
 program, schema = sys.argv[1], json.load(open(sys.argv[2]))
 validator = jsonschema.Draft7Validator(schema)

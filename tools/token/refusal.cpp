@@ -4,9 +4,9 @@
 #include <fmt/format.h>
 
 #include "kelmtrova/token.h"
+#include "tools/token/messages.h"
 #include "tools/token/platform.h"
 #include "tools/token/watch.h"
-#include "tools/token/words.h"
 
 namespace kelm::tools {
 

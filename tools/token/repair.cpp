@@ -19,12 +19,11 @@ namespace {
 using Index = std::vector<TemplateIndexEntry>;
 using Fids = std::vector<std::uint16_t>;
 
-constexpr std::uint16_t kMasterFile = 0x3F00;
 constexpr std::uint16_t kLastCounter = 0x7FF;
 
 bool isTokensOwn(std::uint16_t fid) {
   return fid == KELM_FID_COUNTER || fid == KELM_FID_BLOCK_RECORD || fid == KELM_FID_TEMPLATE_INDEX ||
-         fid == kMasterFile;
+         fid == KELM_FID_MASTER_FILE;
 }
 
 // The slot whose entry names the file, 0 for none.

@@ -9,10 +9,10 @@
 #include "tools/failure.h"
 #include "tools/output.h"
 #include "tools/terminal.h"
+#include "tools/token/messages.h"
 #include "tools/token/pin.h"
 #include "tools/token/refusal.h"
 #include "tools/token/watch.h"
-#include "tools/token/words.h"
 
 namespace kelm::tools {
 

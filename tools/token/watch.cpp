@@ -16,9 +16,9 @@
 #include "tools/failure.h"
 #include "tools/output.h"
 #include "tools/text.h"
+#include "tools/token/messages.h"
 #include "tools/token/platform.h"
 #include "tools/token/refusal.h"
-#include "tools/token/words.h"
 
 namespace kelm::tools {
 

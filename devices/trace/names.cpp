@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-#include "devices/trace/words.h"
+#include "devices/trace/names.h"
 
 #include <cstdio>
 

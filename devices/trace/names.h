@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 // Names of commands and status words.
-#ifndef KELMTROVA_DEVICES_TRACE_WORDS_H
-#define KELMTROVA_DEVICES_TRACE_WORDS_H
+#ifndef KELMTROVA_DEVICES_TRACE_NAMES_H
+#define KELMTROVA_DEVICES_TRACE_NAMES_H
 
 #include <cstdint>
 #include <span>

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-#include "tools/token/words.h"
+#include "tools/token/messages.h"
 
 #include <fmt/format.h>
 
