@@ -14,7 +14,8 @@ add_library(kelmtrova_test_support STATIC ${KELMTROVA_TEST_SUPPORT})
 target_include_directories(kelmtrova_test_support PUBLIC ${PROJECT_SOURCE_DIR} ${PROJECT_SOURCE_DIR}/include)
 target_link_libraries(kelmtrova_test_support PUBLIC kelmtrova_flags GTest::gtest GTest::gtest_main ${CMAKE_DL_LIBS})
 
-# A test that may take so many seconds: some ten times what it takes on two busy cores, for the sanitizers ten times that.
+# A test that may take so many seconds: many times what it takes on two cores, since they may be busy with other work; for
+# the sanitizers and under emulation ten times that.
 function(kelmtrova_add_test name seconds)
   add_test(NAME ${name} COMMAND ${ARGN})
   if(KELMTROVA_SANITIZE OR CMAKE_CROSSCOMPILING)
@@ -43,7 +44,7 @@ foreach(folder link token devices middleware tools robustness)
   file(GLOB sources CONFIGURE_DEPENDS tests/${folder}/*.cpp)
   if(sources)
     kelmtrova_add_test_program(${folder}_test ${sources})
-    kelmtrova_add_test(${folder} 100 ${folder}_test)
+    kelmtrova_add_test(${folder} 300 ${folder}_test)
   endif()
 endforeach()
 
@@ -75,20 +76,20 @@ foreach(folder support buffers filters ridge quality)
     kelmtrova_add_test_program(image_${folder}_test ${sources})
     # Found through LD_LIBRARY_PATH below, so that the level can be chosen.
     target_link_options(image_${folder}_test PRIVATE LINKER:--enable-new-dtags)
-    kelmtrova_add_test(image_${folder} 100 image_${folder}_test)
+    kelmtrova_add_test(image_${folder} 300 image_${folder}_test)
     set(levels ${KELMTROVA_LEVEL_NAMES})
     if(folder STREQUAL "support")
       set(levels "")
     endif()
     foreach(level_name ${levels})
       add_dependencies(image_${folder}_test kelmtrova_${level_name})
-      kelmtrova_add_test(image_${folder}_${level_name} 100 image_${folder}_test)
+      kelmtrova_add_test(image_${folder}_${level_name} 300 image_${folder}_test)
       set_tests_properties(image_${folder}_${level_name} PROPERTIES ENVIRONMENT
         "LD_LIBRARY_PATH=${PROJECT_BINARY_DIR}/lib/${level_name}:${PROJECT_BINARY_DIR}/lib")
     endforeach()
     set_tests_properties(image_${folder} PROPERTIES ENVIRONMENT
       "LD_LIBRARY_PATH=${PROJECT_BINARY_DIR}/lib")
-    kelmtrova_add_test(image_${folder}_without_fma 100 image_${folder}_test)
+    kelmtrova_add_test(image_${folder}_without_fma 300 image_${folder}_test)
     set_tests_properties(image_${folder}_without_fma PROPERTIES ENVIRONMENT
       "LD_LIBRARY_PATH=${PROJECT_BINARY_DIR}/lib;${KELMTROVA_WITHOUT_FMA}")
   endif()
