@@ -52,7 +52,10 @@ void Stretch::lock() {
   while (flock(file_, LOCK_EX | LOCK_NB) != 0) {
     if (errno != EWOULDBLOCK && errno != EINTR)
       throw Failure(DEVICE_MANAGER_STORE_UNUSABLE, path_ + ": " + std::strerror(errno));
-    if (Clock::now() >= end) throw Failure(DEVICE_MANAGER_BUSY);
+    if (Clock::now() >= end) {
+      throw Failure(DEVICE_MANAGER_BUSY, "another program has kept the token to itself for more than " +
+                                             std::to_string(kLimit.count()) + " seconds");
+    }
     std::this_thread::sleep_for(kPoll);
   }
 }

@@ -169,7 +169,9 @@ Places findPlaces() {
   }
   for (const std::string &store : stores) {
     std::error_code ignored;
-    if (std::filesystem::exists(store, ignored)) places.all.push_back({parseAddress("sim:" + store), true, ""});
+    // One in a folder that may not be entered is listed, too: who opens it is told why that fails.
+    if (std::filesystem::status(store, ignored).type() != std::filesystem::file_type::not_found)
+      places.all.push_back({parseAddress("sim:" + store), true, ""});
   }
   return places;
 }

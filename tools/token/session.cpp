@@ -19,6 +19,7 @@ namespace kelm::tools {
 std::string fingerBytes(const std::string &finger) {
   constexpr std::size_t kLargest = std::size_t{64} << 20;
   if (!finger.starts_with('@')) return finger;
+  if (finger.size() == 1) throw Failure(kExitUsage, "--finger @ names no file");
   return readWhole(finger.substr(1), kLargest);
 }
 
@@ -30,6 +31,10 @@ Session::Session(Address address, const TokenOptions &options) : address_(std::m
   try {
     if (KelmIsTrova(handle()) != 1) {
       if (noTokenAnswered()) throw managerFailure(place(), static_cast<std::uint16_t>(watch().lastStatus));
+      // Without an exchange it was the lock that failed.
+      if (watch().lastStatus < 0 && manager() != nullptr && manager()->errorCode() != DEVICE_MANAGER_OK) {
+        throw managerFailure(place(), static_cast<std::uint16_t>(manager()->errorCode()));
+      }
       throw Failure(kExitNoToken, "no fingerprint token answers at " + place(), "`kelmtrova token list` shows them");
     }
     if (const auto pin = givenPin(options.pin)) verifyPin(*pin);

@@ -88,7 +88,10 @@ Report exportToken(const TokenOptions &token, const std::string &file) {
 
 Report importToken(const TokenOptions &token, const std::string &file) {
   const Address address = simulatedAddress(token, "be imported");
-  require(simulator()->importFrom(file.c_str(), address.store.c_str()));
+  if (simulator()->importFrom(file.c_str(), address.store.c_str()) != 0) {
+    if (simulator()->failure() == SIMULATOR_NO_STORE) throw FileFailure(file + ": there is no such file");
+    throw storeFailure();
+  }
   Report report;
   report.text = fmt::format("made a token from {} in {}\n", shown(file), shown(address.store));
   report.json = {{"address", address.text}, {"file", shown(file)}};
