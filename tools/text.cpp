@@ -94,7 +94,7 @@ std::string hex(std::span<const std::uint8_t> bytes, std::string_view separator)
 
 std::string csvField(std::string_view text) {
   const bool formula = !text.empty() && std::string_view("=+-@\t\r").find(text.front()) != std::string_view::npos;
-  const std::string field = fmt::format("{}{}", formula ? "'" : "", text);
+  std::string field = fmt::format("{}{}", formula ? "'" : "", text);
   if (field.find_first_of("\",\r\n") == std::string::npos) return field;
   std::string doubled;
   for (const char character : field) doubled.append(character == '"' ? 2 : 1, character);

@@ -3,9 +3,13 @@
 
 #include <fmt/format.h>
 
+#include <charconv>
+#include <cstdint>
 #include <functional>
 #include <initializer_list>
 #include <memory>
+#include <string>
+#include <system_error>
 
 #include "tools/exit_codes.h"
 #include "tools/failure.h"
@@ -25,7 +29,16 @@ constexpr const char *kPin = "The PIN";
 constexpr std::size_t kLongestLabel = sizeof TemplateIndexEntry::userData;
 
 // The range itself stands in the option's description.
-CLI::Validator byRange(int least, int most) { return CLI::Range(least, most).description(""); }
+CLI::Validator byRange(int least, int most) {
+  return {[least, most](const std::string &text) {
+            int number = 0;
+            const char *const end = text.data() + text.size();
+            const auto [stop, error] = std::from_chars(text.data(), end, number);
+            const bool fits = stop == end && error == std::errc() && number >= least && number <= most;
+            return fits ? std::string() : fmt::format("{} is no number from {} to {}", shown(text), least, most);
+          },
+          ""};
+}
 
 std::string checkLabel(const std::string &label) {
   if (label.size() <= kLongestLabel) return "";
@@ -164,7 +177,11 @@ class Builder {
         ->type_name("N")
         ->excludes("--token")
         ->group(kCommon);
-    command->add_flag("-v,--verbose", token.verbosity, "show every command and answer (-vv: the library's traces too)")
+    // By a function: later versions of CLI11 set a number back to 0 where the flag is not given.
+    command
+        ->add_flag_function(
+            "-v,--verbose", [&token](std::int64_t count) { token.verbosity = static_cast<int>(count); },
+            "show every command and answer (-vv: the library's traces too)")
         ->group(kCommon);
     CLI::Option *trace = command->add_option(
         "--trace", token.trace, "write every command and answer: .txt, or .pcapng and .pcap for Wireshark; no PINs");

@@ -61,7 +61,7 @@ std::string requiredPin(const PinOptions &options) {
 }
 
 std::string newPin(const std::string &question) {
-  const std::string pin = readSecret(question);
+  std::string pin = readSecret(question);
   requirePossiblePin(pin);
   if (isatty(STDIN_FILENO) == 1 && readSecret("the same once more: ") != pin) {
     throw Failure(kExitUsage, "the two are not the same", "nothing was changed");
