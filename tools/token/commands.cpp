@@ -3,13 +3,11 @@
 
 #include <fmt/format.h>
 
-#include <charconv>
 #include <cstdint>
 #include <functional>
 #include <initializer_list>
 #include <memory>
 #include <string>
-#include <system_error>
 
 #include "tools/exit_codes.h"
 #include "tools/failure.h"
@@ -32,9 +30,7 @@ constexpr std::size_t kLongestLabel = sizeof TemplateIndexEntry::userData;
 CLI::Validator byRange(int least, int most) {
   return {[least, most](const std::string &text) {
             int number = 0;
-            const char *const end = text.data() + text.size();
-            const auto [stop, error] = std::from_chars(text.data(), end, number);
-            const bool fits = stop == end && error == std::errc() && number >= least && number <= most;
+            const bool fits = CLI::detail::lexical_cast(text, number) && number >= least && number <= most;
             return fits ? std::string() : fmt::format("{} is no number from {} to {}", shown(text), least, most);
           },
           ""};
