@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-// Reader of WSQ, the format in which police and border authorities keep fingerprints: wavelet scalar quantization, after
-// the FBI's document IAFIS-IC-0110, version 3.1.
+// Reader of WSQ, the format in which police and border authorities keep fingerprints: wavelet scalar quantization,
+// after the FBI's document IAFIS-IC-0110, version 3.1.
 #pragma once
 
 #include <cstddef>
