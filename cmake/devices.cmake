@@ -29,6 +29,6 @@ target_link_libraries(kelmpkcs_incomplete PRIVATE kelmkmgr)
 
 # What is preloaded to trace a program, and loaded by a program that traces itself. It takes the place of the device
 # manager's entry, so it is not linked to one.
-file(GLOB KELMTROVA_TRACE_SOURCES CONFIGURE_DEPENDS devices/trace/*.cpp)
+file(GLOB KELMTROVA_TRACE_SOURCES CONFIGURE_DEPENDS devices/trace/*.cpp apdu/*.cpp)
 kelmtrova_add_platform_library(kelmtrova_trace "" kelmtrova-trace ${KELMTROVA_TRACE_SOURCES})
 target_link_libraries(kelmtrova_trace PRIVATE ${CMAKE_DL_LIBS})

@@ -5,7 +5,7 @@ find_package(fmt REQUIRED)
 find_package(nlohmann_json REQUIRED)
 find_package(PNG REQUIRED)
 include(cmake/pictures.cmake)
-file(GLOB_RECURSE KELMTROVA_PROGRAM_SOURCES CONFIGURE_DEPENDS tools/*.cpp)
+file(GLOB_RECURSE KELMTROVA_PROGRAM_SOURCES CONFIGURE_DEPENDS tools/*.cpp apdu/*.cpp)
 add_executable(kelmtrova_program ${KELMTROVA_PROGRAM_SOURCES})
 target_include_directories(kelmtrova_program PRIVATE ${PROJECT_SOURCE_DIR})
 target_link_libraries(kelmtrova_program PRIVATE

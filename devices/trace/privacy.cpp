@@ -3,6 +3,7 @@
 
 #include <algorithm>
 
+#include "apdu/names.h"
 #include "kelmtrova/token.h"
 
 namespace kelm::trace {
@@ -11,9 +12,6 @@ namespace {
 constexpr std::size_t kHeader = 4, kDataStart = 5, kImageHeader = 8;
 // An entry of the index: state, tag and FID, and then the user data.
 constexpr std::uint32_t kEntrySize = 20, kUserDataStart = 4;
-
-// Of the commands about a PIN that this system does not send itself.
-constexpr std::uint8_t kChangeReference = 0x24, kResetRetryCounter = 0x2C;
 
 // The data of a command; all that follows the header when its length byte is wrong or does not end it.
 Bytes dataOf(Bytes command) {
@@ -55,13 +53,9 @@ Begun Privacy::hideInCommand(std::uint64_t device, Bytes command) {
   if (command.size() < kHeader) return begun;
   const Bytes data = dataOf(command);
   const auto fid = [](ByteView at) { return static_cast<std::uint16_t>(at[0] << 8 | at[1]); };
+  if (apdu::carriesPin(command[1])) hide(data, {Secret::kAll});
   // An odd instruction is the same command with its data in BER-TLV.
   switch (const std::uint8_t instruction = command[1]; instruction & 0xFE) {
-    case KELM_INS_VERIFY:
-    case kChangeReference:
-    case kResetRetryCounter:
-      hide(data, {Secret::kAll});
-      break;
     case KELM_INS_SELECT:
       begun.leavesSelection = false;
       if (data.size() == 2) begun.selects = fid(data);

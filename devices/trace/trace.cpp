@@ -13,8 +13,8 @@
 #include <string>
 #include <vector>
 
+#include "apdu/names.h"
 #include "devices/trace/format.h"
-#include "devices/trace/names.h"
 #include "devices/trace/privacy.h"
 #include "devices/trace/sink.h"
 #include "kelmtrova/device_manager.h"
@@ -52,7 +52,7 @@ std::string wordsFor(std::uint16_t status) {
   static const auto codeText =
       reinterpret_cast<decltype(&deviceManagerCodeText)>(dlsym(RTLD_DEFAULT, "deviceManagerCodeText"));
   const char *own = codeText ? codeText(status) : nullptr;
-  return own ? own : statusWords(status);
+  return own ? own : kelm::apdu::statusWords(status);
 }
 
 void wipe(std::vector<std::uint8_t> &bytes) { explicit_bzero(bytes.data(), bytes.size()); }
@@ -81,7 +81,7 @@ std::uint64_t kelmTraceCommand(KelmTrace *trace, std::uint64_t device, const std
   if (!trace) return 0;
   try {
     std::vector<std::uint8_t> apdu = copyOf(command, commandLength, 0);
-    const std::string name = commandName(apdu);
+    const std::string name = kelm::apdu::commandName(apdu);
     const std::lock_guard guard(trace->lock);
     const Begun begun = trace->privacy.hideInCommand(device, apdu);
     trace->write(device, true, apdu, name);

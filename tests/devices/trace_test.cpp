@@ -87,6 +87,7 @@ TEST_F(Trace, NamesEveryCommandAndStatus) {
   EXPECT_EQ(textOf({{"80 FA 02 00 02", "6B 65", 0x9000},
                     {"00 A4 00 00 02 05 20", "", 0x6A82},
                     {"80 FD 06 03 01", "", 0x63C2},
+                    {"80 FD 26 00 01", "", 0x6A21},
                     {"80 FC 05 40 02", "", DEVICE_MANAGER_CARD_REMOVED},
                     {"80 F7", "", 0x6C07},
                     {"00 A4 00 00 02 00 20", "", 0x9000},
@@ -99,6 +100,7 @@ TEST_F(Trace, NamesEveryCommandAndStatus) {
             "> 80 FA 02 00 02  (device information)\n< 6B 65 9000  (done)\n"
             "> 00 A4 00 00 02 05 20  (select file 0520, the template index)\n< 6A82  (file not found)\n"
             "> 80 FD 06 03 01  (match, slot 3)\n< 63C2  (no match, 2 tries left)\n"
+            "> 80 FD 26 00 01  (match without counting tries, all slots)\n< 6A21  (no match)\n"
             "> 80 FC 05 40 02  (enroll into file 0540)\n< ED0C  (the token was pulled out)\n"
             "> 80 F7  (too short for a command)\n< 6C07  (wrong Le, 7 is right)\n"
             "> 00 A4 00 00 02 00 20  (select file 0020, the FID counter)\n< 9000  (done)\n"

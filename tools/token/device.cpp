@@ -266,7 +266,6 @@ Report cache(Session &session, const std::string &action) {
 }
 
 Report sendImage(Session &session, const std::string &file) {
-  constexpr std::uint8_t kImageBlock = 0xF7;
   const Picture picture = readPicture(file);
   if (picture.width > KELM_MAX_LINE_LENGTH) {
     throw Failure(kExitUsage, fmt::format("{} is {} pixels wide; a token takes at most 240", file, picture.width),
@@ -280,7 +279,7 @@ Report sendImage(Session &session, const std::string &file) {
     const Stretch stretch(session.device());
     Progress progress("sending", "lines", height);
     watch().onCommand = [&](std::uint8_t instruction) {
-      if (instruction == kImageBlock) progress.show(++blocks * linesPerBlock);
+      if (instruction == KELM_INS_DOWNLOAD) progress.show(++blocks * linesPerBlock);
     };
     const std::uint64_t result = KelmTrovaDownloadImage(session.handle(), &image);
     watch().onCommand = nullptr;

@@ -3,6 +3,7 @@
 
 #include <fmt/format.h>
 
+#include "apdu/names.h"
 #include "kelmtrova/token.h"
 #include "tools/token/platform.h"
 
@@ -83,89 +84,6 @@ constexpr ResultWords kResults[] = {
     {KELM_RESULT_MEMORY, "there is not enough memory", "close other programs", "memory"},
 };
 
-struct StatusWords {
-  std::uint16_t status, mask;
-  const char *words;
-};
-
-constexpr StatusWords kStatuses[] = {
-    {0x9000, 0xFFFF, "done"},
-    {0x6100, 0xFF00, "more data wait"},
-    {0x63C0, 0xFFFF, "no match, no tries left"},
-    {0x63C0, 0xFFF0, "no match, {} tries left"},
-    {0x6581, 0xFFFF, "memory failure"},
-    {0x6700, 0xFFFF, "wrong length"},
-    {0x6981, 0xFFFF, "not that kind of file"},
-    {0x6982, 0xFFFF, "security status not satisfied"},
-    {0x6983, 0xFFFF, "blocked"},
-    {0x6985, 0xFFFF, "conditions of use not satisfied"},
-    {0x6986, 0xFFFF, "no file selected"},
-    {0x6A80, 0xFFFF, "incorrect data"},
-    {0x6A82, 0xFFFF, "file not found"},
-    {0x6A84, 0xFFFF, "not enough memory"},
-    {0x6A86, 0xFFFF, "wrong P1-P2"},
-    {0x6A89, 0xFFFF, "file exists"},
-    {0x6AFA, 0xFFFF, "self-test failed"},
-    {0x6B00, 0xFFFF, "wrong P1-P2"},
-    {0x6C00, 0xFF00, "wrong Le"},
-    {0x6D00, 0xFFFF, "instruction not supported"},
-    {0x6E00, 0xFFFF, "class not supported"},
-    {0x6F00, 0xFFFF, "no diagnosis"},
-};
-
-// What stands behind a command's name: nothing, or a number out of its header or data.
-enum class Detail { kNone, kP2, kFidInHeader, kFidInData };
-
-struct CommandWords {
-  std::uint8_t cla, ins;
-  int p1;  // -1 for any
-  const char *name;
-  Detail detail;
-};
-
-constexpr CommandWords kCommands[] = {
-    {0x80, 0xFA, 0x00, "capture", Detail::kNone},
-    {0x80, 0xFA, 0x01, "self-test", Detail::kNone},
-    {0x80, 0xFA, 0x02, "device information", Detail::kNone},
-    {0x80, 0xFB, -1, "extract features into buffer", Detail::kP2},
-    {0x80, 0xFC, -1, "enroll into file", Detail::kFidInHeader},
-    {0x80, 0xFD, 0x26, "match without counting tries, slot", Detail::kP2},
-    {0x80, 0xFD, -1, "match, slot", Detail::kP2},
-    {0x80, 0xFE, 0x00, "set verify mode", Detail::kNone},
-    {0x80, 0xFE, 0x01, "get verify mode", Detail::kNone},
-    {0x80, 0xF9, 0x00, "get finger-cache state", Detail::kNone},
-    {0x80, 0xF9, 0x01, "clear finger cache", Detail::kNone},
-    {0x80, 0xF9, 0x02, "switch finger cache on", Detail::kNone},
-    {0x80, 0xF9, 0x03, "switch finger cache off", Detail::kNone},
-    {0x80, 0xF9, 0x04, "get slot count", Detail::kNone},
-    {0x80, 0xF9, 0x05, "get time-out", Detail::kNone},
-    {0x80, 0xF9, 0x06, "set time-out", Detail::kNone},
-    {0x80, 0xF9, 0x07, "get security level", Detail::kNone},
-    {0x80, 0xF9, 0x08, "set security level", Detail::kNone},
-    {0x80, 0xF9, 0x09, "get security state", Detail::kNone},
-    {0x80, 0xF9, 0x0A, "get image gain", Detail::kNone},
-    {0x80, 0xF9, 0x0B, "set image gain", Detail::kNone},
-    {0x80, 0xF7, -1, "image block", Detail::kNone},
-    {0x80, 0xE0, -1, "create file", Detail::kFidInHeader},
-    {0x00, 0x20, -1, "verify PIN", Detail::kNone},
-    {0x00, 0xA4, -1, "select file", Detail::kFidInData},
-    {0x00, 0xB0, -1, "read binary", Detail::kNone},
-    {0x00, 0xD0, -1, "write binary", Detail::kNone},
-    {0x00, 0xD6, -1, "update binary", Detail::kNone},
-    {0x00, 0xE4, -1, "delete file", Detail::kFidInData},
-    {0x00, 0xC0, -1, "get response", Detail::kNone},
-};
-
-// "0520, the template index" for the two bytes of a FID.
-std::string fileName(std::uint8_t high, std::uint8_t low) {
-  const unsigned fid = static_cast<unsigned>(high) << 8 | low;
-  const char *name = fid == KELM_FID_COUNTER          ? ", the FID counter"
-                     : fid == KELM_FID_BLOCK_RECORD   ? ", the block record"
-                     : fid == KELM_FID_TEMPLATE_INDEX ? ", the template index"
-                                                      : "";
-  return fmt::format(" {:04X}{}", fid, name);
-}
-
 }  // namespace
 
 const ResultWords &resultWords(std::uint64_t result) {
@@ -184,27 +102,7 @@ std::string statusWords(int status) {
     const char *own = manager()->codeText(static_cast<std::uint16_t>(status));
     if (own != nullptr) return own;
   }
-  for (const StatusWords &entry : kStatuses) {
-    if ((status & entry.mask) != entry.status) continue;
-    return fmt::format(fmt::runtime(entry.words), status & ~entry.mask);
-  }
-  return "";
-}
-
-std::string commandName(std::span<const std::uint8_t> command) {
-  constexpr std::size_t kHeader = 4, kDataStart = 5;
-  if (command.size() < kHeader) return "too short for a command";
-  for (const CommandWords &entry : kCommands) {
-    if (entry.cla != command[0] || entry.ins != command[1] || (entry.p1 >= 0 && entry.p1 != command[2])) continue;
-    std::string name = entry.name;
-    if (entry.detail == Detail::kP2) name += fmt::format(" {}", command[3]);
-    if (entry.detail == Detail::kFidInHeader) name += fileName(command[2], command[3]);
-    if (entry.detail == Detail::kFidInData && command.size() >= kDataStart + 2) {
-      name += fileName(command[kDataStart], command[kDataStart + 1]);
-    }
-    return name;
-  }
-  return "unknown command";
+  return status < 0 ? "" : apdu::statusWords(static_cast<std::uint16_t>(status));
 }
 
 }  // namespace kelm::tools

@@ -1,9 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
-// Result codes, status words and commands in words.
+// Result codes and status words in words.
 #pragma once
 
 #include <cstdint>
-#include <span>
 #include <string>
 
 namespace kelm::tools {
@@ -22,7 +21,5 @@ std::string resultNumber(std::uint64_t result);  // "0x80006982"
 
 // What a status word or a code of the device manager says, "" for one that means nothing by itself.
 std::string statusWords(int status);
-// The name of a command APDU.
-std::string commandName(std::span<const std::uint8_t> command);
 
 }  // namespace kelm::tools

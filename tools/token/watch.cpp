@@ -12,6 +12,7 @@
 #include <span>
 #include <string>
 
+#include "apdu/names.h"
 #include "kelmtrova/token.h"
 #include "tools/failure.h"
 #include "tools/output.h"
@@ -47,11 +48,9 @@ void show(const std::string &text) {
 
 void showCommand(std::span<const std::uint8_t> command) {
   constexpr std::size_t kHeader = 5;
-  constexpr std::uint8_t kVerifyPin = 0x20, kChangePin = 0x24, kUnblockPin = 0x2C;
-  const bool secret =
-      command.size() > kHeader && (command[1] == kVerifyPin || command[1] == kChangePin || command[1] == kUnblockPin);
+  const bool secret = command.size() > kHeader && apdu::carriesPin(command[1]);
   show(fmt::format("  > {}{}  ({})\n", hexLines(secret ? command.first(kHeader) : command),
-                   secret ? " and the PIN" : "", commandName(command)));
+                   secret ? " and the PIN" : "", apdu::commandName(command)));
 }
 
 void showAnswer(std::span<const std::uint8_t> answer, int status) {
