@@ -12,6 +12,8 @@ target_link_libraries(kelmtrova_program PRIVATE
   kelmtrova_flags kelmtrova::kelmtrova CLI11::CLI11 fmt::fmt nlohmann_json::nlohmann_json PNG::PNG kelmtrova_pictures
   ${CMAKE_DL_LIBS})
 target_compile_definitions(kelmtrova_program PRIVATE KELM_VERSION="${PROJECT_VERSION}")
+# A root that sets errno is computed one by one.
+target_compile_options(kelmtrova_program PRIVATE -fno-math-errno)
 # These take the place of the device manager's and the library's.
 target_link_options(kelmtrova_program PRIVATE LINKER:--disable-new-dtags
   LINKER:--export-dynamic-symbol=Icc_tsi_apiKelmDev LINKER:--export-dynamic-symbol=MYTRACE

@@ -21,6 +21,13 @@ class StopWatch {
     timings.emplace_back(name, taken.count());
     return result;
   }
+  template <typename Step>
+  void run(const char *name, Step step) {
+    time(name, [&] {
+      step();
+      return 0;
+    });
+  }
 
  private:
   Timings &timings;
@@ -32,33 +39,32 @@ template <typename Sample>
 Grid<Sample> spread(const Grid<Sample> &grid, int scale, int width, int height) {
   const int cell = grid.cell / scale;
   Grid<Sample> out{cell, (height + cell - 1) / cell, (width + cell - 1) / cell, {}};
+  out.data.reserve(static_cast<size_t>(out.rows) * static_cast<size_t>(out.cols));
+  const int whole = std::min(grid.cols, out.cols);
   for (int row = 0; row < out.rows; ++row) {
-    for (int col = 0; col < out.cols; ++col) {
-      out.data.push_back(grid.at(std::min(col, grid.cols - 1), std::min(row, grid.rows - 1)));
-    }
+    const auto from = grid.data.begin() + static_cast<ptrdiff_t>(std::min(row, grid.rows - 1)) * grid.cols;
+    out.data.insert(out.data.end(), from, from + whole);
+    out.data.insert(out.data.end(), static_cast<size_t>(out.cols - whole), from[whole - 1]);
   }
   return out;
 }
 
 Grid<uint8_t> gridOf(const Picture &half) { return {2, half.height, half.width, half.samples}; }
 
+// A grid whose cells are one or two pixels wide, pixel by pixel.
 Picture pictureOf(const Grid<uint8_t> &grid, int width, int height) {
   Picture out(width, height);
+  if (grid.cell == 1) {
+    out.samples = grid.data;
+    return out;
+  }
   for (int y = 0; y < height; ++y) {
-    for (int x = 0; x < width; ++x) out.at(x, y) = grid.at(x / grid.cell, y / grid.cell);
+    const uint8_t *cells = &grid.data[static_cast<size_t>(y / 2) * static_cast<size_t>(grid.cols)];
+    uint8_t *row = &out.at(0, y);
+    for (int x = 0; x < width / 2; ++x) row[2 * x] = row[2 * x + 1] = cells[x];
+    row[width - 1] = cells[grid.cols - 1];
   }
   return out;
-}
-
-double medianPeriod(const Analysis &analysis) {
-  std::vector<float> periods;
-  for (const float period : analysis.periods.data) {
-    if (period > 0) periods.push_back(period);
-  }
-  if (periods.empty()) return 0;
-  const auto middle = periods.begin() + static_cast<ptrdiff_t>(periods.size() / 2);
-  std::nth_element(periods.begin(), middle, periods.end());
-  return *middle;
 }
 
 void gradeNumbers(const Analysis &analysis, Numbers &numbers) {
@@ -96,34 +102,43 @@ double meanClarity(const Analysis &analysis, bool everywhere) {
 // Seven eighths of the way from the mean grey of the finger to the lightest hundredth of the picture: a straight valley
 // with its flanks stays below, paper does not.
 int lightLevelOf(const Analysis &analysis) {
-  double count = 0, sum = 0;
+  uint32_t count = 0, sum = 0;  // which the largest area cannot overflow
   for (size_t i = 0; i < analysis.mask.samples.size(); ++i) {
-    if (analysis.mask.samples[i] == 0) continue;
-    ++count;
-    sum += analysis.picture.samples[i];
+    count += analysis.mask.samples[i] & 1u;
+    sum += static_cast<uint32_t>(analysis.mask.samples[i] & analysis.picture.samples[i]);
   }
   auto left = static_cast<uint32_t>(analysis.picture.samples.size() / 100);
   int lightest = 255;
   while (lightest > 0 && analysis.printHistogram[static_cast<size_t>(lightest)] <= left) {
     left -= analysis.printHistogram[static_cast<size_t>(lightest--)];
   }
-  return count == 0 ? lightest : static_cast<int>((sum / count + 7.0 * lightest) / 8);
+  return count == 0 ? lightest : static_cast<int>((static_cast<double>(sum) / count + 7.0 * lightest) / 8);
+}
+
+// From the first value that is not 0 to behind the last.
+std::pair<int, int> extentOf(const std::vector<uint8_t> &values) {
+  const auto set = [](uint8_t value) { return value != 0; };
+  const auto first = std::find_if(values.begin(), values.end(), set);
+  const auto last = std::find_if(values.rbegin(), values.rend(), set);
+  return {static_cast<int>(first - values.begin()), static_cast<int>(values.rend() - last)};
 }
 
 // The middle three quarters of the rectangle around the foreground, where only a gap can be light; the picture where
 // there is no foreground.
 Picture centralRegion(const Analysis &analysis) {
   const Picture &mask = analysis.mask;
-  int left = mask.width, right = 0, top = mask.height, bottom = 0;
+  std::vector<uint8_t> columns(static_cast<size_t>(mask.width)), rows(static_cast<size_t>(mask.height));
   for (int y = 0; y < mask.height; ++y) {
+    uint8_t any = 0;
     for (int x = 0; x < mask.width; ++x) {
-      if (mask.at(x, y) == 0) continue;
-      left = std::min(left, x);
-      right = std::max(right, x + 1);
-      top = std::min(top, y);
-      bottom = std::max(bottom, y + 1);
+      const uint8_t sample = mask.at(x, y);
+      columns[static_cast<size_t>(x)] |= sample;
+      any |= sample;
     }
+    rows[static_cast<size_t>(y)] = any;
   }
+  const auto [left, right] = extentOf(columns);
+  const auto [top, bottom] = extentOf(rows);
   if (left >= right) return analysis.picture;
   const int marginX = (right - left) / 8, marginY = (bottom - top) / 8;
   return part(analysis.picture, left + marginX, top + marginY, right - left - 2 * marginX, bottom - top - 2 * marginY);
@@ -169,17 +184,41 @@ void fillNumbers(Analysis &out) {
   if (!numbers.finger) numbers.clarity = meanClarity(out, true);
 }
 
+float inPixels(uint8_t eighths, int scale) {
+  return eighths == kNoPeriod ? 0 : static_cast<float>(eighths) / static_cast<float>(8 * scale);
+}
+
+// What only pictures show.
+void addMaps(Analysis &out, const Orientation &orientation, const Picture &mask, int window) {
+  const auto onPicture = [&](const auto &grid) {
+    return spread(grid, out.scale, out.picture.width, out.picture.height);
+  };
+  out.direction8 = onPicture(orientation.direction8);
+  out.direction16 = onPicture(orientation.direction16);
+  if (out.numbers.period > 0) {
+    straightenDirections(out.direction8, out.numbers.period * out.scale / 2);
+    straightenDirections(out.direction16, out.numbers.period * out.scale / 2);
+  }
+  out.change = onPicture(orientation.change);
+  const Picture gradient = gradientOf(orientation, window);
+  out.gradient = onPicture(gridOf(gradient));
+  out.thresholds = thresholdsOf(gradient);
+  out.complexity = complexityOf(mask);
+  out.gradientHistogram = histogramOf(gradient);
+  out.smoothed = smoothedHistogram(out.gradientHistogram);
+}
+
 }  // namespace
 
 bool Analysis::inForeground(int column, int row, int cell) const {
-  int inside = 0, all = 0;
-  for (int y = row * cell; y < std::min((row + 1) * cell, mask.height); ++y) {
-    for (int x = column * cell; x < std::min((column + 1) * cell, mask.width); ++x) {
-      inside += mask.at(x, y) != 0;
-      ++all;
-    }
+  const int left = column * cell, right = std::min(left + cell, mask.width);
+  const int top = row * cell, bottom = std::min(top + cell, mask.height);
+  int inside = 0;
+  for (int y = top; y < bottom; ++y) {
+    const uint8_t *samples = &mask.samples[static_cast<size_t>(y) * static_cast<size_t>(mask.width)];
+    for (int x = left; x < right; ++x) inside += samples[x] & 1;
   }
-  return 2 * inside > all;
+  return 2 * inside > (right - left) * (bottom - top);
 }
 
 Analysis analyse(const Picture &picture, const std::string &name, const AnalysisSettings &settings) {
@@ -195,8 +234,8 @@ Analysis analyse(const Picture &picture, const std::string &name, const Analysis
   });
   // A picture with narrow ridges is its own half-size picture; the full one is made from it.
   if (out.scale == 2) half = picture;
-  const Picture print = out.scale == 2 ? enlarged(picture) : picture;
-  const auto onPicture = [&](const auto &grid) { return spread(grid, out.scale, width, height); };
+  const Picture doubled = out.scale == 2 ? enlarged(picture) : Picture();
+  const Picture &print = out.scale == 2 ? doubled : picture;
 
   const Orientation orientation =
       watch.time("orientation", [&] { return orientationOf(half, print.width, print.height, settings.window); });
@@ -204,41 +243,19 @@ Analysis analyse(const Picture &picture, const std::string &name, const Analysis
   const Picture mask = watch.time("foreground", [&] { return foregroundOf(coherence); });
   const Periods periods =
       watch.time("ridge period", [&] { return smoothedPeriods(periodsOf(print, orientation.direction8), mask); });
-  const Picture gradient = watch.time("gradient picture", [&] { return gradientOf(orientation, settings.window); });
-  out.thresholds = watch.time("thresholds", [&] { return thresholdsOf(gradient); });
-  out.grades = watch.time("block quality", [&] { return onPicture(gradesOf(print)); });
-  watch.time("maps", [&] {
-    const Grid<uint8_t> eighths = onPicture(periods.smoothed);
-    out.periods = {eighths.cell, eighths.rows, eighths.cols, {}};
-    for (const uint8_t period : eighths.data) {
-      out.periods.data.push_back(period == kNoPeriod ? 0
-                                                     : static_cast<float>(period) / static_cast<float>(8 * out.scale));
-    }
-    out.numbers.period = medianPeriod(out);
-    out.mask = pictureOf(onPicture(gridOf(mask)), width, height);
-    out.direction8 = onPicture(orientation.direction8);
-    out.direction16 = onPicture(orientation.direction16);
-    if (out.numbers.period > 0) {
-      straightenDirections(out.direction8, out.numbers.period * out.scale / 2);
-      straightenDirections(out.direction16, out.numbers.period * out.scale / 2);
-    }
-    out.change = onPicture(orientation.change);
-    out.gradient = onPicture(gridOf(gradient));
-    out.clarity = onPicture(clarityOf(coherence, periods));
-    out.complexity = complexityOf(mask);
-    return 0;
-  });
-  watch.time("histograms", [&] {
+  out.grades = watch.time("block quality", [&] { return spread(gradesOf(print), out.scale, width, height); });
+  watch.run("numbers", [&] {
     out.printHistogram = histogramOf(picture);
-    out.gradientHistogram = histogramOf(gradient);
-    out.smoothed = smoothedHistogram(out.gradientHistogram);
-    return 0;
-  });
-  watch.time("numbers", [&] {
+    out.mask = pictureOf(spread(gridOf(mask), out.scale, width, height), width, height);
+    out.clarity = spread(clarityOf(coherence, periods), out.scale, width, height);
+    const Grid<uint8_t> eighths = spread(periods.smoothed, out.scale, width, height);
+    out.periods = {eighths.cell, eighths.rows, eighths.cols, {}};
+    for (const uint8_t period : eighths.data) out.periods.data.push_back(inPixels(period, out.scale));
+    out.numbers.period = inPixels(medianPeriod(eighths), out.scale);
     fillNumbers(out);
-    return 0;
   });
   out.numbers.continuous = watch.time("continuity", [&] { return isContinuous(out); });
+  if (settings.maps) watch.run("maps", [&] { addMaps(out, orientation, mask, settings.window); });
   return out;
 }
 

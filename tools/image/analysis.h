@@ -30,6 +30,7 @@ using Timings = std::vector<std::pair<std::string, double>>;
 
 struct AnalysisSettings {
   int window = kGradientWindow;  // of the gradient products, pixels of the half-size picture
+  bool maps = true;              // false where mainNumbers() is all that is wanted: what only pictures show stays empty
 };
 
 // All cells are counted in pixels of the picture as it was read, and all grids cover it: the last row and column of

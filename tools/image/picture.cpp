@@ -24,9 +24,13 @@ class PgmReader {
     const size_t area = size_t{width} * height;
     const size_t sampleBytes = binary && largest < 256 ? 1 : 2;
     if (binary) ++position;  // the one white space before the samples
-    if (position > bytes.size() || bytes.size() - position + 1 < area * sampleBytes) tooShort();
+    if (position > bytes.size() || bytes.size() - position + (binary ? 0 : 1) < area * sampleBytes) tooShort();
     Picture picture(static_cast<int>(width), static_cast<int>(height));
-    for (uint8_t &sample : picture.samples) sample = scaled(binary ? binarySample() : number("sample"));
+    if (binary && largest == 255) {
+      std::copy_n(bytes.begin() + static_cast<ptrdiff_t>(position), area, picture.samples.begin());
+    } else {
+      for (uint8_t &sample : picture.samples) sample = scaled(binary ? binarySample() : number("sample"));
+    }
     return picture;
   }
 

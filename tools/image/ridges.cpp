@@ -7,6 +7,8 @@
 #include <array>
 #include <cmath>
 #include <cstdlib>
+#include <limits>
+#include <utility>
 
 namespace kelm::tools {
 namespace {
@@ -14,13 +16,12 @@ namespace {
 constexpr int kCoherenceWindow = 13;  // three ridges of a 500 dpi print at half size
 constexpr int kStrengthWindow = 5;
 
-Grid<int32_t> boxSum(const Grid<int32_t> &grid, int window) {
-  Grid<int32_t> out = grid;
-  check(static_cast<uint32_t>(fvs_ImageLocalSumInt2Int(out.data.data(), grid.data.data(),
+Grid<int32_t> boxSum(Grid<int32_t> grid, int window) {
+  check(static_cast<uint32_t>(fvs_ImageLocalSumInt2Int(grid.data.data(), grid.data.data(),
                                                        static_cast<int16_t>(grid.rows), static_cast<int16_t>(grid.cols),
                                                        static_cast<uint8_t>(window), static_cast<uint8_t>(window))),
         "local sums");
-  return out;
+  return grid;
 }
 
 float lengthOf(int32_t x, int32_t y) {
@@ -89,55 +90,44 @@ double energyOf(const Picture &picture) {
 
 // The mean length of the summed products: gradient energy in which noise hardly counts.
 double directedEnergyOf(const Picture &half) {
-  const Products products = productsOf(half);
-  const Grid<int32_t> p = boxSum(products.products, kCoherenceWindow);
-  const Grid<int32_t> d = boxSum(products.differences, kCoherenceWindow);
+  Products products = productsOf(half);
+  const Grid<int32_t> p = boxSum(std::move(products.products), kCoherenceWindow);
+  const Grid<int32_t> d = boxSum(std::move(products.differences), kCoherenceWindow);
   double sum = 0;
   for (size_t i = 0; i < p.data.size(); ++i) sum += lengthOf(p.data[i], d.data[i]);
   return sum / static_cast<double>(p.data.size());
 }
 
-// Sums over windows of a grid in constant time for each.
-class Integral {
- public:
-  Integral(int rowCount, int colCount) : rows(rowCount), cols(colCount), sums(size_t(rows + 1) * size_t(cols + 1)) {}
-
-  template <typename ValueAt>
-  void fill(ValueAt valueAt) {
-    for (int row = 0; row < rows; ++row) {
-      uint32_t line = 0;
-      for (int col = 0; col < cols; ++col) {
-        line += valueAt(col, row);
-        sums[index(col + 1, row + 1)] = sums[index(col + 1, row)] + line;
-      }
-    }
+// The strength that a ridge has at least: a twentieth of the energy of the stronger ones, a quarter of their contrast.
+int32_t weakestRidges(const Coherence &coherence, float coherent) {
+  constexpr double kWeak = 0.05;
+  // Where gradients of one grey level in a direction add up over the window: less than that is the sensor's rounding.
+  constexpr int32_t kFloor = kStrengthWindow * kStrengthWindow * 8 * 8 * 8;
+  const std::vector<float> &share = coherence.share.data;
+  const std::vector<int32_t> &strength = coherence.strength.data;
+  std::vector<int32_t> strengths;
+  for (size_t i = 0; i < share.size(); i += std::max<size_t>(1, share.size() / 8192)) {
+    if (share[i] > coherent && strength[i] > kFloor) strengths.push_back(strength[i]);
   }
-  uint32_t around(int col, int row, int reach) const {
-    const int left = std::max(0, col - reach), right = std::min(cols, col + reach + 1);
-    const int top = std::max(0, row - reach), bottom = std::min(rows, row + reach + 1);
-    return sums[index(right, bottom)] - sums[index(left, bottom)] - sums[index(right, top)] + sums[index(left, top)];
-  }
-
- private:
-  size_t index(int col, int row) const {
-    return static_cast<size_t>(row) * static_cast<size_t>(cols + 1) + static_cast<size_t>(col);
-  }
-  int rows, cols;
-  std::vector<uint32_t> sums;
-};
+  if (strengths.empty()) return std::numeric_limits<int32_t>::max();
+  const auto strong = strengths.begin() + static_cast<ptrdiff_t>(strengths.size() * 3 / 4);
+  std::nth_element(strengths.begin(), strong, strengths.end());
+  return std::max(static_cast<int32_t>(kWeak * *strong), kFloor);
+}
 
 }  // namespace
 
 Coherence coherenceOf(const Picture &half) {
-  const Products raw = productsOf(half);
+  Products raw = productsOf(half);
   Grid<int32_t> lengths = raw.products;
   for (size_t i = 0; i < lengths.data.size(); ++i) {
     lengths.data[i] = static_cast<int32_t>(lengthOf(raw.products.data[i], raw.differences.data[i]));
   }
-  const Grid<int32_t> products = boxSum(raw.products, kCoherenceWindow);
-  const Grid<int32_t> differences = boxSum(raw.differences, kCoherenceWindow);
+  const Grid<int32_t> products = boxSum(std::move(raw.products), kCoherenceWindow);
+  const Grid<int32_t> differences = boxSum(std::move(raw.differences), kCoherenceWindow);
   const Grid<int32_t> all = boxSum(lengths, kCoherenceWindow);
-  Coherence out{{2, half.height, half.width, std::vector<float>(all.data.size())}, boxSum(lengths, kStrengthWindow)};
+  Coherence out{{2, half.height, half.width, std::vector<float>(all.data.size())},
+                boxSum(std::move(lengths), kStrengthWindow)};
   for (size_t i = 0; i < all.data.size(); ++i) {
     out.share.data[i] = lengthOf(products.data[i], differences.data[i]) / static_cast<float>(all.data[i] + 1);
   }
@@ -146,25 +136,15 @@ Coherence coherenceOf(const Picture &half) {
 
 Picture foregroundOf(const Coherence &coherence) {
   constexpr float kCoherent = 0.33f;  // exceeded by one window in a hundred of white noise
-  constexpr double kWeak = 0.05;      // of the energy of the stronger ridges: a quarter of their contrast
-  // Where gradients of one grey level in a direction add up over the window: less than that is the sensor's rounding.
-  constexpr int32_t kFloor = kStrengthWindow * kStrengthWindow * 8 * 8 * 8;
   const std::vector<float> &share = coherence.share.data;
   const std::vector<int32_t> &strength = coherence.strength.data;
-  std::vector<int32_t> strengths;
-  for (size_t i = 0; i < share.size(); i += 3) {
-    if (share[i] > kCoherent && strength[i] > kFloor) strengths.push_back(strength[i]);
-  }
+  const int32_t weakest = weakestRidges(coherence, kCoherent);
   Picture mask(coherence.share.cols, coherence.share.rows);
-  if (strengths.empty()) return mask;
-  const auto strong = strengths.begin() + static_cast<ptrdiff_t>(strengths.size() * 3 / 4);
-  std::nth_element(strengths.begin(), strong, strengths.end());
-  const auto weakest = std::max(static_cast<int32_t>(kWeak * *strong), kFloor);
-  for (size_t i = 0; i < share.size(); ++i) mask.samples[i] = strength[i] > weakest ? 255 : 0;
+  for (size_t i = 0; i < share.size(); ++i) mask.samples[i] = static_cast<uint8_t>(-(strength[i] > weakest));
   Canvas inked(mask);
   inked.close(9);
   mask = inked.mask();
-  for (size_t i = 0; i < share.size(); ++i) mask.samples[i] = share[i] > kCoherent ? mask.samples[i] : 0;
+  for (size_t i = 0; i < share.size(); ++i) mask.samples[i] &= static_cast<uint8_t>(-(share[i] > kCoherent));
   Canvas finger(mask);
   finger.close(13);
   finger.erode(3);
@@ -174,48 +154,55 @@ Picture foregroundOf(const Coherence &coherence) {
   return finger.mask();
 }
 
+uint8_t medianPeriod(const Grid<uint8_t> &periods) {
+  std::array<size_t, 256> counts{};
+  for (const uint8_t period : periods.data) ++counts[period];
+  size_t left = (periods.data.size() - counts[kNoPeriod]) / 2;
+  if (counts[kNoPeriod] == periods.data.size()) return kNoPeriod;
+  uint8_t period = 0;
+  while (left >= counts[period]) left -= counts[period++];
+  return period;
+}
+
 Periods smoothedPeriods(const Grid<uint8_t> &periods, const Picture &mask) {
-  constexpr int kReach = 3;
-  const Grid<uint8_t> &map = periods;
-  const auto inside = [&](int col, int row) {
-    // The cell's middle, in pixels of the half-size picture.
-    return mask.at(std::min(2 * col + 1, mask.width - 1), std::min(2 * row + 1, mask.height - 1)) != 0;
-  };
-  std::vector<uint8_t> valid;
-  for (int row = 0; row < map.rows; ++row) {
-    for (int col = 0; col < map.cols; ++col) {
-      if (map.at(col, row) != kNoPeriod && inside(col, row)) valid.push_back(map.at(col, row));
+  constexpr int kWindow = 7;
+  Grid<uint8_t> map = periods;
+  Grid<int32_t> inside{map.cell, map.rows, map.cols, std::vector<int32_t>(map.data.size())};
+  for (int row = 0, i = 0; row < map.rows; ++row) {
+    for (int col = 0; col < map.cols; ++col, ++i) {
+      // The cell's middle, in pixels of the half-size picture.
+      const auto cell = static_cast<size_t>(i);
+      inside.data[cell] = mask.at(std::min(2 * col + 1, mask.width - 1), std::min(2 * row + 1, mask.height - 1)) & 1;
+      if (inside.data[cell] == 0) map.data[cell] = kNoPeriod;
     }
   }
   Periods out{{map.cell, map.rows, map.cols, std::vector<uint8_t>(map.data.size(), kNoPeriod)},
               {map.cell, map.rows, map.cols, std::vector<float>(map.data.size())}};
-  if (valid.empty()) return out;
-  const auto middle = valid.begin() + static_cast<ptrdiff_t>(valid.size() / 2);
-  std::nth_element(valid.begin(), middle, valid.end());
+  const uint8_t median = medianPeriod(map);
+  if (median == kNoPeriod) return out;
   // First what is of the order of the print's median, then what is near the mean of its surroundings.
-  std::vector<float> expected(map.data.size(), *middle);
-  float tolerance = 0.6f;
-  Integral sums(map.rows, map.cols), counts(map.rows, map.cols), cells(map.rows, map.cols);
-  cells.fill([&](int col, int row) { return inside(col, row) ? 1u : 0u; });
-  for (int pass = 0; pass < 3; ++pass) {
-    const auto agrees = [&](int col, int row) {
-      const size_t i = static_cast<size_t>(row) * static_cast<size_t>(map.cols) + static_cast<size_t>(col);
-      const float period = map.data[i];
-      return map.data[i] != kNoPeriod && inside(col, row) && std::abs(period - expected[i]) <= tolerance * expected[i];
-    };
-    counts.fill([&](int col, int row) { return agrees(col, row) ? 1u : 0u; });
-    sums.fill([&](int col, int row) { return agrees(col, row) ? uint32_t{map.at(col, row)} : 0u; });
-    for (int row = 0; row < map.rows; ++row) {
-      for (int col = 0; col < map.cols; ++col) {
-        const size_t i = static_cast<size_t>(row) * static_cast<size_t>(map.cols) + static_cast<size_t>(col);
-        const uint32_t count = counts.around(col, row, kReach);
-        if (count > 0) expected[i] = static_cast<float>(sums.around(col, row, kReach)) / static_cast<float>(count);
-        if (pass < 2 || !inside(col, row) || count == 0) continue;
-        out.smoothed.data[i] = static_cast<uint8_t>(std::lround(std::min(expected[i], 254.0f)));
-        out.agreement.data[i] = static_cast<float>(count) / static_cast<float>(cells.around(col, row, kReach));
-      }
+  std::vector<float> expected(map.data.size(), median);
+  Grid<int32_t> counts = inside, sums = inside;
+  for (const float tolerance : {0.6f, 0.25f, 0.25f}) {
+    for (size_t i = 0; i < expected.size(); ++i) {
+      const int32_t period = map.data[i];
+      const bool agrees =
+          (period != kNoPeriod) & (std::abs(static_cast<float>(period) - expected[i]) <= tolerance * expected[i]);
+      counts.data[i] = agrees;
+      sums.data[i] = agrees ? period : 0;
     }
-    tolerance = 0.25f;
+    counts = boxSum(std::move(counts), kWindow);
+    sums = boxSum(std::move(sums), kWindow);
+    for (size_t i = 0; i < expected.size(); ++i) {
+      const float mean = static_cast<float>(sums.data[i]) / static_cast<float>(std::max(counts.data[i], 1));
+      expected[i] = counts.data[i] > 0 ? mean : expected[i];
+    }
+  }
+  const Grid<int32_t> cells = boxSum(inside, kWindow);
+  for (size_t i = 0; i < expected.size(); ++i) {
+    if (inside.data[i] == 0 || counts.data[i] == 0) continue;
+    out.smoothed.data[i] = static_cast<uint8_t>(std::min(expected[i], 254.0f) + 0.5f);
+    out.agreement.data[i] = static_cast<float>(counts.data[i]) / static_cast<float>(cells.data[i]);
   }
   return out;
 }

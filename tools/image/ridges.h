@@ -22,6 +22,9 @@ Coherence coherenceOf(const Picture &half);
 // without specks and holes.
 Picture foregroundOf(const Coherence &coherence);
 
+// The median of a map of periods, kNoPeriod where no cell has one.
+uint8_t medianPeriod(const Grid<uint8_t> &periods);
+
 // The periods smoothed over 7 x 7 cells, without those that differ from their surroundings by more than a quarter, and
 // how much of each cell's surroundings agrees on one, from 0 to 1. Cells outside the mask have none.
 struct Periods {
