@@ -49,7 +49,7 @@ struct TruthCase {
 TEST_F(Program, ToolkitFindsTheTruthOfSyntheticPrints) {
   const TruthCase cases[] = {{"arch --noise 0", "normalize --mean 200 --variance 300", 1},
                              {"tented-arch --noise 40", "reduce", 2},
-                             {"left-loop --noise 60", "normalize --mean 190 --variance 900", 1},
+                             {"left-loop --noise 60 --gap 24", "normalize --mean 190 --variance 900", 1},
                              {"right-loop --noise 80", "reduce", 2},
                              {"whorl --noise 20", "normalize --mean 170 --variance 5000", 1}};
   for (const TruthCase &test : cases) {

@@ -115,6 +115,20 @@ int32_t weakestRidges(const Coherence &coherence, float coherent) {
   return std::max(static_cast<int32_t>(kWeak * *strong), kFloor);
 }
 
+// Bands and patches without ink that closing has filled. The window that measures strength reaches three pixels into
+// them from the ink around. What is near the outline is left alone.
+Picture blankBands(const Picture &inked, const Picture &finger) {
+  Canvas inner(finger);
+  inner.erode(13);
+  Picture blank = inner.mask();
+  for (size_t i = 0; i < blank.samples.size(); ++i) blank.samples[i] &= static_cast<uint8_t>(~inked.samples[i]);
+  Canvas bands(blank);
+  bands.open(5);
+  bands.removeAreas(255, blank.samples.size() / 100);
+  bands.dilate(5);
+  return bands.mask();
+}
+
 }  // namespace
 
 Coherence coherenceOf(const Picture &half) {
@@ -139,11 +153,11 @@ Picture foregroundOf(const Coherence &coherence) {
   const std::vector<float> &share = coherence.share.data;
   const std::vector<int32_t> &strength = coherence.strength.data;
   const int32_t weakest = weakestRidges(coherence, kCoherent);
-  Picture mask(coherence.share.cols, coherence.share.rows);
-  for (size_t i = 0; i < share.size(); ++i) mask.samples[i] = static_cast<uint8_t>(-(strength[i] > weakest));
-  Canvas inked(mask);
-  inked.close(9);
-  mask = inked.mask();
+  Picture inked(coherence.share.cols, coherence.share.rows);
+  for (size_t i = 0; i < share.size(); ++i) inked.samples[i] = static_cast<uint8_t>(-(strength[i] > weakest));
+  Canvas closed(inked);
+  closed.close(9);
+  Picture mask = closed.mask();
   for (size_t i = 0; i < share.size(); ++i) mask.samples[i] &= static_cast<uint8_t>(-(share[i] > kCoherent));
   Canvas finger(mask);
   finger.close(13);
@@ -151,7 +165,10 @@ Picture foregroundOf(const Coherence &coherence) {
   finger.open(13);
   finger.removeAreas(255, mask.samples.size() / 40);
   finger.removeAreas(0, mask.samples.size() / 40);
-  return finger.mask();
+  mask = finger.mask();
+  const Picture blank = blankBands(inked, mask);
+  for (size_t i = 0; i < share.size(); ++i) mask.samples[i] &= static_cast<uint8_t>(~blank.samples[i]);
+  return mask;
 }
 
 uint8_t medianPeriod(const Grid<uint8_t> &periods) {
