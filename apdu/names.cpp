@@ -54,6 +54,7 @@ constexpr CommandWords kCommands[] = {
     {KELM_CLA_ISO, KELM_INS_VERIFY, -1, "verify PIN"},
     {KELM_CLA_ISO, kChangePin, -1, "change PIN"},
     {KELM_CLA_ISO, kUnblockPin, -1, "unblock PIN"},
+    {KELM_CLA_ISO, KELM_INS_SELECT, 0x04, "select by name"},
     {KELM_CLA_ISO, KELM_INS_SELECT, -1, "select file", Detail::kFidInData},
     {KELM_CLA_ISO, KELM_INS_READ_BINARY, -1, "read binary"},
     {KELM_CLA_ISO, KELM_INS_WRITE_BINARY, -1, "write binary"},

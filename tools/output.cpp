@@ -25,6 +25,7 @@ namespace {
 namespace fs = std::filesystem;
 
 bool quietly = false;
+bool statusLine = false;
 
 [[noreturn]] void failFile(const std::string &path, int error) { throw FileFailure(path + ": " + strerror(error)); }
 
@@ -119,12 +120,31 @@ void flushOutput() {
 
 void putError(std::string_view line, Tone tone) {
   if (quietly) return;
-  std::fflush(stdout);
   const std::size_t colon = tone == Tone::kPlain ? 0 : std::min(line.find(':'), line.size());
   std::string text = tone == Tone::kPlain ? "" : toned(shown(line.substr(0, colon)), tone, STDERR_FILENO);
-  text += shown(line.substr(colon)) + '\n';
-  std::fwrite(text.data(), 1, text.size(), stderr);
+  putErrorLines(text + shown(line.substr(colon)) + '\n');
 }
+
+void putErrorLines(std::string_view lines) {
+  if (quietly) return;
+  std::fflush(stdout);
+  clearStatusLine();
+  std::fwrite(lines.data(), 1, lines.size(), stderr);
+}
+
+void showStatusLine(std::string_view line) {
+  const std::string text = fmt::format("\r{}\033[K", line);
+  std::fwrite(text.data(), 1, text.size(), stderr);
+  std::fflush(stderr);
+  statusLine = true;
+}
+
+void clearStatusLine() {
+  if (statusLine) std::fputs("\r\033[K", stderr);
+  statusLine = false;
+}
+
+bool isStatusLineShown() { return statusLine; }
 
 void setQuiet(bool quiet) { quietly = quiet; }
 bool isQuiet() { return quietly; }

@@ -21,6 +21,13 @@ void flushOutput();
 // A whole line on standard error, after what standard output holds by then; `line` is made safe to show. `tone` colours
 // it up to its first colon.
 void putError(std::string_view line, Tone tone = Tone::kPlain);
+// The same for whole lines of our own making: no name from outside is in them.
+void putErrorLines(std::string_view lines);
+
+// A line on standard error that is written over again, such as a bar. It goes when a line is printed there.
+void showStatusLine(std::string_view line);
+void clearStatusLine();
+bool isStatusLineShown();
 
 // With --quiet, nothing of the above is written.
 void setQuiet(bool quiet);

@@ -33,16 +33,11 @@ Progress::Progress(std::string label, std::string unit, std::uint64_t total)
     : label_(std::move(label)),
       unit_(std::move(unit)),
       total_(std::max<std::uint64_t>(total, 1)),
-      active_(isatty(STDERR_FILENO) == 1 && !isQuiet()) {
+      active_(isControllable(STDERR_FILENO) && !isQuiet()) {
   show(0);
 }
 
-Progress::~Progress() { hide(); }
-
-void Progress::hide() {
-  if (active_) std::fputs("\r\033[K", stderr);
-  shownPercent_ = ~std::uint64_t{0};
-}
+Progress::~Progress() { clearStatusLine(); }
 
 void Progress::show(std::uint64_t done) {
   using namespace std::chrono_literals;
@@ -51,7 +46,7 @@ void Progress::show(std::uint64_t done) {
   done = std::min(done, total_);
   const auto now = std::chrono::steady_clock::now();
   const std::uint64_t percent = 100 * done / total_;
-  if (percent == shownPercent_ && now - last_ < 200ms) return;
+  if (percent == shownPercent_ && now - last_ < 200ms && isStatusLineShown()) return;
   shownPercent_ = percent;
   last_ = now;
   std::string rest = fmt::format(" {:3} %  {} of {} {}", percent, done, total_, unit_);
@@ -65,9 +60,7 @@ void Progress::show(std::uint64_t done) {
   const std::size_t bar = width > others ? std::min(kBar, width - others) : 0;
   std::string line = label_;
   if (bar > 3) line += fmt::format(" [{:.<{}}]", std::string(static_cast<std::size_t>(percent) * bar / 100, '#'), bar);
-  line = (line + rest).substr(0, width);
-  std::fprintf(stderr, "\r%s\033[K", line.c_str());
-  std::fflush(stderr);
+  showStatusLine((line + rest).substr(0, width));
 }
 
 Redirected::Redirected(int from, int to) : from_(from), kept_(fcntl(from, F_DUPFD_CLOEXEC, 0)) {

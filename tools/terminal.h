@@ -16,9 +16,8 @@ class Progress {
   ~Progress();
   Progress(const Progress &) = delete;
   Progress &operator=(const Progress &) = delete;
+  // Brings the line back, too, when it went for what was printed in between.
   void show(std::uint64_t done);
-  // Takes the line away, for what is to be printed in between; the next show() brings it back.
-  void hide();
 
  private:
   std::string label_, unit_;

@@ -51,6 +51,11 @@ Character decode(std::string_view text) {
   return {value, length};
 }
 
+std::string_view variable(const char *name) {
+  const char *value = std::getenv(name);
+  return value == nullptr ? "" : value;
+}
+
 }  // namespace
 
 std::size_t shownLength(std::string_view text) {
@@ -101,13 +106,13 @@ std::string csvField(std::string_view text) {
   return fmt::format("\"{}\"", doubled);
 }
 
+bool isControllable(int stream) {
+  const std::string_view terminal = variable("TERM");
+  return isatty(stream) == 1 && !terminal.empty() && terminal != "dumb";
+}
+
 std::string toned(std::string_view line, Tone tone, int stream) {
-  const auto variable = [](const char *name) {
-    const char *value = std::getenv(name);
-    return std::string_view(value == nullptr ? "" : value);
-  };
-  const bool wanted = tone != Tone::kPlain && isatty(stream) == 1 && variable("NO_COLOR").empty() &&
-                      !variable("TERM").empty() && variable("TERM") != "dumb";
+  const bool wanted = tone != Tone::kPlain && isControllable(stream) && variable("NO_COLOR").empty();
   if (!wanted) return std::string(line);
   return fmt::format("\033[{}m{}\033[0m", tone == Tone::kGood ? "32" : "1;31", line);
 }

@@ -31,6 +31,9 @@ std::string hex(std::span<const std::uint8_t> bytes, std::string_view separator 
 // (it begins with = + - @, tab or carriage return) gets an apostrophe before it; numbers are not to be passed here.
 std::string csvField(std::string_view text);
 
+// Whether the stream is a terminal that knows what control sequences mean.
+bool isControllable(int stream);
+
 // How a line is meant; shown in colour where standard output (or error) is a terminal that wants colours.
 enum class Tone { kPlain, kGood, kBad };
 std::string toned(std::string_view line, Tone tone, int stream);

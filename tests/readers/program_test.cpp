@@ -87,7 +87,7 @@ TEST_F(Program, LivesWithATokenInAReader) {
   expect("kelmtrova token info --token pcsc:0", 4, "[0xED08]");
   const pid_t served = fork();
   if (served == 0) {
-    execl(KELM_BUILD_DIR "/bin/kelmtrova", "kelmtrova", "token", "serve", nullptr);
+    execl(KELM_BUILD_DIR "/bin/kelmtrova", "kelmtrova", "token", "serve", "--trace", "/run/test/served.txt", nullptr);
     _exit(1);
   }
   ASSERT_TRUE(eventually([] { return places()[0].present; }));
@@ -129,6 +129,7 @@ TEST_F(Program, LivesWithATokenInAReader) {
   int state = -1;
   waitpid(served, &state, 0);
   EXPECT_EQ(state, 0);
+  expect("cat /run/test/served.txt", 0, "(enroll into file 0560)");
   ASSERT_TRUE(eventually([] { return !places()[0].present; }));
   expect("kelmtrova token identify --token pcsc:0", 4, "[0xED08]");
 }

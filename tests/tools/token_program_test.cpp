@@ -329,6 +329,7 @@ TEST_F(TokenProgram, ShowsEveryExchangeButNoPin) {
     for (const char *hidden : {"32 35 38 30", "2580", "  # "}) EXPECT_FALSE(holds(text, {hidden})) << text;
   }
   EXPECT_TRUE(holds(run("token selftest -vv").err, {"  # Enter KelmTrovaSelfTest\n"}));
+  EXPECT_TRUE(holds(run("token list -v").err, {"  > 80 F9 04 06 01  (get slot count)\n"}));
   const Outcome lost = run("token selftest --trace missing/trace.txt");
   EXPECT_EQ(lost.exitCode, 0);
   EXPECT_EQ(lost.err, "kelmtrova: the trace is not written: missing/trace.txt: No such file or directory\n");
@@ -344,6 +345,8 @@ TEST_F(TokenProgram, SendsPicturesWithProgressOnATerminal) {
   EXPECT_EQ(quiet.err, "");
   const Outcome terminal = shell("script -qec 'kelmtrova token send-image print.pgm' /dev/null");
   EXPECT_TRUE(holds(terminal.out, {" 50 %  50 of 100 lines"}));
+  const Outcome shown = shell("script -qec 'kelmtrova token enroll --finger a -v' /dev/null");
+  EXPECT_TRUE(holds(shown.out, {"1 of 3 captures\033[K\r\033[K  > 80 FA 00 00 02  (capture)\r\n"}));
 
   const std::uint64_t device = openToken();
   ASSERT_NE(device, 0U);

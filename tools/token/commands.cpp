@@ -90,7 +90,7 @@ class Builder {
                 std::initializer_list<const char *> examples, Report (*action)(Session &, const Options &)) {
     CLI::App *command = addBare(parent, name, description, examples, nullptr);
     addPinSources(command);
-    addTrace(command);
+    addDevice(command);
     command->callback([options = options_, &exitCode = exitCode_, action] {
       exitCode = run(options->token, [&] {
         Session session(chooseAddress(options->token), options->token);
@@ -119,6 +119,7 @@ class Builder {
         ->group(kCommon);
     command->add_flag("--json", options_->token.json, "print one JSON object for programs")->group(kCommon);
     command->add_flag("-q,--quiet", options_->token.quiet, "print nothing: the exit code says it")->group(kCommon);
+    addTrace(command);
     if (action == nullptr) return command;
     command->callback([options = options_, &exitCode = exitCode_, action] {
       exitCode = run(options->token, [&] { return action(*options); });
@@ -166,13 +167,17 @@ class Builder {
   CLI::App &token() { return token_; }
 
  private:
-  void addTrace(CLI::App *command) {
-    TokenOptions &token = options_->token;
+  void addDevice(CLI::App *command) {
     command
-        ->add_option("--device", token.device, "another word for --token handle:N: a maker's device manager's handle")
+        ->add_option("--device", options_->token.device,
+                     "another word for --token handle:N: a maker's device manager's handle")
         ->type_name("N")
         ->excludes("--token")
         ->group(kCommon);
+  }
+
+  void addTrace(CLI::App *command) {
+    TokenOptions &token = options_->token;
     // By a function: later versions of CLI11 set a number back to 0 where the flag is not given.
     command
         ->add_flag_function(

@@ -39,7 +39,7 @@ bool find(Simulator &all) {
              all.placeFinger, "simulatorPlaceFinger")(all.removeFinger, "simulatorRemoveFinger")(
              all.getState, "simulatorGetState")(all.requirePin, "simulatorRequirePin")(
              all.changePin, "simulatorChangePin")(all.unblock, "simulatorUnblock")(all.serve, "simulatorServe")(
-             all.getFiles, "simulatorGetFiles")
+             all.setTrace, "simulatorSetTrace")(all.getFiles, "simulatorGetFiles")
       .whole();
 }
 

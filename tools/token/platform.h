@@ -36,6 +36,7 @@ struct Simulator {
   decltype(&simulatorChangePin) changePin;
   decltype(&simulatorUnblock) unblock;
   decltype(&simulatorServe) serve;
+  decltype(&simulatorSetTrace) setTrace;
   decltype(&simulatorGetFiles) getFiles;
 };
 

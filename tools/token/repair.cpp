@@ -49,7 +49,9 @@ std::uint16_t fidCounter(const Session &session) {
 // The files of simulated tokens are known by kind.
 Fids simulatedTemplates(const Session &session) {
   std::vector<SimulatorFile> files;
-  for (int count = 0; (count = simulator()->getFiles(session.device(), files.data(), files.size())) >= 0;) {
+  for (;;) {
+    const int count = simulator()->getFiles(session.device(), files.data(), files.size());
+    if (count < 0) throw storeFailure();
     if (static_cast<std::size_t>(count) <= files.size()) break;
     files.resize(static_cast<std::size_t>(count));
   }

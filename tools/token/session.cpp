@@ -70,7 +70,6 @@ void Session::captureFeatures(int buffers, const std::string &occasion) {
   Progress progress("capturing" + occasion, "captures", static_cast<std::uint64_t>(buffers));
   for (int buffer = 1; buffer <= buffers; ++buffer) {
     if (!simulated() && prompting_) {
-      progress.hide();
       putError(buffers == 1 ? "lay your finger on the sensor" + occasion
                             : fmt::format("lay your finger on the sensor ({} of {})", buffer, buffers));
       progress.show(static_cast<std::uint64_t>(buffer - 1));

@@ -18,6 +18,7 @@
 #include "tools/token/actions.h"
 #include "tools/token/pin.h"
 #include "tools/token/refusal.h"
+#include "tools/token/watch.h"
 
 namespace kelm::tools {
 
@@ -117,6 +118,29 @@ Report lift(const TokenOptions &token) {
   return report;
 }
 
+namespace {
+
+// Shows and writes what the reader's programs send to the token in it.
+struct Served {
+  std::uint64_t device, exchange = 0;
+
+  static void observe(void *context, const std::uint8_t *command, std::size_t commandLength, const std::uint8_t *answer,
+                      std::size_t answerLength, std::int32_t status) {
+    auto &served = *static_cast<Served *>(context);
+    // No exception may pass through the device manager; without memory the line is missing.
+    try {
+      if (status < 0) {
+        served.exchange = observeCommand(served.device, {command, commandLength});
+      } else {
+        observeAnswer(served.exchange, {answer, answerLength}, static_cast<std::uint16_t>(status));
+      }
+    } catch (const std::exception &) {
+    }
+  }
+};
+
+}  // namespace
+
 Report serve(const TokenOptions &token, const std::string &reader) {
   struct Ready {
     const Address &address;
@@ -149,6 +173,8 @@ Report serve(const TokenOptions &token, const std::string &reader) {
     }
   };
   Ready ready{address, reader, token.json, stop[1], nullptr};
+  Served served{device};
+  require(simulator()->setTrace(device, Served::observe, &served));
   const int result = simulator()->serve(device, reader.empty() ? nullptr : reader.c_str(), stop[0], say, &ready);
   close(stop[0]);
   close(stop[1]);

@@ -40,23 +40,17 @@ std::string hexLines(std::span<const std::uint8_t> bytes) {
   return text;
 }
 
-// Several lines of our own making: no names from outside are in them.
-void show(const std::string &text) {
-  std::fflush(stdout);
-  std::fputs(text.c_str(), stderr);
-}
-
 void showCommand(std::span<const std::uint8_t> command) {
   constexpr std::size_t kHeader = 5;
   const bool secret = command.size() > kHeader && apdu::carriesPin(command[1]);
-  show(fmt::format("  > {}{}  ({})\n", hexLines(secret ? command.first(kHeader) : command),
-                   secret ? " and the PIN" : "", apdu::commandName(command)));
+  putErrorLines(fmt::format("  > {}{}  ({})\n", hexLines(secret ? command.first(kHeader) : command),
+                            secret ? " and the PIN" : "", apdu::commandName(command)));
 }
 
 void showAnswer(std::span<const std::uint8_t> answer, int status) {
   const std::string words = statusWords(status);
-  show(fmt::format("  < {}{}{:04X}{}\n", hexLines(answer), answer.empty() ? "" : " ", status,
-                   words.empty() ? "" : "  (" + words + ")"));
+  putErrorLines(fmt::format("  < {}{}{:04X}{}\n", hexLines(answer), answer.empty() ? "" : " ", status,
+                            words.empty() ? "" : "  (" + words + ")"));
 }
 
 void showTrace(const char *format, std::va_list arguments) {
@@ -92,6 +86,19 @@ void traceEnds() {
   trace = nullptr;
 }
 
+std::uint64_t observeCommand(std::uint64_t device, std::span<const std::uint8_t> command) {
+  if (watch().verbosity > 0) showCommand(command);
+  return trace == nullptr ? 0 : tracer()->command(trace, device, command.data(), command.size());
+}
+
+void observeAnswer(std::uint64_t exchange, std::span<const std::uint8_t> answer, std::uint16_t status) {
+  if (trace != nullptr) {
+    tracer()->answer(trace, exchange, answer.data(), answer.size(), status);
+    checkTrace();
+  }
+  if (watch().verbosity > 0) showAnswer(answer, status);
+}
+
 Stretch::Stretch(std::uint64_t device) : device_(device) {
   if (manager() == nullptr || manager()->begin(device) == 0) return;
   throw managerFailure("waiting for the token", manager()->errorCode());
@@ -113,17 +120,11 @@ std::int32_t Icc_tsi_apiKelmDev(std::uint64_t device, std::uint64_t commandLengt
   if (next == nullptr) return DEVICE_MANAGER_NO_DEVICE;
   if (answerLength == nullptr) return next(device, commandLength, command, answerLength, answer);
   const std::uint64_t room = *answerLength;
-  if (watch().verbosity > 0) showCommand({command, commandLength});
-  const std::uint64_t exchange = trace != nullptr ? tracer()->command(trace, device, command, commandLength) : 0;
+  const std::uint64_t exchange = observeCommand(device, {command, commandLength});
   const std::int32_t result = next(device, commandLength, command, answerLength, answer);
   const auto status = static_cast<std::uint16_t>(result);
-  const std::uint64_t length = std::min(*answerLength, room);
-  if (trace != nullptr) {
-    tracer()->answer(trace, exchange, answer, length, status);
-    checkTrace();
-  }
+  observeAnswer(exchange, {answer, std::min(*answerLength, room)}, status);
   watch().lastStatus = status;
-  if (watch().verbosity > 0) showAnswer({answer, length}, status);
   if (watch().onCommand && commandLength > 1) watch().onCommand(command[1]);
   return result;
 }

@@ -6,6 +6,7 @@
 
 #include <cstdint>
 #include <functional>
+#include <span>
 #include <string>
 
 namespace kelm::tools {
@@ -23,6 +24,11 @@ Watch &watch();
 // once, on standard error, by traceEnds() at the latest.
 void traceInto(const std::string &file, bool withUserData);
 void traceEnds();
+
+// Shows and writes an exchange that is not made by this program's Icc_tsi_apiKelmDev: first the command, then its
+// answer with what the first call gave.
+std::uint64_t observeCommand(std::uint64_t device, std::span<const std::uint8_t> command);
+void observeAnswer(std::uint64_t exchange, std::span<const std::uint8_t> answer, std::uint16_t status);
 
 // An exclusive stretch of the token for as long as it lives; throws when another program does not let go of it.
 class Stretch {
