@@ -2,8 +2,9 @@
 // Dilation and erosion of 3 x 3.
 //
 // Whether something is foreground around a pixel is known from the bitwise or of its neighbours, whether something is
-// background from their minimum. Both are taken along the rows first; the lines of the rows above and at the current
-// one were made before those rows were overwritten.
+// background from their minimum. Four rows are made at a time: they share what there is along the rows between them.
+// They are made from copies, in lines that begin at a cache line, since they overwrite the mask.
+#include <algorithm>
 #include <cstddef>
 #include <cstdint>
 #include <cstring>
@@ -19,113 +20,110 @@ namespace kelm::image {
 namespace {
 
 constexpr std::size_t kBlock = 64;
+constexpr std::size_t kTogether = 4;
+constexpr std::size_t kCopies = kTogether + 2;
 
-// Neighbours left and right of each pixel, without and with the pixel itself.
-struct Spread {
-  std::uint8_t *beside;
-  std::uint8_t *around;
-};
+// Scratch lines: the copies, and one for each row past the last. At both ends of a line there is a 0.
+constexpr std::size_t kLines = kCopies + kTogether - 1;
 
-KELM_INLINE void spreadBlock(std::uint8_t *__restrict beside, std::uint8_t *__restrict around,
-                             const std::uint8_t *__restrict row, std::size_t count) {
-  for (std::size_t i = 0; i < count; ++i) {
-    const std::uint8_t *here = row + i;
-    beside[i] = static_cast<std::uint8_t>(here[-1] | here[1]);
-    around[i] = static_cast<std::uint8_t>(here[-1] | here[0] | here[1]);
+constexpr std::size_t strideOf(std::size_t width) { return (width / kCacheLine + 1) * kCacheLine; }
+
+// A pixel in each of the rows, and the copies that they are made from.
+using Pixels = std::uint8_t[kTogether];
+using Copies = const std::uint8_t *[kCopies];
+
+KELM_INLINE void spreadAround(Pixels &pixels, const Copies &copies, std::size_t x) {
+  std::uint8_t beside[kCopies];
+  std::uint8_t around[kCopies];
+  for (std::size_t k = 0; k < kCopies; ++k) {
+    beside[k] = static_cast<std::uint8_t>(copies[k][x - 1] | copies[k][x + 1]);
+    around[k] = static_cast<std::uint8_t>(beside[k] | copies[k][x]);
+  }
+  for (std::size_t k = 0; k < kTogether; ++k) {
+    pixels[k] = static_cast<std::uint8_t>(around[k] | beside[k + 1] | around[k + 2]);
   }
 }
 
-// The first and the last pixel of a row spread nothing.
-KELM_INLINE void spreadRow(const Spread &line, const std::uint8_t *row, std::size_t width) {
-  const auto source = [=](std::size_t x)
-                          KELM_INLINE_LAMBDA { return x >= 1 && x + 1 < width ? row[x] : std::uint8_t{0}; };
-  for (const std::size_t x : {std::size_t{0}, std::size_t{1}, width - 2, width - 1}) {
-    const std::uint8_t left = x == 0 ? std::uint8_t{0} : source(x - 1);
-    line.beside[x] = static_cast<std::uint8_t>(left | source(x + 1));
-    line.around[x] = static_cast<std::uint8_t>(line.beside[x] | source(x));
+KELM_INLINE std::uint8_t lesser(std::uint8_t a, std::uint8_t b) { return a < b ? a : b; }
+
+KELM_INLINE void leastAround(Pixels &pixels, const Copies &copies, std::size_t x) {
+  std::uint8_t least[kCopies];
+  for (std::size_t k = 0; k < kCopies; ++k) {
+    least[k] = lesser(lesser(copies[k][x - 1], copies[k][x]), copies[k][x + 1]);
   }
-  if (width > 4) {
-    inBlocks<kBlock>(width - 4, [=](std::size_t x, std::size_t count) KELM_INLINE_LAMBDA {
-      spreadBlock(line.beside + 2 + x, line.around + 2 + x, row + 2 + x, count);
-    });
+  for (std::size_t k = 0; k < kTogether; k += 2) {
+    const std::uint8_t both = lesser(least[k + 1], least[k + 2]);
+    pixels[k] = lesser(least[k], both);
+    pixels[k + 1] = lesser(both, least[k + 3]);
   }
 }
 
-KELM_INLINE void dilateBlock(std::uint8_t *__restrict row, const std::uint8_t *__restrict above,
-                             const std::uint8_t *__restrict beside, const std::uint8_t *__restrict below,
-                             std::size_t count) {
-  for (std::size_t i = 0; i < count; ++i) {
-    row[i] = (above[i] | beside[i] | below[i]) != 0 ? 255 : row[i];
-  }
-}
-
-KELM_INLINE void dilateRowsBody(std::uint8_t *mask, std::size_t height, std::size_t width, std::uint8_t *lines) {
-  std::memset(lines, 0, 4 * width);
-  Spread above = {lines, lines + width};
-  Spread here = {lines + 2 * width, lines + 3 * width};
-  Spread below = {lines + 4 * width, lines + 5 * width};
-  for (std::size_t y = 0; y < height; ++y) {
-    std::uint8_t *row = mask + y * width;
-    if (y + 2 < height) {
-      spreadRow(below, row + width, width);
+template <bool kDilate>
+KELM_INLINE void morphBlock(std::uint8_t *__restrict a, std::uint8_t *__restrict b, std::uint8_t *__restrict c,
+                            std::uint8_t *__restrict d, const Copies &copies, std::size_t first, std::size_t count) {
+  for (std::size_t x = first; x < first + count; ++x) {
+    Pixels around;
+    if constexpr (kDilate) {
+      spreadAround(around, copies, x);
+      a[x] = around[0] != 0 ? 255 : a[x];
+      b[x] = around[1] != 0 ? 255 : b[x];
+      c[x] = around[2] != 0 ? 255 : c[x];
+      d[x] = around[3] != 0 ? 255 : d[x];
     } else {
-      std::memset(below.around, 0, width);
-      std::memset(below.beside, 0, width);
+      leastAround(around, copies, x);
+      a[x] = around[0] != 0 ? copies[1][x] : 0;
+      b[x] = around[1] != 0 ? copies[2][x] : 0;
+      c[x] = around[2] != 0 ? copies[3][x] : 0;
+      d[x] = around[3] != 0 ? copies[4][x] : 0;
     }
-    inBlocks<kBlock>(width, [=](std::size_t x, std::size_t count) KELM_INLINE_LAMBDA {
-      dilateBlock(row + x, above.around + x, here.beside + x, below.around + x, count);
+  }
+}
+
+// A row of the mask, or of what lies around it. For a dilation the border is background, which spreads nothing.
+template <bool kDilate>
+KELM_INLINE void copyRow(std::uint8_t *line, const std::uint8_t *mask, std::size_t y, std::size_t height,
+                         std::size_t width) {
+  if (y >= height || (kDilate && (y == 0 || y == height - 1))) {
+    std::memset(line, 0, width);
+    return;
+  }
+  std::memcpy(line, mask + y * width, width);
+  if (kDilate) {
+    line[0] = line[width - 1] = 0;
+  }
+}
+
+template <bool kDilate>
+KELM_INLINE void morphRowsBody(std::uint8_t *mask, std::size_t height, std::size_t width, std::uint8_t *scratch) {
+  const std::size_t stride = strideOf(width);
+  const std::size_t first = kDilate ? 0 : 1;
+  const std::size_t end = kDilate ? height : height - 1;
+  std::uint8_t *lines[kCopies];  // of rows y - 1 to y + kTogether
+  for (std::size_t k = 0; k < kCopies; ++k) {
+    lines[k] = scratch + k * stride;
+  }
+  for (std::size_t y = 0; y <= first; ++y) {
+    copyRow<kDilate>(lines[y + 1 - first], mask, y, height, width);
+  }
+  for (std::size_t y = first; y < end; y += kTogether) {
+    std::uint8_t *rows[kTogether];
+    for (std::size_t k = 0; k < kTogether; ++k) {
+      copyRow<kDilate>(lines[k + 2], mask, y + k + 1, height, width);
+      rows[k] = y + k < end ? mask + (y + k) * width : scratch + (kLines - k) * stride;
+    }
+    const Copies copies = {lines[0], lines[1], lines[2], lines[3], lines[4], lines[5]};
+    inOneStretch<kBlock>(width, [&](std::size_t x, std::size_t count) KELM_INLINE_LAMBDA {
+      morphBlock<kDilate>(rows[0], rows[1], rows[2], rows[3], copies, x, count);
     });
-    const Spread free = above;
-    above = here;
-    here = below;
-    below = free;
+    for (std::size_t k = 0; !kDilate && k < kTogether; ++k) {
+      rows[k][0] = copies[k + 1][0];
+      rows[k][width - 1] = copies[k + 1][width - 1];
+    }
+    std::rotate(lines, lines + kTogether, lines + kCopies);
   }
 }
-constexpr auto dilateRows = kernel<dilateRowsBody>;
-
-KELM_INLINE std::uint8_t least(std::uint8_t a, std::uint8_t b, std::uint8_t c) {
-  const std::uint8_t ab = a < b ? a : b;
-  return ab < c ? ab : c;
-}
-
-KELM_INLINE void leastBlock(std::uint8_t *__restrict line, const std::uint8_t *__restrict row, std::size_t count) {
-  for (std::size_t i = 0; i < count; ++i) {
-    const std::uint8_t *here = row + i;
-    line[i] = least(here[-1], here[0], here[1]);
-  }
-}
-
-KELM_INLINE void erodeBlock(std::uint8_t *__restrict row, const std::uint8_t *__restrict above,
-                            const std::uint8_t *__restrict here, const std::uint8_t *__restrict below,
-                            std::size_t count) {
-  for (std::size_t i = 0; i < count; ++i) {
-    row[i] = least(above[i], here[i], below[i]) != 0 ? row[i] : 0;
-  }
-}
-
-KELM_INLINE void erodeRowsBody(std::uint8_t *mask, std::size_t height, std::size_t width, std::uint8_t *lines) {
-  std::uint8_t *above = lines;
-  std::uint8_t *here = lines + width;
-  std::uint8_t *below = lines + 2 * width;
-  const auto leastOfRow = [=](std::uint8_t *line, const std::uint8_t *row) KELM_INLINE_LAMBDA {
-    inBlocks<kBlock>(width - 2, [=](std::size_t x, std::size_t count)
-                                    KELM_INLINE_LAMBDA { leastBlock(line + 1 + x, row + 1 + x, count); });
-  };
-  leastOfRow(above, mask);
-  leastOfRow(here, mask + width);
-  for (std::size_t y = 1; y + 1 < height; ++y) {
-    std::uint8_t *row = mask + y * width;
-    leastOfRow(below, row + width);
-    inBlocks<kBlock>(width - 2, [=](std::size_t x, std::size_t count) KELM_INLINE_LAMBDA {
-      erodeBlock(row + 1 + x, above + 1 + x, here + 1 + x, below + 1 + x, count);
-    });
-    std::uint8_t *const free = above;
-    above = here;
-    here = below;
-    below = free;
-  }
-}
-constexpr auto erodeRows = kernel<erodeRowsBody>;
+constexpr auto dilateRows = kernel<morphRowsBody<true>>;
+constexpr auto erodeRows = kernel<morphRowsBody<false>>;
 
 std::int32_t morph3x3(std::uint8_t *mask, int height, int width,
                       void (*rows)(std::uint8_t *, std::size_t, std::size_t, std::uint8_t *)) {
@@ -133,13 +131,15 @@ std::int32_t morph3x3(std::uint8_t *mask, int height, int width,
     return KELM_IMAGE_BAD_ARGUMENT;
   }
   const std::size_t columns = static_cast<std::size_t>(width);
-  const Buffer<std::uint8_t> lines = allocate<std::uint8_t>(6 * columns);
-  if (lines == nullptr) {
+  const std::size_t bytes = kCacheLine + kLines * strideOf(columns);
+  const AlignedBuffer<std::uint8_t> scratch = allocateAligned<std::uint8_t>(bytes);
+  if (!scratch) {
     return KELM_IMAGE_NO_MEMORY;
   }
   // Without a pixel that is not on the border nothing spreads and nothing is examined.
   if (height > 2 && width > 2) {
-    rows(mask, static_cast<std::size_t>(height), columns, lines.get());
+    std::memset(scratch.samples, 0, bytes);
+    rows(mask, static_cast<std::size_t>(height), columns, scratch.samples + kCacheLine);
   }
   return KELM_IMAGE_OK;
 }

@@ -60,9 +60,10 @@ void gradeBlocks(std::uint8_t *grades, const Columns &columns, std::size_t block
   }
 }
 
-// Where the direction maps come from: the caller's, or, when there are none, the picture itself.
+// Where the direction maps come from: the caller's, or, when there are none, the picture itself by way of two cells.
 struct CellSource {
   GradientGrid grid;
+  CellRow *cells;
   const std::uint16_t *const *maps;
 };
 
@@ -71,14 +72,14 @@ void gradeStretch(std::uint8_t *grades, const CellSource &source, std::size_t ro
                   std::size_t first, std::size_t blocks) {
   const std::size_t points = blocks * kBlockCells;
   const GradientGrid &grid = source.grid;
-  CellRow cells[2];
-  std::uint16_t strips[kGradientDirections][kMaxStretch];
+  alignas(kCacheLine) std::uint16_t strips[kGradientDirections][kMaxStretch];
   for (std::size_t blockRow = 0; blockRow < rows; ++blockRow) {
-    Columns columns = {};
+    alignas(kCacheLine) Columns columns = {};
     for (std::size_t row = blockRow * kBlockCells; row < (blockRow + 1) * kBlockCells; ++row) {
       const std::uint16_t *values[kGradientDirections] = {strips[0], strips[1], strips[2], strips[3]};
       if (source.maps == nullptr) {
-        gradientStretch({strips[0], strips[1], strips[2], strips[3]}, cells, grid, row, first * kBlockCells, points);
+        gradientStretch({strips[0], strips[1], strips[2], strips[3]}, source.cells, grid, row, first * kBlockCells,
+                        points);
       } else {
         for (int d = 0; d < kGradientDirections; ++d) {
           values[d] = source.maps[d] + row * grid.cols + first * kBlockCells;
@@ -100,16 +101,16 @@ std::uint32_t blockQuality(BlockQualityMap *map, const std::uint8_t *image, std:
   if (map->grades == nullptr) {
     return KELM_IMAGE_NO_MEMORY;
   }
-  const CellSource source{gradientGrid(image, height, width, static_cast<std::int32_t>(kCell)), maps};
+  const AlignedBuffer<CellRow> cells = allocateAligned<CellRow>(maps == nullptr ? 2 : 0);
+  const CellSource source{gradientGrid(image, height, width, static_cast<std::int32_t>(kCell)), cells.samples, maps};
   const std::size_t gradedRows = source.grid.rows / kBlockCells;
   const std::size_t gradedCols = source.grid.cols / kBlockCells;
   const Buffer<std::uint8_t> quality = allocate<std::uint8_t>(gradedRows * gradedCols);
-  if (!quality) {
+  if (!cells || !quality) {
     return KELM_IMAGE_NO_MEMORY;
   }
-  constexpr std::size_t kMaxBlocks = kMaxStretch / kBlockCells;
-  for (std::size_t done = 0; done < gradedCols; done += kMaxBlocks) {
-    const std::size_t blocks = std::min(kMaxBlocks, gradedCols);
+  const std::size_t blocks = stretchLength(gradedCols, kBlockCells);
+  for (std::size_t done = 0; done < gradedCols; done += blocks) {
     gradeStretch(quality.get(), source, gradedRows, gradedCols, std::min(done, gradedCols - blocks), blocks);
   }
   const std::int32_t smoothed = meanSmooth(quality.get(), quality.get(), static_cast<std::int32_t>(gradedRows),

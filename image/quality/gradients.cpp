@@ -54,6 +54,21 @@ KELM_INLINE void gatherFourth(std::uint8_t *__restrict out, const std::uint8_t *
   }
 }
 
+// Any samples. Four at a time, since a loop of single ones takes twice as long where its code happens to lie badly.
+KELM_INLINE void gather(std::uint8_t *__restrict out, const std::uint8_t *__restrict in, std::size_t step,
+                        std::size_t count) {
+  std::size_t i = 0;
+  for (; i + 4 <= count; i += 4, in += 4 * step) {
+    out[i] = in[0];
+    out[i + 1] = in[step];
+    out[i + 2] = in[2 * step];
+    out[i + 3] = in[3 * step];
+  }
+  for (; i < count; ++i, in += step) {
+    out[i] = in[0];
+  }
+}
+
 KELM_INLINE void gradientsOf(std::uint16_t *__restrict out, const std::uint8_t (&planes)[kSamples][kChunk],
                              std::size_t points) {
   for (std::size_t i = 0; i < points; ++i) {
@@ -77,16 +92,13 @@ KELM_INLINE void gradientsOf(std::uint16_t *__restrict out, const std::uint8_t (
 KELM_INLINE void gradientsBody(std::uint16_t *out, const std::uint8_t *center, std::size_t step, std::size_t points,
                                std::ptrdiff_t offset) {
   inBlocks<kChunk>(points, [=](std::size_t first, std::size_t count) KELM_INLINE_LAMBDA {
-    std::uint8_t planes[kSamples][kChunk];
-    const std::size_t left = std::min(points - first, kChunk);  // `count`, but for gathering a constant is no help
+    alignas(kChunk) std::uint8_t planes[kSamples][kChunk];
     for (int k = 0; k < kSamples; ++k) {
       const std::uint8_t *const samples = center + first * step + (k - kSamples / 2) * offset;
       if (step == 4 && count == kChunk) {
         gatherFourth(planes[k], samples);
       } else {
-        for (std::size_t i = 0; i < left; ++i) {
-          planes[k][i] = samples[i * step];
-        }
+        gather(planes[k], samples, step, std::min(points - first, kChunk));  // `count`, but a constant is no help here
       }
     }
     gradientsOf(out + first, planes, count);
@@ -221,7 +233,7 @@ GradientGrid gradientGrid(const std::uint8_t *image, std::int32_t height, std::i
           static_cast<std::size_t>(height / step), static_cast<std::size_t>(width / step)};
 }
 
-void gradientStretch(std::uint16_t *const (&out)[kGradientDirections], CellRow (&cells)[2], const GradientGrid &grid,
+void gradientStretch(std::uint16_t *const (&out)[kGradientDirections], CellRow *cells, const GradientGrid &grid,
                      std::size_t row, std::size_t first, std::size_t points) {
   const bool inside = row > 0 && row + 1 < grid.rows;
   if (grid.step == kCell) {
@@ -278,21 +290,21 @@ std::uint16_t **FpGetImg4DirectionGradsEx(const std::uint8_t *image, std::int16_
   }
   const GradientGrid grid = gradientGrid(image, height, width, step);
   Buffer<std::uint16_t *> maps = allocate<std::uint16_t *>(kGradientDirections);
+  const AlignedBuffer<CellRow> cells = allocateAligned<CellRow>(2);
   Buffer<std::uint16_t> owned[kGradientDirections];
   for (Buffer<std::uint16_t> &values : owned) {
     values = allocate<std::uint16_t>(grid.rows * grid.cols);
-    if (!maps || !values) {
+    if (!maps || !cells || !values) {
       return nullptr;
     }
   }
-  CellRow cells[2];
-  const std::size_t points = std::min(kMaxStretch, grid.cols);
-  for (std::size_t done = 0; done < grid.cols; done += kMaxStretch) {
+  const std::size_t points = stretchLength(grid.cols);
+  for (std::size_t done = 0; done < grid.cols; done += points) {
     const std::size_t first = std::min(done, grid.cols - points);
     for (std::size_t row = 0; row < grid.rows; ++row) {
       const std::size_t at = row * grid.cols + first;
-      gradientStretch({owned[0].get() + at, owned[1].get() + at, owned[2].get() + at, owned[3].get() + at}, cells, grid,
-                      row, first, points);
+      gradientStretch({owned[0].get() + at, owned[1].get() + at, owned[2].get() + at, owned[3].get() + at},
+                      cells.samples, grid, row, first, points);
     }
   }
   for (int d = 0; d < kGradientDirections; ++d) {

@@ -6,6 +6,8 @@
 #include <cstddef>
 #include <cstdint>
 
+#include "image/support/buffer.h"
+
 namespace kelm::image {
 
 inline constexpr int kGradientDirections = 4;
@@ -24,20 +26,27 @@ GradientGrid gradientGrid(const std::uint8_t *image, std::int32_t height, std::i
 // Pixels along the edge of a cell, whose first pixel is a point of a grid of step 4.
 inline constexpr std::size_t kCell = 4;
 
-// Points of a row of the grid that are worked on at a time: as many as fit on the stack without more than 16 KiB of it.
-inline constexpr std::size_t kMaxStretch = 128;
+// Points of a row of the grid that are worked on at a time: those of a picture of 1024 columns.
+inline constexpr std::size_t kMaxStretch = 256;
+
+// The length of the equal stretches that a row of `n` points, or of blocks of `size` points, is cut into; the last one
+// overlaps the one before.
+constexpr std::size_t stretchLength(std::size_t n, std::size_t size = 1) {
+  const std::size_t stretches = (n * size + kMaxStretch - 1) / kMaxStretch;
+  return stretches == 0 ? 0 : (n + stretches - 1) / stretches;
+}
 
 // The samples of a stretch of cells, sorted by row and column within the cell.
-struct alignas(64) CellRow {
+struct alignas(kCacheLine) CellRow {
   static constexpr std::size_t kFirst = 32;  // index of the first cell; the one before it is there too
   using Column = std::uint16_t[kFirst + kMaxStretch];
   Column samples[kCell][kCell];
 };
 
 // The gradients along all directions at a stretch of a row of the grid, 0 at the border of the grid. A stretch starts
-// at point 0 or is kMaxStretch long. Its rows are computed one after the other from row 0 on: `cells` keeps what the
-// next one needs.
-void gradientStretch(std::uint16_t *const (&out)[kGradientDirections], CellRow (&cells)[2], const GradientGrid &grid,
+// at point 0 or is at least half of kMaxStretch long. Its rows are computed one after the other from row 0 on: two
+// `cells` keep what the next one needs.
+void gradientStretch(std::uint16_t *const (&out)[kGradientDirections], CellRow *cells, const GradientGrid &grid,
                      std::size_t row, std::size_t first, std::size_t points);
 
 }  // namespace kelm::image

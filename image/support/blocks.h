@@ -25,6 +25,21 @@ KELM_INLINE void inWholeBlocks(std::size_t n, Step step) {
   }
 }
 
+// The same for steps that take any number of blocks at once, for loops so short that calling them for every block would
+// cost as much: step(0, count) with a multiple of kBlock, and step(n - kBlock, kBlock) for what is left, or step(0, n)
+// for a line that is shorter than a block.
+template <std::size_t kBlock, typename Step>
+KELM_INLINE void inOneStretch(std::size_t n, Step step) {
+  if (n < kBlock) {
+    step(0, n);
+    return;
+  }
+  step(0, n / kBlock * kBlock);
+  if (n % kBlock != 0) {
+    step(n - kBlock, kBlock);
+  }
+}
+
 // The same for lines of any length. One that is shorter than a block is taken in blocks of the next smaller size, or as
 // a single step(0, n).
 template <std::size_t kBlock, std::size_t... kSmaller, typename Step>

@@ -13,6 +13,7 @@
 #include <cstdint>
 #include <cstdlib>
 #include <memory>
+#include <utility>
 
 namespace kelm::image {
 
@@ -37,6 +38,31 @@ Buffer<T> allocate(std::size_t count) {
 template <typename T>
 Buffer<T> allocateZeroed(std::size_t count) {
   return Buffer<T>(static_cast<T *>(std::calloc(count == 0 ? 1 : count, sizeof(T))));
+}
+
+// A vector that begins at a multiple of this lies in one cache line; one that does not takes up to twice as long to
+// load.
+constexpr std::size_t kCacheLine = 64;
+
+// Uninitialised scratch memory whose first sample begins a cache line.
+template <typename T>
+struct AlignedBuffer {
+  Buffer<unsigned char> memory;
+  T *samples;
+
+  explicit operator bool() const { return memory != nullptr; }
+};
+
+// At least one sample.
+template <typename T>
+AlignedBuffer<T> allocateAligned(std::size_t count) {
+  if (count > (SIZE_MAX - kCacheLine) / sizeof(T)) {
+    return {};
+  }
+  Buffer<unsigned char> memory = allocate<unsigned char>(count * sizeof(T) + kCacheLine);
+  const std::size_t past = reinterpret_cast<std::uintptr_t>(memory.get()) % kCacheLine;
+  T *const samples = reinterpret_cast<T *>(memory.get() + (kCacheLine - past) % kCacheLine);
+  return {std::move(memory), samples};
 }
 
 }  // namespace kelm::image

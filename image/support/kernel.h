@@ -70,6 +70,9 @@ struct Kernel<kBody> {
     return kBody(arguments...);
   }
 #endif
+  // Not inlined into `run`, which would take on its stack frame for every instruction set.
+  __attribute__((noinline)) static Result runPlain(Parameters... arguments) { return kBody(arguments...); }
+
   static Result run(Parameters... arguments) {
     switch (instructionSet()) {
 #if KELM_MAX_LEVEL >= 2
@@ -81,7 +84,7 @@ struct Kernel<kBody> {
         return runAvx2(arguments...);
 #endif
       default:
-        return kBody(arguments...);
+        return runPlain(arguments...);
     }
   }
 };

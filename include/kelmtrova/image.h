@@ -262,7 +262,7 @@ KELMTROVA_API int32_t fvs_ImageMeanInt2Int(int32_t *out, const int32_t *in, int1
  *  - BDilate sets the eight neighbours of each non-zero interior pixel to 255 and leaves everything else. Pixels of
  *    the border spread nothing, but are set by an interior neighbour.
  *  - BErode sets each interior pixel with a zero in its 3 x 3 neighbourhood to 0. The border never changes.
- * Scratch memory is one block of six rows.
+ * Scratch memory is one block of nine rows, each rounded up to a multiple of 64 pixels, and 64 bytes.
  */
 KELMTROVA_API int32_t BDilate(uint8_t *mask, int16_t height, int16_t width);
 KELMTROVA_API int32_t BErode(uint8_t *mask, int16_t height, int16_t width);
@@ -501,7 +501,8 @@ KELMTROVA_API uint32_t FpGetImg4DirectionGrads(const uint8_t *image, int16_t hei
 /*
  * The maps of all four directions: an array of four pointers, element d for direction d; the caller releases the four
  * maps and then the array. The first and the last row and column of the grid stay 0. Null for a null image, a dimension
- * below 1, a step below 3, or when memory could not be obtained; nothing stays allocated then. 12 KiB of stack.
+ * below 1, a step below 3, or when memory could not be obtained; nothing stays allocated then. Scratch memory is 19
+ * KiB.
  */
 KELMTROVA_API uint16_t **FpGetImg4DirectionGradsEx(const uint8_t *image, int16_t height, int16_t width, uint8_t step);
 
@@ -528,7 +529,7 @@ typedef struct BlockQualityMap {
  * unchanged; 2 also when the image is less than 16 pixels high or wide and so holds no whole block. The map's header is
  * filled in on every result but the first kind of 2, and so is `grades`, which belongs to the caller from then on (zero
  * when the result is not 0, null when itself could not be obtained): set it to null before the call, release it after.
- * 14 KiB of stack.
+ * Scratch memory is 19 KiB and one byte per block; 5 KiB of stack.
  */
 KELMTROVA_API uint32_t ImageBlkQuality(BlockQualityMap *map, const uint8_t *image, int16_t height, int16_t width,
                                        uint64_t reserved);
@@ -536,7 +537,7 @@ KELMTROVA_API uint32_t ImageBlkQuality(BlockQualityMap *map, const uint8_t *imag
  * The same from the caller's direction maps: grads[d] is the map of direction d with step 4 as
  * FpGetImg4DirectionGradsEx(image, height, width, 4) makes it. The image must not be null but is not read. The maps
  * stay the caller's. Values are read as signed 16-bit numbers; of a cell mean below 0, which no picture gives, the low
- * 8 bits are used. A null array or map is a result 2 that leaves the map unchanged. 14 KiB of stack.
+ * 8 bits are used. A null array or map is a result 2 that leaves the map unchanged. 5 KiB of stack.
  */
 KELMTROVA_API uint32_t ImageBlkQualityEx(BlockQualityMap *map, const uint8_t *image, int16_t height, int16_t width,
                                          uint64_t reserved, uint16_t *const *grads);
