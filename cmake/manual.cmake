@@ -2,7 +2,7 @@
 # The manual pages; those of the program come from what it prints itself (script/manual).
 find_package(Python3 REQUIRED COMPONENTS Interpreter)
 find_program(SCDOC scdoc REQUIRED)
-file(GLOB KELMTROVA_MANUAL_SOURCES CONFIGURE_DEPENDS docs/man/*.scd include/kelmtrova/*.h examples/*.c)
+file(GLOB KELMTROVA_MANUAL_SOURCES CONFIGURE_DEPENDS docs/man/*.scd include/kelmtrova/*.h examples/*.c examples/*.cpp)
 add_custom_command(OUTPUT ${PROJECT_BINARY_DIR}/man/made
   COMMAND ${CMAKE_COMMAND} -E rm -rf ${PROJECT_BINARY_DIR}/man
   COMMAND ${CMAKE_COMMAND} -E env LD_LIBRARY_PATH=${PROJECT_BINARY_DIR}/lib

@@ -112,9 +112,9 @@ typedef int (*DeviceManagerVisitor)(void *context, const DeviceManagerToken *tok
 
 /*
  * Visits every reader in the order of PC/SC and then the simulated token in the default store, if there is one. No card
- * is connected to and nothing is sent. 0 when everything could be asked, also when there was nothing to list; -1 when
- * the readers could not be asked (DEVICE_MANAGER_NO_PCSC, DEVICE_MANAGER_NO_SERVICE): what else there is was listed
- * nonetheless.
+ * is connected to and nothing is sent; `context` is the visitor's. 0 when everything could be asked, also when there
+ * was nothing to list; -1 when the readers could not be asked (DEVICE_MANAGER_NO_PCSC, DEVICE_MANAGER_NO_SERVICE): what
+ * else there is was listed nonetheless.
  */
 KELMTROVA_API int deviceManagerList(DeviceManagerVisitor visit, void *context);
 

@@ -40,8 +40,8 @@ extern "C" {
 /* ---- Image buffers ---------------------------------------------------------------------------------------------- */
 
 /*
- * Copies height * width bytes. 0 done, 1 if a pointer is null. An image without pixels copies nothing and is done. The
- * images must not overlap.
+ * Copies height * width bytes from source to destination, which must not overlap. 0 done, 1 if a pointer is null. An
+ * image without pixels copies nothing and is done.
  */
 KELMTROVA_API int32_t ImageCopy(uint8_t *destination, const uint8_t *source, uint16_t height, uint16_t width);
 
@@ -452,7 +452,8 @@ KELMTROVA_API int32_t FingerprintGetDirectionFloat(const uint8_t *image, uint16_
  */
 KELMTROVA_API int32_t FingerprintOrientGrad(FingerprintBlockField *output, const FingerprintBlockField *input);
 
-/* The difference of two directions in degrees, 0 to 90 for directions from -90 to 90. The low 16 bits of each count. */
+/* The difference of two directions `a` and `b` in degrees, 0 to 90 for directions from -90 to 90. The low 16 bits of
+ * each count. */
 KELMTROVA_API int32_t AngleDiffAbs(int32_t a, int32_t b);
 
 /* ---- Ridge frequency -------------------------------------------------------------------------------------------- */

@@ -106,12 +106,13 @@ typedef struct SimulatorState {
   uint8_t readOnly;     /* 1: the store may only be read */
 } SimulatorState;
 
-/* Reads it past the token's commands: costs no try and is no exchange. */
+/* Reads the `state` past the token's commands: costs no try and is no exchange. */
 SIMULATOR_API int simulatorGetState(uint64_t device, SimulatorState *state);
 
-/* Makes the token ask for its PIN (kept in the store): commands that need it answer 0x6982 until it was verified. */
+/* Makes the token ask for its PIN, or not any more (`required` 0); kept in the store. Commands that need it answer
+ * 0x6982 until it was verified. */
 SIMULATOR_API int simulatorRequirePin(uint64_t device, int required);
-/* Replaces the PIN by another of 4 to 16 characters. A wrong old one costs a try like any other verification; the
+/* Replaces the PIN by `newPin`, of 4 to 16 characters. A wrong `oldPin` costs a try like any other verification; the
  * right one fills the tries again. Neither verifies the PIN for the commands that need it. */
 SIMULATOR_API int simulatorChangePin(uint64_t device, const char *oldPin, const char *newPin);
 /* Unblocks matching: the try counter is full again and the bit of the block record is cleared. The PIN's tries are full
@@ -127,7 +128,7 @@ SIMULATOR_API int simulatorUnblock(uint64_t device);
  * Fails when no reader answers within 5 seconds of looking up its name, when it ends the connection, takes more than 5
  * seconds over one message, or sends nonsense, and when the device is closed. Cutting the power and resetting begin a
  * new session of the token (and bring back power that a fault cut). The device stays usable by others meanwhile, in the
- * same session. `ready`, when not null, is called once as soon as the reader has the token.
+ * same session. `ready`, when not null, is called with `context` once, as soon as the reader has the token.
  */
 SIMULATOR_API int simulatorServe(uint64_t device, const char *reader, int stop, void (*ready)(void *context),
                                  void *context);
@@ -156,8 +157,8 @@ SIMULATOR_API int simulatorSetFault(uint64_t device, const SimulatorFault *fault
 /* Exchanges made on the device since it was opened. */
 SIMULATOR_API uint64_t simulatorExchanges(uint64_t device);
 
-/* Called before (status -1) and after each exchange; null switches it off. The answer excludes the status word. It may
- * call the functions of this header. */
+/* Called before (status -1) and after each exchange, with the `context` that came with the `trace`; null switches it
+ * off. The answer excludes the status word. It may call the functions of this header. */
 typedef void (*SimulatorTrace)(void *context, const uint8_t *command, size_t commandLength, const uint8_t *answer,
                                size_t answerLength, int32_t status);
 SIMULATOR_API int simulatorSetTrace(uint64_t device, SimulatorTrace trace, void *context);
@@ -187,8 +188,8 @@ SIMULATOR_API int simulatorReadFile(uint64_t device, uint16_t fid, uint8_t *byte
 /* Overwrites the first `length` bytes of a file, which must be that long; makes a file of that size when there is none.
  * The FID counter stays within 1 to 0x0800. */
 SIMULATOR_API int simulatorWriteFile(uint64_t device, uint16_t fid, const uint8_t *bytes, size_t length);
-/* The image last sent to the token, as far as it came: bytes per line and number of lines, both 0 when there is none;
- * the pixels fill at most `capacity`. Any pointer may be null. */
+/* The image last sent to the token, as far as it came: bytes per line (`lineLength`) and `lines`, both 0 when there is
+ * none; the pixels fill at most `capacity`. Any pointer may be null. */
 SIMULATOR_API int simulatorGetImage(uint64_t device, uint32_t *lineLength, uint32_t *lines, uint8_t *pixels,
                                     size_t capacity);
 

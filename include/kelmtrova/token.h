@@ -177,11 +177,12 @@ KELMTROVA_API extern const SCardPci g_rgSCardT0Pci;
 KELMTROVA_API extern const SCardPci g_rgSCardT1Pci;
 
 /*
- * One exchange with the device manager.
+ * One exchange with the device manager, on its handle of the token, `hCard`.
  *
  * `send` holds `sendLength` bytes of command. `recv` receives the data bytes and after them SW1 SW2, `*recvLength` the
  * count of both: it is not read, so `recv` needs room for 258 bytes. Data that come with a status word other than
- * 0x9000 are dropped, as are data beyond 256 bytes. The protocol-control records are not read and may be null.
+ * 0x9000 are dropped, as are data beyond 256 bytes. The protocol-control records, `sendPci` and `recvPci`, are not read
+ * and may be null.
  *
  * Always returns 0: errors of the device manager are its code's low 16 bits in place of SW1 SW2. With a null `send`,
  * `recv` or `recvLength` nothing is sent and `*recvLength`, where there is one, becomes 0.
@@ -208,9 +209,10 @@ KELMTROVA_API int64_t SCardTransmit(uint64_t hCard, const SCardPci *sendPci, con
 KELMTROVA_API uint32_t SCardAPDU(const SCardConnection *handle, uint8_t *command, uint64_t commandLength,
                                  uint8_t *response, uint64_t *responseLength);
 
-/* The trace hook: does nothing. Each command passes it "Enter " and its name on entry, and after its exchange its name
- * and " SCardAPDU return retV=%04X, dwRespLen=%d" with the status word (unsigned) and the data length (int). A capture
- * and an upload write no trace, reading the index and deleting only the first; the download's texts stand there. */
+/* The trace hook, which takes a `format` of printf and its arguments: does nothing. Each command passes it "Enter " and
+ * its name on entry, and after its exchange its name and " SCardAPDU return retV=%04X, dwRespLen=%d" with the status
+ * word (unsigned) and the data length (int). A capture and an upload write no trace, reading the index and deleting
+ * only the first; the download's texts stand there. */
 KELMTROVA_API void MYTRACE(const char *format, ...);
 
 /* The lock hooks mark where a command talks to the token; they take no lock. MyLock returns the handle as the lock's
@@ -219,7 +221,7 @@ KELMTROVA_API void MYTRACE(const char *format, ...);
 KELMTROVA_API uint64_t MyLock(const SCardConnection *handle);
 KELMTROVA_API void MyUnlock(uint64_t token);
 
-/* Ignores its argument and returns 0. In parentheses because TEST is also a macro of GoogleTest. */
+/* Ignores `value` and returns 0. In parentheses because TEST is also a macro of GoogleTest. */
 KELMTROVA_API uint64_t(TEST)(uint64_t value);
 
 /* ---- Files of the token ----------------------------------------------------------------------------------------- */
@@ -273,9 +275,9 @@ KELMTROVA_API uint16_t Exchange(uint16_t value);
 
 /*
  * User authentication and PIN check by the token's middleware: libkelmpkcs.so is opened with the dynamic loader's
- * search path, its entry KelmSCardAuth or KelmSCardVerifyUserPin called with the arguments as they are, and closed
- * again. The entry's result is returned unchanged. When the library or the entry is missing, the line
- * "Failed load library libkelmpkcs.so" goes to standard output and the result is KELM_RESULT_AUTH_LIBRARY or
+ * search path, its entry KelmSCardAuth (`arg`) or KelmSCardVerifyUserPin (`a`, `b`, `c`, `d`) called with the arguments
+ * as they are, and closed again. The entry's result is returned unchanged. When the library or the entry is missing,
+ * the line "Failed load library libkelmpkcs.so" goes to standard output and the result is KELM_RESULT_AUTH_LIBRARY or
  * KELM_RESULT_PIN_LIBRARY.
  *
  * For those who build a middleware: the same is answered when a message waits for dlerror() after the library was
@@ -321,7 +323,7 @@ KELMTROVA_API uint64_t KelmTrovaGetMaxTmpltNum(const SCardConnection *handle, ui
  * OK, KELM_RESULT_OF(KELM_SW_CAPTURE_6A0E); every other failure, a null handle included, is KELM_RESULT_CAPTURE. */
 KELMTROVA_API uint64_t KelmTrovaCaptureImage(const SCardConnection *handle);
 
-/* The token extracts the features of its image into one of its buffers, 1 to 3: 80 FB 00 buffer 02.
+/* The token extracts the features of its image into one of its buffers, `bufferIndex` 1 to 3: 80 FB 00 buffer 02.
  * OK, NOT_LOCKED, ARGUMENT (another buffer: refused before the lock), UNLISTED, and KELM_RESULT_OF the status words
  * SECURITY_STATUS, FEATURE_6A07, 6A08, 6A0B and 6A11. */
 KELMTROVA_API uint64_t KelmTrovaFeatureExtract(const SCardConnection *handle, uint8_t bufferIndex);
@@ -443,7 +445,7 @@ KELMTROVA_API uint64_t KelmTrovaGetSecState(const SCardConnection *handle, uint8
 
 /* ---- Finger cache ----------------------------------------------------------------------------------------------- */
 
-/* 80 F9 00 06 01; the state is the token's, 0 when it answers without data. OK, NOT_LOCKED, ARGUMENT, UNLISTED. */
+/* 80 F9 00 06 01; `*stateOut` is the token's, 0 when it answers without data. OK, NOT_LOCKED, ARGUMENT, UNLISTED. */
 KELMTROVA_API uint64_t KelmTrovaGetFingerCacheState(const SCardConnection *handle, uint8_t *stateOut);
 /* 80 F9 01 06 01. OK, NOT_LOCKED, UNLISTED. */
 KELMTROVA_API uint64_t KelmTrovaClearFingerCache(const SCardConnection *handle);
@@ -473,7 +475,7 @@ KELMTROVA_API uint64_t KelmTrovaEnableFingerCache(const SCardConnection *handle,
  */
 KELMTROVA_API uint64_t KelmTrovaDownloadImage(const SCardConnection *handle, const TokenImage *image);
 
-/* Transfers nothing: returns OK at once, whatever its arguments are. */
+/* Transfers nothing: returns OK at once, whatever the handle and `reserved` are. */
 KELMTROVA_API uint64_t KelmTrovaUploadImage(const SCardConnection *handle, uint64_t reserved);
 
 #ifdef __cplusplus

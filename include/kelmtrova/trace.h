@@ -46,11 +46,12 @@ enum { TRACE_USER_DATA = 1 }; /* user data and pixels are written, too */
  * that cannot be written gives a trace that writes nothing, and kelmTraceError says why. Any thread may use a trace. */
 KELMTROVA_API KelmTrace *kelmTraceOpen(const char *file, uint32_t flags);
 
-/* Writes a command that is about to be sent to `device` (a number that tells several devices apart). The answer is the
- * number of the exchange, for kelmTraceAnswer. */
+/* Writes a command of `commandLength` bytes that is about to be sent to `device` (a number that tells several devices
+ * apart). The answer is the number of the exchange, for kelmTraceAnswer. */
 KELMTROVA_API uint64_t kelmTraceCommand(KelmTrace *trace, uint64_t device, const uint8_t *command,
                                         uint64_t commandLength);
-/* Writes the answer to it: its data without the status word, and the status word or the device manager's own code. */
+/* Writes the answer to it: `answerLength` bytes without the status word, and the status word or the device manager's
+ * own code. */
 KELMTROVA_API void kelmTraceAnswer(KelmTrace *trace, uint64_t exchange, const uint8_t *answer, uint64_t answerLength,
                                    uint16_t status);
 
