@@ -19,7 +19,7 @@ NR == 1 && /SPDX/ { next }
   next
 }
 inside { inside = $0 !~ /\*\/$/; print text($0); next }
-/[^ ].*\/\* .*\*\/$/ { sub(/\/\* /, "/**< "); at = index($0, "/**<"); print substr($0, 1, at - 1) text(substr($0, at)); next }
+/[^ ].*\/\* .*\*\/$/ { sub(/\/\* /, "/**< "); at = index($0, "/**<"); print substr($0, 1, at + 3) text(substr($0, at + 4)); next }
 /^ *\/\* .*[^\/]$/ { sub(/\/\*/, "/**"); print text($0); next }
 { print }
 END { if (open) print "/** @} */" }
