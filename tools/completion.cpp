@@ -103,19 +103,12 @@ std::string quoted(const std::string &text) { return "'" + replaced(text, "'", "
 
 // ---- bash ----------------------------------------------------------------------------------------------------------
 
-// Readline breaks addresses at their colons; _kelmtrova_joined puts the words together again.
+// The words are read from the line, since readline breaks them at colons and the like and leaves quotes in them.
 constexpr std::string_view kBash = R"(# Completion of kelmtrova in bash: source <(kelmtrova completion bash)
 _kelmtrova() {
   local -a line=()
-  local i word path=kelmtrova words='' options='' token=''
-  for ((i = 0; i <= COMP_CWORD; ++i)); do
-    word=${COMP_WORDS[i]}
-    if ((i > 1)) && [[ $word == : || ${COMP_WORDS[i - 1]} == : ]]; then
-      line[-1]+=$word
-    else
-      line+=("$word")
-    fi
-  done
+  local quote='' word path=kelmtrova words='' options='' token='' i
+  _kelmtrova_split "${COMP_LINE:0:COMP_POINT}"
   local last=$((${#line[@]} - 1))
   local current=${line[last]} before=${line[last - 1]}
   for ((i = 1; i < last; ++i)); do
@@ -129,8 +122,8 @@ _kelmtrova() {
   done
   COMPREPLY=()
   case $before in
-    --label) _kelmtrova_offer "$current" labels ${token:+--token "$token"} && return ;;
-    --token) _kelmtrova_offer "$current" addresses && return ;;
+    --label) _kelmtrova_offer "$2" labels ${token:+--token "$token"} && return ;;
+    --token) _kelmtrova_offer "$2" addresses && return ;;
   esac
   case $before in
 CHOICES    VALUES) return 0 ;; # the shell offers files
@@ -142,15 +135,50 @@ CHOICES    VALUES) return 0 ;; # the shell offers files
   esac
 }
 
-# Offers what the token or this machine has; true when there is something that begins so.
+# Splits a part of the line as the shell will, without quotes and backslashes; leaves the quote that is open.
+_kelmtrova_split() {
+  local rest=$1 char word='' begun=''
+  line=() quote=''
+  while [[ -n $rest ]]; do
+    char=${rest:0:1} rest=${rest:1}
+    case $quote$char in
+      \'\' | '""') quote='' ;;
+      \'?) word+=$char ;;
+      '\' | '"\')
+        [[ -n $quote && ${rest:0:1} != [\$\`\"\\] ]] || char=${rest:0:1} rest=${rest:1}
+        word+=$char begun=yes
+        ;;
+      \' | '"') quote=$char begun=yes ;;
+      ' ' | $'\t')
+        [[ -z $begun ]] || line+=("$word")
+        word='' begun=''
+        ;;
+      *) word+=$char begun=yes ;;
+    esac
+  done
+  line+=("$word")
+}
+
+# Offers what the token or this machine has, quoted; true when there is something that begins so. What readline takes for
+# the word, $1, may be its end only.
 _kelmtrova_offer() {
-  local current=${1#[\"\']} word
-  local dropped=${current%"${current##*:}"}
+  local word whole=$current open=$quote
+  _kelmtrova_split "$open$1"
+  local dropped=${whole%"${line[-1]}"}
   shift
   while IFS= read -r word; do
-    [[ $word == "$current"* ]] && COMPREPLY+=("${word#"$dropped"}")
+    [[ $word == "$whole"* ]] || continue
+    word=${word#"$dropped"}
+    case $open in
+      \') word=${word//\'/\'\\\'\'} ;;
+      '"')
+        word=${word//\\/\\\\} word=${word//\"/\\\"} word=${word//\$/\\\$} word=${word//\`/\\\`}
+        word=${word//!/\"\'!\'\"} # a history's mark has no other way
+        ;;
+      *) printf -v word %q "$word" ;;
+    esac
+    COMPREPLY+=("$word")
   done < <(kelmtrova complete "$@" 2>/dev/null)
-  compopt -o filenames 2>/dev/null # quotes blanks
   ((${#COMPREPLY[@]} > 0))
 }
 

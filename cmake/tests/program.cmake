@@ -37,5 +37,10 @@ if(KELMTROVA_PROGRAM)
     kelmtrova_add_test(json_schema 60 ${Python3_EXECUTABLE} ${PROJECT_SOURCE_DIR}/tests/tools/json_schema_test.py
       $<TARGET_FILE:kelmtrova_program> ${PROJECT_SOURCE_DIR}/docs/json.schema.json)
     set_tests_properties(json_schema PROPERTIES SKIP_RETURN_CODE 77)
+    foreach(shell bash zsh fish)
+      kelmtrova_add_test(completion_${shell} 60 ${Python3_EXECUTABLE}
+        ${PROJECT_SOURCE_DIR}/tests/tools/completion_test.py $<TARGET_FILE:kelmtrova_program> ${shell})
+      set_tests_properties(completion_${shell} PROPERTIES SKIP_RETURN_CODE 77)
+    endforeach()
   endif()
 endif()
