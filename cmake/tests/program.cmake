@@ -23,7 +23,7 @@ endif()
 
 # A sanitized library wants its run time in every program that links to it.
 if(KELMTROVA_PROGRAM AND NOT KELMTROVA_SANITIZE)
-  kelmtrova_add_test(install 60
+  kelmtrova_add_test(install 200
     ${PROJECT_SOURCE_DIR}/tests/tools/install_test.sh ${PROJECT_SOURCE_DIR} ${PROJECT_BINARY_DIR}
     ${CMAKE_INSTALL_LIBDIR})
   # The consumer of the installed files is built as this was: no other generator need be there.
