@@ -296,7 +296,7 @@ KELM_INLINE void transformBody(float *re, float *im, std::uint32_t n, float scal
 
 void transform(float *re, float *im, std::uint32_t n, float scale) {
   if (instructionSet() == InstructionSet::kPlain) {
-    transformBody<Four>(re, im, n, scale);
+    Kernel<transformBody<Four>>::runPlain(re, im, n, scale);
   } else {
     kernel<transformBody<Eight>>(re, im, n, scale);
   }

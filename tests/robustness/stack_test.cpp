@@ -77,9 +77,6 @@ TEST(Stack, IsWhatTheHeadersState) {
   GTEST_SKIP() << "the frames of a sanitized or unoptimised library say nothing of the shipped one";
 #endif
   compareWith("token.h", usedByToken());
-#ifdef __clang__
-  GTEST_SKIP() << "image.h states the figures of the library as it is shipped, which g++ builds";
-#endif
   compareWith("image.h", usedByToolkit());
 }
 
