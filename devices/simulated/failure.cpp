@@ -26,7 +26,7 @@ struct SystemFailure {
 
 constexpr SystemFailure kSystemFailures[] = {
     {ENOENT, SIMULATOR_NO_STORE, "there is no token"},
-    {ENOTDIR, SIMULATOR_NO_STORE, "a part of the path is no folder"},
+    {ENOTDIR, SIMULATOR_BAD_ARGUMENT, "a part of the path is no folder"},
     {EEXIST, SIMULATOR_STORE_EXISTS, "exists already"},
     {EISDIR, SIMULATOR_NOT_A_STORE, "is a folder, not the store of a token"},
     {ENOSPC, SIMULATOR_DISK_FULL, "the disk is full"},

@@ -363,7 +363,8 @@ Image Store::image() {
 
 void Store::check() {
   if (Query query(database_, "PRAGMA quick_check(1)"); !query.next() || query.text(0) != "ok") {
-    database_.damaged(query.text(0));
+    const std::string found = query.text(0);
+    database_.damaged(found.substr(found.rfind('\n') + 1));
   }
   Query found(database_, "SELECT sql FROM sqlite_master WHERE sql NOT NULL ORDER BY rowid");
   for (const std::string &statement : schema()) {

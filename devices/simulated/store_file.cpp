@@ -16,13 +16,15 @@
 namespace kelm::devices {
 namespace {
 
-// The folder of a file, and the missing ones on the way to it, which go again unless they are kept.
+enum class Missing { kIsMade, kIsAnError };
+
+// The folder of a file, and those on the way to it that had to be made, which go again unless they are kept.
 class Folders {
  public:
-  explicit Folders(const std::string &file) : path_(std::filesystem::path(file).parent_path().string()) {
+  Folders(const std::string &file, Missing missing) : path_(std::filesystem::path(file).parent_path().string()) {
     if (path_.empty()) path_.push_back('.');
     try {
-      make(file);
+      if (missing == Missing::kIsMade) make(file);
     } catch (...) {
       remove();
       throw;
@@ -69,9 +71,10 @@ class Folders {
 // token. What is not needed goes with the draft, for which no memory must be needed.
 class Draft {
  public:
-  explicit Draft(const std::string &place)
-      : place_(place), folders_(place), path_(place + ".XXXXXX"), journal_(path_ + "-journal") {
+  Draft(const std::string &place, Missing folders)
+      : place_(place), folders_(place, folders), path_(place + ".XXXXXX"), journal_(path_ + "-journal") {
     const int file = mkstemp(path_.data());
+    if (file < 0 && errno == ENOENT) throw StoreError(SIMULATOR_BAD_ARGUMENT, place_ + ": its folder does not exist");
     if (file < 0) throw systemFailure(place_, errno);
     close(file);
     std::copy(path_.begin(), path_.end(), journal_.begin());
@@ -135,7 +138,7 @@ template <typename Write>
 void makeStore(const std::string &path, Write write) {
   struct stat status {};
   if (lstat(path.c_str(), &status) == 0) throw systemFailure(path, EEXIST);
-  Draft draft(path);
+  Draft draft(path, Missing::kIsMade);
   fill(draft, kStoreId, write);
   draft.publishNew();
 }
@@ -179,7 +182,7 @@ void importStore(const std::string &file, const std::string &path) {
 }
 
 void exportStore(Store &store, const std::string &file) {
-  Draft draft(placeToReplace(file));
+  Draft draft(placeToReplace(file), Missing::kIsAnError);
   Transaction reading(store.database());
   store.check();
   fill(draft, kExportId, [&](Store &copy) {

@@ -40,11 +40,12 @@ Stretch::~Stretch() {
   if (file_ >= 0) close(file_);
 }
 
-bool Stretch::openFile() {
+int Stretch::openFile() {
   if (file_ < 0) file_ = open(path_.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0600);
+  const int error = errno;
   // Of a store that may only be read.
   if (file_ < 0) file_ = open(path_.c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW);
-  return file_ >= 0;
+  return file_ >= 0 ? 0 : error;
 }
 
 void Stretch::lock() {
@@ -64,9 +65,14 @@ void Stretch::unlock() { flock(file_, LOCK_UN); }
 
 void Stretch::begin() {
   if (count_ == 0 && !path_.empty()) {
+    const int error = openFile();
     // Nobody writes where no lock may be made.
-    const bool mayNot = !openFile() && (errno == EACCES || errno == EPERM || errno == EROFS);
-    if (!mayNot) lock();
+    const bool mayNot = error == EACCES || error == EPERM || error == EROFS;
+    if (error == 0) {
+      lock();
+    } else if (!mayNot) {
+      throw Failure(DEVICE_MANAGER_STORE_UNUSABLE, path_ + ": " + std::strerror(error));
+    }
   }
   ++count_;
 }

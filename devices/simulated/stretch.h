@@ -37,7 +37,8 @@ class Stretch {
   };
 
  private:
-  bool openFile();
+  // 0, or the number of the error that keeps it from being made.
+  int openFile();
   void lock();
   void unlock();
 

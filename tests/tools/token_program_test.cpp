@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 // The program from outside: its output, its exit codes and what it leaves behind.
+#include <fcntl.h>
 #include <fmt/format.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <nlohmann/json.hpp>
@@ -223,6 +225,54 @@ TEST_F(TokenProgram, SaysInOneLineWhatWentWrong) {
     EXPECT_EQ(outcome.out, "");
   }
   EXPECT_FALSE(std::filesystem::exists(folder / "new.db"));
+}
+
+// A store that fails is no missing token, and is named once.
+TEST_F(TokenProgram, SaysWhatIsWrongWithAStore) {
+  succeed("token create --slots 3 --token sound.db");
+  const std::string sound = read("sound.db");
+  for (const char *place : {"closed", "fixed"}) std::filesystem::create_directory(folder / place);
+  for (const char *place : {"busy.db", "closed/x.db", "fixed/x.db"}) write(place, sound);
+  write("later.db", std::string(sound).replace(60, 4, std::string("\0\0\0\7", 4)));
+  write("damaged.db", std::string(sound).replace(2000, 3000, 3000, '\0'));
+  for (const char *place : {"fixed/x.db", "fixed", "closed"})
+    std::filesystem::permissions(folder / place, std::filesystem::perms(*place == 'c' ? 0 : 0555));
+  const int busy = open((folder / "busy.db").c_str(), O_RDWR | O_CLOEXEC);
+  struct flock whole = {.l_type = F_WRLCK, .l_whence = SEEK_SET, .l_start = 0x40000000, .l_len = 512, .l_pid = 0};
+  ASSERT_EQ(fcntl(busy, F_SETLK, &whole), 0);
+  const std::string mortal = geteuid() == 0 ? "setpriv --bounding-set=-dac_override,-dac_read_search " : "";
+  const struct {
+    const char *before, *words, *store;
+    int exitCode;
+    const char *part;
+  } cases[] = {
+      {"", "slots", "busy.db", 2, "another program has held the token for more than 5 seconds"},
+      {"", "slots", "later.db", 2, "a later version, 7 (known here: up to 2)"},
+      {"", "slots", "damaged.db", 2, "is damaged"},
+      {"", "slots", "closed/x.db", 2, "no permission"},
+      {"", "create", "closed/y.db", 2, "no permission"},
+      {"", "slots", "fixed/x.db", 0, ""},
+      {"", "doctor", "fixed/x.db", 3, ""},
+      {"", "identify --finger a", "fixed/x.db", 2, "may only be read"},
+      {"", "params --gain 3", "fixed/x.db", 2, "may only be read"},
+      {"", "slots", "sound.db/x", 2, "no folder"},
+      {"", "create", "sound.db/x", 2, "no folder"},
+      {"ulimit -f 1; ", "enroll --finger a", "sound.db", 2, "larger than a file may become"},
+      {"", "slots", "sound.db", 0, ""},
+      {"", "export missing/x", "sound.db", 2, "missing/x: its folder does not exist"},
+      {"", "export later.db", "sound.db", 2, "choose another name"},
+  };
+  for (const auto &expected : cases) {
+    const Outcome outcome = shell(
+        fmt::format("{}{}kelmtrova token {} --token {}", expected.before, mortal, expected.words, expected.store));
+    EXPECT_EQ(outcome.exitCode, expected.exitCode) << expected.words << ' ' << expected.store << '\n' << outcome.err;
+    EXPECT_TRUE(holds(outcome.err, {expected.part}));
+    const std::size_t named = outcome.err.find(expected.store);
+    EXPECT_EQ(outcome.err.find(expected.store, named + 1), std::string::npos) << outcome.err;
+  }
+  close(busy);
+  std::filesystem::permissions(folder / "closed", std::filesystem::perms(0700));
+  std::filesystem::permissions(folder / "fixed", std::filesystem::perms(0700));
 }
 
 TEST_F(TokenProgram, PutsTheTokensRefusalsIntoWords) {

@@ -142,6 +142,14 @@ void addState(Session &session, std::span<const std::uint8_t> info, Report &repo
   report.text += fmt::format("matching: {}\nPIN: {}\n", matchingWords, pinWords);
 }
 
+// The address stands before the words already.
+std::string withoutName(const std::string &words, const Address &address) {
+  for (const std::string &name : {address.text, address.store}) {
+    if (!name.empty() && words.starts_with(name + ": ")) return words.substr(name.size() + 2);
+  }
+  return words;
+}
+
 // What a place holds, and how much of it is taken.
 void describe(const Place &place, Report &report) {
   nlohmann::ordered_json json = {{"address", shown(place.address.text)},
@@ -163,7 +171,7 @@ void describe(const Place &place, Report &report) {
       words += fmt::format(", {}, {} taken", counted(index.size(), "slot"), enrolled);
       isToken = true;
     } catch (const Failure &failure) {
-      words = shown(failure.what());
+      words = shown(withoutName(failure.what(), place.address));
     }
   }
   if (!isToken) json["what"] = words;

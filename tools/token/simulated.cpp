@@ -80,7 +80,12 @@ Report createToken(const TokenOptions &token, const CreateOptions &options) {
 
 Report exportToken(const TokenOptions &token, const std::string &file) {
   const Address address = simulatedAddress(token, "be exported");
-  require(simulator()->exportTo(Opened(address), file.c_str()));
+  if (simulator()->exportTo(Opened(address), file.c_str()) != 0) {
+    if (simulator()->failure() == SIMULATOR_STORE_EXISTS) {
+      throw FileFailure(simulator()->error(), "choose another name for the exported token");
+    }
+    throw storeFailure();
+  }
   Report report;
   report.text = fmt::format("wrote the token to {}, its PIN and fingers with it\n", shown(file));
   report.json = {{"address", address.text}, {"file", shown(file)}};
