@@ -17,8 +17,7 @@ namespace {
 template <typename Sum, typename In>
 KELM_INLINE void sumsBody(Sum *out, const In *in, const BoxShape &shape, const BoxScratch<Sum, In> &scratch) {
   boxRows(
-      out, in, shape, scratch, [](In sample) KELM_INLINE_LAMBDA { return static_cast<Sum>(sample); },
-      [](Sum sum) KELM_INLINE_LAMBDA { return sum; });
+      out, in, shape, scratch, [](In sample) KELM_INLINE_LAMBDA { return static_cast<Sum>(sample); }, Unchanged());
 }
 template <typename Sum, typename In>
 constexpr auto sums = kernel<sumsBody<Sum, In>>;

@@ -221,9 +221,9 @@ KELMTROVA_API void fvs_VectorLocalSumFloat2Float(float *out, const float *in, in
  * fvs_ImageLocalSumChar2Uint16 then leaves the sums along the rows in out; 2 a null pointer or a dimension below 1,
  * nothing is written.
  *
- * Scratch memory is one block: up to three lines of output samples, each sizeX + 32 samples longer than a row; in place
- * also (sizeY >> 1) + 1 rows of the input, but no more than there are; for Float it is up to
- * 2 * (sizeY >> 1) + 17 rows and 4096 bytes, which keep the rows apart in the cache.
+ * Scratch memory is one block: a row of the input, and up to thirteen lines of output samples (seven for Int), each up
+ * to sizeX + 160 samples longer than a row; in place also (sizeY >> 1) + 1 rows of the input, but no more than there
+ * are; for Float it is up to 2 * (sizeY >> 1) + 17 rows and 4096 bytes, which keep the rows apart in the cache.
  */
 KELMTROVA_API int32_t fvs_ImageLocalSumChar2Char(uint8_t *out, const uint8_t *in, int16_t height, int16_t width,
                                                  uint8_t sizeX, uint8_t sizeY);
