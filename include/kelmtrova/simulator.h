@@ -80,7 +80,8 @@ SIMULATOR_API size_t simulatorDefaultStore(char *path, size_t capacity);
 
 /* Writes the whole token but what lies on its sensor to `file` (mode 0600; it holds the PIN), to be brought back with
  * simulatorImport. It is written beside its place, checked, synchronised and then renamed, so that a failure leaves
- * `file` as it was. An older exported token is replaced, anything else that lies there is not; the folder must exist. */
+ * `file` as it was. An older exported token is replaced, anything else that lies there is not; the folder must exist.
+ */
 SIMULATOR_API int simulatorExport(uint64_t device, const char *file);
 /* Makes a new store from an exported token, of which every byte that counts is checked; otherwise as simulatorCreate.
  */
