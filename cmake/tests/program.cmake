@@ -44,3 +44,10 @@ if(KELMTROVA_PROGRAM)
     endforeach()
   endif()
 endif()
+
+# Services on this machine play the others; sanitizers would only see the program again.
+if(KELMTROVA_PROGRAM AND NOT KELMTROVA_SANITIZE)
+  kelmtrova_add_test(recipes 150
+    ${PROJECT_SOURCE_DIR}/tests/tools/recipes_test.sh ${PROJECT_SOURCE_DIR} $<TARGET_FILE:kelmtrova_program>)
+  set_tests_properties(recipes PROPERTIES SKIP_RETURN_CODE 77)
+endif()
