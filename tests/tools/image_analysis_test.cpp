@@ -126,6 +126,16 @@ TEST_F(Program, ClarityIsThatOfTheRidgesNotOfTheInk) {
     EXPECT_LT(empty["clarity"], 10);
     EXPECT_EQ(run(std::string("image analyze ") + name).exitCode, 1);
   }
+  // A hard frame does not hide that the ridges of a faint print are narrow.
+  succeed("image synth --class whorl --size 300x400 -o p.pgm");
+  succeed("image reduce p.pgm -o half.pgm");
+  succeed("image normalize --mean 210 --variance 400 half.pgm -o framed.pgm");
+  std::string framed = read("framed.pgm");
+  for (size_t i = 0, header = framed.size() - 150 * 200; i < 150 * 200; ++i) {
+    if (std::min({i % 150, 149 - i % 150, i / 150, 199 - i / 150}) < 4) framed[header + i] = 0;
+  }
+  write("framed.pgm", framed);
+  EXPECT_EQ(analysed("framed.pgm")["scale"], 2);
   for (const char *gap : {"24", "60"}) {
     succeed(std::string("image synth --class whorl --size 300x400 --noise 40 -o p.pgm --gap ") + gap);
     EXPECT_EQ(analysed("p.pgm")["continuous"], false) << gap;
