@@ -35,7 +35,7 @@ if(KELMTROVA_PROGRAM)
   find_package(Python3 COMPONENTS Interpreter)
   if(Python3_FOUND)
     kelmtrova_add_test(json_schema 60 ${Python3_EXECUTABLE} ${PROJECT_SOURCE_DIR}/tests/tools/json_schema_test.py
-      $<TARGET_FILE:kelmtrova_program> ${PROJECT_SOURCE_DIR}/docs/json.schema.json)
+      $<TARGET_FILE:kelmtrova_program> ${PROJECT_SOURCE_DIR})
     set_tests_properties(json_schema PROPERTIES SKIP_RETURN_CODE 77)
     foreach(shell bash zsh fish)
       kelmtrova_add_test(completion_${shell} 60 ${Python3_EXECUTABLE}

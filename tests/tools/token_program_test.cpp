@@ -123,7 +123,7 @@ TEST_F(TokenProgram, AnswersProgramsInJson) {
       {"slots", 0, {{"slots", {thumb, {{"slot", 2}, {"state", "free"}}, {{"slot", 3}, {"state", "free"}}}}}},
       {"enroll --finger b --label \"$(printf '\\351\\377')\"", 0, {{"label", "??"}}},  // it need not be text
       {"enroll --finger a", 3, {{"ok", false}, {"code", "enrolled-already"}}},
-      {"info", 0, {{"slots", 3}, {"enrolled", 2}}},
+      {"info", 0, {{"slotCount", 3}, {"enrolled", 2}}},
       {"identify --finger b", 0, {{"slot", 2}}},
       {"verify --slot 1 --finger b", 1, {{"match", false}, {"triesLeft", 4}}},
       {"verify --slot 1 --finger a", 0, {{"match", true}}},
@@ -138,8 +138,8 @@ TEST_F(TokenProgram, AnswersProgramsInJson) {
                                   {"userData", "E9FF0000000000000000000000000000"}}})}}},
       {"params --time-out 33 --gain 200 --security-level 2 --verify-mode 1", 0, {{"timeOut", 33}}},
       {"params", 0, {{"gain", 200}, {"securityLevel", 2}, {"verifyMode", 1}}},
-      {"cache on", 0, {{"state", 1}, {"on", true}, {"holdsFinger", false}}},
-      {"cache off", 0, {{"state", 0}}},
+      {"cache on", 0, {{"cacheState", 1}, {"on", true}, {"holdsFinger", false}}},
+      {"cache off", 0, {{"cacheState", 0}}},
       {"verify --slot 2 --finger a", 3, {{"ok", false}, {"code", "not-enrolled"}, {"result", "0x80006A12"}}},
       {"verify --slot 300 --finger a", 2, {{"ok", false}, {"code", "usage"}}},
       {"enrol", 2, {{"ok", false}, {"advice", "`kelmtrova token --help` shows how"}}},
@@ -354,11 +354,11 @@ TEST_F(TokenProgram, ListsTokensAndChoosesOne) {
   EXPECT_EQ(list["tokens"], json::array({{{"address", "sim:" + store},
                                           {"kind", "simulated"},
                                           {"what", "kelmtrova simulated token"},
-                                          {"slots", 3},
+                                          {"slotCount", 3},
                                           {"enrolled", 1}}}));
   for (const char *words : {"KELMTROVA_TOKEN=sim:other.db kelmtrova token info --json",
                             "KELMTROVA_TOKEN=sim: kelmtrova token info --json --token other.db"}) {
-    EXPECT_EQ(json::parse(shell(words).out)["slots"], 7) << words;
+    EXPECT_EQ(json::parse(shell(words).out)["slotCount"], 7) << words;
   }
   EXPECT_TRUE(holds(shell("KELMTROVA_TOKEN=other.db kelmtrova token list").out, {"sim:other.db", "7 slots, 0 taken"}));
 }

@@ -5,6 +5,8 @@
 #include <chrono>
 #include <cmath>
 
+#include "tools/output.h"
+
 namespace kelm::tools {
 namespace {
 
@@ -281,15 +283,17 @@ nlohmann::ordered_json mainNumbers(const Analysis &analysis) {
   return json;
 }
 
-std::string numbersAsJson(const Analysis &analysis, const std::string &name) {
-  nlohmann::ordered_json json = {{"path", name}};
+std::string numbersAsJson(const Analysis &analysis, const std::string &name, bool timings) {
+  nlohmann::ordered_json json = {{"ok", true}, {"path", name}};
   json.update(mainNumbers(analysis));
   json["thresholdShape"] = analysis.thresholds.shape;
   json["thresholdMode"] = analysis.thresholds.mode;
   json["complexity"] = rounded(analysis.complexity, 100);
   json["meanGrey"] = analysis.numbers.meanGrey;
-  for (const auto &[step, milliseconds] : analysis.timings) json["milliseconds"][step] = rounded(milliseconds, 1000);
-  return json.dump(2, ' ', false, nlohmann::json::error_handler_t::replace);
+  for (const auto &[step, milliseconds] : analysis.timings) {
+    if (timings) json["milliseconds"][step] = rounded(milliseconds, 1000);
+  }
+  return jsonText(json);
 }
 
 }  // namespace kelm::tools

@@ -66,7 +66,7 @@ Analysis analyse(const Picture &picture, const std::string &name, const Analysis
 // quality, qualitySpread, foreground, period, continuous.
 nlohmann::ordered_json mainNumbers(const Analysis &analysis);
 
-// The numbers of the report as JSON, thresholds and timings included.
-std::string numbersAsJson(const Analysis &analysis, const std::string &name);
+// The numbers of the report as JSON, thresholds included, and on request how long each step took.
+std::string numbersAsJson(const Analysis &analysis, const std::string &name, bool timings);
 
 }  // namespace kelm::tools

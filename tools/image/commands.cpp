@@ -162,7 +162,7 @@ void addAnalyze(CLI::App &image, int &exitCode) {
   struct Options {
     std::string in, maps;
     Target target;
-    bool json = false;
+    bool json = false, timings = false;
   };
   auto options = std::make_shared<Options>();
   CLI::App *command = image.add_subcommand("analyze", "Everything the toolkit says about a print, on one page");
@@ -170,7 +170,8 @@ void addAnalyze(CLI::App &image, int &exitCode) {
   options->target.addTo(*command, "the page: .png, .svg or .pdf for a sheet, .html for a page with overlays");
   command->add_option("--maps", options->maps, "all maps as .npy and .png, with a list of what they mean")
       ->type_name("FOLDER");
-  command->add_flag("--json", options->json, "the numbers as JSON on standard output");
+  CLI::Option *json = command->add_flag("--json", options->json, "the numbers as JSON on standard output");
+  command->add_flag("--timings", options->timings, "and how long each step took")->needs(json);
   command->footer("Without options it prints a summary. Exit code 1: there is no finger in the picture.");
   command->callback([options, &exitCode] {
     const bool wantsPage = !options->target.path.empty();
@@ -182,7 +183,7 @@ void addAnalyze(CLI::App &image, int &exitCode) {
     const Page page = describe(analysis, options->in);
     if (wantsPage) options->target.write(pageAs(format, page));
     if (!options->maps.empty()) writeMaps(analysis, options->in, options->maps);
-    if (options->json) put(numbersAsJson(analysis, options->in) + '\n');
+    if (options->json) put(numbersAsJson(analysis, options->in, options->timings) + '\n');
     if (!options->json && !wantsPage && options->maps.empty()) put(summaryText(page));
     exitCode = analysis.numbers.finger ? kExitDone : kExitNoMatch;
   });

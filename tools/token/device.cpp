@@ -167,7 +167,7 @@ void describe(const Place &place, Report &report) {
       const std::string name(info.begin(),
                              std::min(end, info.begin() + std::min<std::ptrdiff_t>(32, end - info.begin())));
       words = name.size() >= 4 ? name : "fingerprint token";
-      json.update({{"what", words}, {"slots", index.size()}, {"enrolled", enrolled}});
+      json.update({{"what", words}, {"slotCount", index.size()}, {"enrolled", enrolled}});
       words += fmt::format(", {}, {} taken", counted(index.size(), "slot"), enrolled);
       isToken = true;
     } catch (const Failure &failure) {
@@ -209,7 +209,7 @@ Report showInfo(Session &session) {
   const std::vector<TemplateIndexEntry> index = session.readIndex();
   const std::size_t enrolled = enrolledCount(index);
   Report report;
-  report.json = {{"address", session.place()}, {"slots", index.size()}, {"enrolled", enrolled}};
+  report.json = {{"address", session.place()}, {"slotCount", index.size()}, {"enrolled", enrolled}};
   report.text = fmt::format("fingerprint token at {}\n{}, {} enrolled\n", shown(session.place()),
                             counted(index.size(), "slot"), enrolled);
   addState(session, info, report);
@@ -262,7 +262,7 @@ Report cache(Session &session, const std::string &action) {
   std::uint8_t state = 0;
   check(KelmTrovaGetFingerCacheState(session.handle(), &state), "reading the finger cache's state");
   Report report;
-  report.json["state"] = state;
+  report.json["cacheState"] = state;
   std::string words = "bits of the token's own meaning";
   if (session.simulated() || saysItIsSimulated(deviceInformation(session))) {
     words = inWords(state, kCacheBits);

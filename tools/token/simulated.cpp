@@ -74,7 +74,7 @@ Report createToken(const TokenOptions &token, const CreateOptions &options) {
   Report report;
   report.text = fmt::format("made a token with {} in {}{}\n", counted(personalisation.slots, "slot"),
                             shown(address.store), pin ? "" : "; its PIN is 1234");
-  report.json = {{"address", address.text}, {"slots", options.slots}, {"tries", options.tries}};
+  report.json = {{"address", address.text}, {"slotCount", options.slots}, {"tries", options.tries}};
   return report;
 }
 
