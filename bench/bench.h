@@ -5,6 +5,7 @@
 
 #include <cstdint>
 #include <functional>
+#include <limits>
 #include <string>
 #include <vector>
 
@@ -18,6 +19,10 @@ struct Pair {
   std::function<void()> theirs;
   double aim = 1.0;  // the ratio ours / theirs that must be held
 };
+
+// The aim of a pair whose peer does another job, or a part of it: its ratio tells where we stand, and counts in no
+// mean.
+inline constexpr double kForOrientation = std::numeric_limits<double>::infinity();
 
 // Adds the pairs of a file: define one registration object per file, at namespace scope.
 struct Registration {

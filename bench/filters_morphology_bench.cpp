@@ -1,6 +1,9 @@
 // SPDX-License-Identifier: Apache-2.0
-// Morphology against OpenCV: 3 x 3 against dilate and erode, by count against boxFilter and a threshold.
+// Morphology against OpenCV and Leptonica: 3 x 3 against dilate and erode, by count against boxFilter and a threshold.
+#include <leptonica/allheaders.h>
+
 #include <cstdint>
+#include <memory>
 #include <opencv2/imgproc.hpp>
 #include <string>
 #include <vector>
@@ -29,6 +32,36 @@ void add3x3(std::vector<Pair> &pairs, const char *name,
   }
 }
 
+struct DestroyPix {
+  void operator()(PIX *pix) const { pixDestroy(&pix); }
+};
+using Picture = std::unique_ptr<PIX, DestroyPix>;
+
+// Leptonica's masks are packed bits: with the packing and unpacking that bytes need, and without.
+void addBricks(std::vector<Pair> &pairs, const char *name,
+               std::int32_t (*morph)(std::uint8_t *, std::int16_t, std::int16_t),
+               PIX *(*brick)(PIX *, PIX *, l_int32, l_int32)) {
+  for (const Size size : kSizes) {
+    const cv::Mat mask = maskOf(size, 255);
+    const std::shared_ptr<PIX> bytes = Picture(pixCreate(size.width, size.height, 8));
+    for (int y = 0; y < size.height; ++y) {
+      for (int x = 0; x < size.width; ++x) {
+        pixSetPixel(bytes.get(), x, y, 255U - mask.at<std::uint8_t>(y, x));  // below the threshold is foreground
+      }
+    }
+    const std::shared_ptr<PIX> bits = Picture(pixConvertTo1(bytes.get(), 128));
+    cv::Mat work = mask.clone();
+    const auto ours = [=]() mutable { morph(work.data, size.height, size.width); };
+    pairs.push_back({named(name, size), "Leptonica's brick, bytes", ours, [=] {
+                       const Picture packed(pixConvertTo1(bytes.get(), 128));
+                       const Picture morphed(brick(nullptr, packed.get(), 3, 3));
+                       const Picture unpacked(pixConvert1To8(nullptr, morphed.get(), 255, 0));
+                     }});
+    pairs.push_back({named(name, size), "Leptonica's brick, packed bits", ours,
+                     [=] { const Picture morphed(brick(nullptr, bits.get(), 3, 3)); }, kForOrientation});
+  }
+}
+
 template <typename T>
 void addByCount(std::vector<Pair> &pairs, const char *name,
                 std::int32_t (*morph)(T *, std::int16_t, std::int16_t, std::uint8_t, std::uint8_t),
@@ -51,6 +84,8 @@ const Registration registration([] {
   std::vector<Pair> pairs;
   add3x3(pairs, "BDilate", BDilate, [](const cv::Mat &in, cv::Mat &out) { cv::dilate(in, out, cv::Mat()); });
   add3x3(pairs, "BErode", BErode, [](const cv::Mat &in, cv::Mat &out) { cv::erode(in, out, cv::Mat()); });
+  addBricks(pairs, "BDilate", BDilate, pixDilateBrick);
+  addBricks(pairs, "BErode", BErode, pixErodeBrick);
   addByCount(pairs, "BWDilateFast", BWDilateFast, 1, true);
   addByCount(pairs, "BWErodeFast", BWErodeFast, 1, false);
   addByCount(pairs, "BWDilateFastUint16", BWDilateFastUint16, 1, true);

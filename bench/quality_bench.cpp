@@ -52,9 +52,10 @@ const Registration kQuality([] {
     };
     const auto reduce = [=] { reduceWithOpenCv(image, size); };
     pairs.push_back({named("FpGetImg4DirectionGradsEx", size), "the literal loop", gradients, plain, 0.125});
-    pairs.push_back({named("FpGetImg4DirectionGradsEx", size), "memcpy of the picture", gradients, copying, 1e9});
+    pairs.push_back(
+        {named("FpGetImg4DirectionGradsEx", size), "memcpy of the picture", gradients, copying, kForOrientation});
     pairs.push_back({named("ImageBlkQuality", size), "the literal loop", quality, plainGrades, 0.125});
-    pairs.push_back({named("ImageBlkQuality", size), "memcpy of the picture", quality, copying, 1e9});
+    pairs.push_back({named("ImageBlkQuality", size), "memcpy of the picture", quality, copying, kForOrientation});
     pairs.push_back({named("NotContinue", size), "cv::reduce, rows and columns",
                      [=] { NotContinue(image->data(), size.height, size.width, 200); }, reduce});
     pairs.push_back({named("Project", size) + ", both modes", "cv::reduce, rows and columns",

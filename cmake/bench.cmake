@@ -5,13 +5,15 @@ find_path(OPENCV_INCLUDE_DIR opencv2/core.hpp PATH_SUFFIXES opencv4 REQUIRED)
 find_library(OPENCV_CORE_LIBRARY opencv_core REQUIRED)
 find_library(OPENCV_IMGPROC_LIBRARY opencv_imgproc REQUIRED)
 find_library(FFTW3F_LIBRARY fftw3f REQUIRED)
+find_package(PkgConfig REQUIRED)
+pkg_check_modules(BENCH_LEPTONICA REQUIRED IMPORTED_TARGET lept)
 file(GLOB_RECURSE KELMTROVA_BENCH_SOURCES CONFIGURE_DEPENDS bench/*.cpp)
 add_executable(kelmtrova_bench ${KELMTROVA_BENCH_SOURCES})
 target_include_directories(kelmtrova_bench PRIVATE ${PROJECT_SOURCE_DIR})
 target_include_directories(kelmtrova_bench SYSTEM PRIVATE ${OPENCV_INCLUDE_DIR})
 target_link_libraries(kelmtrova_bench PRIVATE
   kelmtrova_flags kelmtrova::kelmtrova ${OPENCV_CORE_LIBRARY} ${OPENCV_IMGPROC_LIBRARY}
-  ${FFTW3F_LIBRARY} ${CMAKE_DL_LIBS})
+  ${FFTW3F_LIBRARY} PkgConfig::BENCH_LEPTONICA ${CMAKE_DL_LIBS})
 target_link_options(kelmtrova_bench PRIVATE LINKER:--disable-new-dtags
   LINKER:-rpath-link,${PROJECT_BINARY_DIR}/lib)
 set_target_properties(kelmtrova_bench PROPERTIES
