@@ -55,10 +55,10 @@ void Progress::show(std::uint64_t done) {
     const double rate = static_cast<double>(done) / seconds;
     rest += fmt::format(", {:.3g}/s, {:.0f} s left", rate, static_cast<double>(total_ - done) / rate);
   }
-  // The bar shrinks first, then the line is cut: a line that wraps could not be rewritten.
+  // The bar shrinks first, then the label, then the line is cut: a line that wraps could not be rewritten.
   const std::size_t width = terminalWidth() - 1, others = label_.size() + rest.size() + 3;
   const std::size_t bar = width > others ? std::min(kBar, width - others) : 0;
-  std::string line = label_;
+  std::string line = label_.substr(0, width > rest.size() ? width - rest.size() : 0);
   if (bar > 3) line += fmt::format(" [{:.<{}}]", std::string(static_cast<std::size_t>(percent) * bar / 100, '#'), bar);
   showStatusLine((line + rest).substr(0, width));
 }

@@ -324,9 +324,15 @@ void watchFingers(Session &session, const FingerOptions &options, bool identifyi
     if (signal == SIGTSTP) return false;
     flockfile(stdout);  // the line that is being written is written to its end
     std::fflush(stdout);
+    clearStatusLine();
+    if (isatty(STDERR_FILENO) == 1 && !isQuiet()) std::fputc('\n', stderr);  // after the terminal's own ^C
     traceEnds();
     _exit(kExitDone);
   });
+  if (session.simulated() && isatty(STDERR_FILENO) == 1) {
+    putError(
+        "waiting for fingers, which `kelmtrova token touch` lays on the sensor and `lift` takes off; Ctrl-C ends it");
+  }
   for (;;) {
     if (session.simulated()) awaitFinger(session, true);
     try {
