@@ -181,7 +181,14 @@ TEST_F(Program, ResultsGoWhereAndAsTheyAreAsked) {
     EXPECT_EQ(outcome.out, "") << refused;
   }
   EXPECT_FALSE(std::filesystem::exists(folder / "x.jpg"));
-  EXPECT_EQ(run("image analyze p.png --json -o -").exitCode, 2);
+  for (const char *refused : {"analyze p.png --json -o -", "synth --class arch -o - --truth -",
+                              "synth --class arch --count 2 -o -", "quality p.png -o - --resume"}) {
+    EXPECT_EQ(run(std::string("image ") + refused).exitCode, 2) << refused;
+  }
+  EXPECT_EQ(run("image quality p.png -o -").out, run("image quality p.png").out);
+  succeed("image synth --class arch --size 101x131 -o q.png --truth truth.json");
+  EXPECT_EQ(run("image synth --class arch --size 101x131 -o q.png --truth -").out, read("truth.json"));
+  EXPECT_FALSE(std::filesystem::exists(folder / "-"));
   succeed("image synth --class any --count 3 --seed 8 --size 64x64 --format pgm -o set --truth set.jsonl");
   std::istringstream lines(read("set.jsonl"));
   for (const char *name : {"right-loop-8.pgm", "whorl-9.pgm", "arch-10.pgm"}) {

@@ -86,17 +86,27 @@ void setClass(SynthOptions &options, uint64_t number) {
   options.settings.printClass = static_cast<PrintClass>(index);
 }
 
+void writeTruth(const SynthOptions &options, const std::string &lines) {
+  if (options.truth == "-") return put(lines);
+  if (!options.truth.empty()) writeFile(options.truth, lines);
+}
+
 void synthesiseOne(SynthOptions &options) {
   const std::string format = options.target.chosen({"png", "pgm"});
+  if (options.target.path == "-" && options.truth == "-") {
+    throw Failure(kExitUsage, "both the picture and its truth would go to standard output");
+  }
   setClass(options, options.settings.seed);
   const SynthPrint print = synthesise(options.settings);
   options.target.write(encoded(print.picture, format));
-  if (!options.truth.empty()) writeFile(options.truth, jsonText(truthOf(options.settings, print), -1) + '\n');
+  writeTruth(options, jsonText(truthOf(options.settings, print), -1) + '\n');
 }
 
 void synthesiseMany(SynthOptions &options) {
   namespace fs = std::filesystem;
   const std::string format = options.target.format.empty() ? "png" : options.target.chosen({"png", "pgm"});
+  if (options.target.path == "-")
+    throw Failure(kExitUsage, "--count: the prints go into a folder, not to standard output");
   std::error_code error;
   fs::create_directories(options.target.path, error);
   if (error) throw FileFailure(options.target.path + ": " + error.message());
@@ -112,7 +122,7 @@ void synthesiseMany(SynthOptions &options) {
     truths += jsonText(line, -1) + '\n';
     ++options.settings.seed;
   }
-  if (!options.truth.empty()) writeFile(options.truth, truths);
+  writeTruth(options, truths);
 }
 
 void addSynth(CLI::App &image, int &exitCode) {
@@ -141,8 +151,10 @@ void addSynth(CLI::App &image, int &exitCode) {
       ->check(CLI::Range(1, 1'000'000));
   options->target.addTo(*command, "the picture: .png or .pgm; with --count the folder");
   command->get_option("--output")->required();
-  command->add_option("--truth", options->truth,
-                      "the true orientation and period of the ridges, as JSON; with --count a line for each print");
+  command->add_option(
+      "--truth", options->truth,
+      "the true orientation and period of the ridges, as JSON; with --count a line for each print; - for "
+      "standard output");
   command->callback([options, &exitCode] {
     options->count > 0 ? synthesiseMany(*options) : synthesiseOne(*options);
     exitCode = kExitDone;
@@ -200,14 +212,21 @@ void addQuality(CLI::App &image, int &exitCode) {
   command->add_flag("--csv", settings->csv, "comma-separated values, with a line of names first");
   command->add_flag("-0,--null", settings->nullBytes, "the list on standard input ends its paths with null bytes");
   command
-      ->add_option("-o,--output", settings->out, "the file for the lines, which is called FILE.part until it is whole")
+      ->add_option("-o,--output", settings->out,
+                   "the file for the lines, which is called FILE.part until it is whole; - for standard output")
       ->type_name("FILE");
   command->add_flag("--resume", settings->resume, "keeps what an earlier run left in FILE or FILE.part, but its errors")
       ->needs("--output");
   command->footer(
       "A picture that cannot be read is a line with its error. Exit code 2: nothing could be read.\n"
       "Example:\n  find prints -name '*.tif' -print0 | kelmtrova image quality -0 - -j 4 -o quality.jsonl --resume");
-  command->callback([settings, &exitCode] { exitCode = measureQuality(*settings); });
+  command->callback([settings, &exitCode] {
+    if (settings->out == "-" && settings->resume) {
+      throw Failure(kExitUsage, "--resume: standard output keeps nothing of an earlier run");
+    }
+    if (settings->out == "-") settings->out.clear();
+    exitCode = measureQuality(*settings);
+  });
 }
 
 void addStep(CLI::App &image, const Step &step, int &exitCode) {
