@@ -155,6 +155,10 @@ void addSynth(CLI::App &image, int &exitCode) {
       "--truth", options->truth,
       "the true orientation and period of the ridges, as JSON; with --count a line for each print; - for "
       "standard output");
+  command->get_option("--truth")->type_name("FILE");
+  command->footer(
+      "Examples:\n  kelmtrova image synth --class whorl -o whorl.png\n"
+      "  kelmtrova image synth --class any --count 200 --noise 40 -o prints --truth prints.jsonl");
   command->callback([options, &exitCode] {
     options->count > 0 ? synthesiseMany(*options) : synthesiseOne(*options);
     exitCode = kExitDone;
@@ -184,7 +188,9 @@ void addAnalyze(CLI::App &image, int &exitCode) {
       ->type_name("FOLDER");
   CLI::Option *json = command->add_flag("--json", options->json, "the numbers as JSON on standard output");
   command->add_flag("--timings", options->timings, "and how long each step took")->needs(json);
-  command->footer("Without options it prints a summary. Exit code 1: there is no finger in the picture.");
+  command->footer(
+      "Without options it prints a summary. Exit code 1: there is no finger in the picture.\n\n"
+      "Examples:\n  kelmtrova image analyze print.tif\n  kelmtrova image analyze print.tif -o report.html --maps maps");
   command->callback([options, &exitCode] {
     const bool wantsPage = !options->target.path.empty();
     const std::string format = wantsPage ? options->target.chosen({"png", "svg", "pdf", "html", "htm"}) : "";
@@ -242,6 +248,7 @@ void addStep(CLI::App &image, const Step &step, int &exitCode) {
   options->target.addTo(*command, "a picture (.png; .pgm where it is grey) or raw numbers (.npy)");
   command->get_option("--output")->required();
   options->run = step.prepare(*command);
+  command->footer(fmt::format("Example:\n  kelmtrova image {} {}", step.name, step.example));
   command->callback([options, &exitCode] {
     const std::string format = options->target.chosen({"png", "npy", "pgm"});
     options->run(readPicture(options->in), options->in, [&](const Map &map) {
@@ -257,6 +264,7 @@ void addStep(CLI::App &image, const Step &step, int &exitCode) {
 void addImageCommands(CLI::App &app, int &exitCode) {
   CLI::App *image = app.add_subcommand("image", "Fingerprint pictures: what the image toolkit makes of them");
   image->require_subcommand(1);
+  image->footer("`kelmtrova image COMMAND --help` tells more of a command.");
   addAnalyze(*image, exitCode);
   addQuality(*image, exitCode);
   addSynth(*image, exitCode);

@@ -93,16 +93,22 @@ RunStep enlarge(CLI::App &) {
 
 const std::vector<Step> &steps() {
   static const std::vector<Step> all = {
-      {"segment", nullptr, "The foreground: 255 where the finger is, 0 elsewhere", segment},
-      {"orientation", nullptr, "The direction of the ridges in degrees, block by block", orientation},
-      {"period", "frequency", "The ridge period in pixels, in cells of 4 x 4 pixels", period},
-      {"clarity-map", nullptr, "How clear the ridges are, 0 to 100, in blocks of 8 x 8 pixels", clarity},
-      {"quality-map", nullptr, "The toolkit's grades of the blocks of 16 x 16 pixels", quality},
-      {"gradients", nullptr, "Gradient strength (.png, .pgm) or the four direction maps (.npy)", gradients},
-      {"histogram", nullptr, "How often each grey level occurs", histogram},
-      {"normalize", nullptr, "The picture with a given mean and variance", normalize},
-      {"reduce", nullptr, "The picture at half size, smoothed", reduce},
-      {"enlarge", nullptr, "The picture at double size", enlarge},
+      {"segment", nullptr, "The foreground: 255 where the finger is, 0 elsewhere", "print.png -o foreground.png",
+       segment},
+      {"orientation", nullptr, "The direction of the ridges in degrees, block by block", "print.tif -o orientation.npy",
+       orientation},
+      {"period", "frequency", "The ridge period in pixels, in cells of 4 x 4 pixels", "print.png -o period.png",
+       period},
+      {"clarity-map", nullptr, "How clear the ridges are, 0 to 100, in blocks of 8 x 8 pixels",
+       "print.png -o clarity.png", clarity},
+      {"quality-map", nullptr, "The toolkit's grades of the blocks of 16 x 16 pixels", "print.png -o quality.npy",
+       quality},
+      {"gradients", nullptr, "Gradient strength (.png, .pgm) or the four direction maps (.npy)",
+       "print.png -o directions.npy", gradients},
+      {"histogram", nullptr, "How often each grey level occurs", "print.png -o histogram.png", histogram},
+      {"normalize", nullptr, "The picture with a given mean and variance", "faint.png -o print.pgm", normalize},
+      {"reduce", nullptr, "The picture at half size, smoothed", "print-1000dpi.png -o print-500dpi.png", reduce},
+      {"enlarge", nullptr, "The picture at double size", "print.png -o large.png", enlarge},
   };
   return all;
 }

@@ -19,6 +19,7 @@ struct Step {
   const char *name;
   const char *alias;  // an older name that still works; null for none
   const char *help;
+  const char *example;  // what follows the command's name
   // Adds the step's own options to its command and answers what to run with them once they are read.
   RunStep (*prepare)(CLI::App &command);
 };
