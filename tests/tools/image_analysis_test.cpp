@@ -290,7 +290,7 @@ TEST_F(Program, PageWorksInABrowser) {
       "--disable-background-networking --disable-component-update --user-data-dir=\"$PWD/profile\" --dump-dom "
       "\"file://$PWD/report.html#period\"");
   EXPECT_NE(outcome.out.find("data-overlay=\"period\""), std::string::npos) << outcome.err;
-  EXPECT_NE(outcome.out.find("data-pictures=\"13\""), std::string::npos) << outcome.out.substr(0, 200);
+  EXPECT_NE(outcome.out.find("data-pictures=\"15\""), std::string::npos) << outcome.out.substr(0, 200);
 }
 
 }  // namespace

@@ -149,6 +149,11 @@ Page describe(const Analysis &analysis, const std::string &name) {
        [of](cairo_t *cairo) { drawDirections(cairo, *of, of->direction8); }, changeLegend()},
       {"orientation16", "Orientation, large blocks", 0.65, true, false,
        [of](cairo_t *cairo) { drawDirections(cairo, *of, of->direction16); }, changeLegend()},
+      {"direction", "Direction", 0.8, false, false,
+       [of](cairo_t *cairo) {
+         paintGrid(cairo, *of, of->direction8, [](int16_t degrees) { return directionLegend().at(degrees); });
+       },
+       directionLegend()},
       {"period", "Ridge period", 0.8, false, true,
        [of, period](cairo_t *cairo) {
          paintGrid(cairo, *of, of->periods, [&](float value) { return value > 0 ? period.at(value) : kClear; });
