@@ -114,13 +114,15 @@ void refuseEmptyWords(const Words &words) {
 Words withoutHelp(const CLI::App &app, const Words &words) {
   if (words.front() != "help") return words;
   const CLI::App *command = &app;
+  Words out;
   for (std::size_t i = 1; i < words.size(); ++i) {
+    if (words[i] == "--help" || words[i] == "-h") continue;
     const auto all = command->get_subcommands([&](const CLI::App *one) { return one->get_name() == words[i]; });
     if (all.empty()) throw unknownWord(*command, words[i]);
     command = all.front();
+    out.push_back(words[i]);
   }
-  Words out(words.begin() + 1, words.end());
-  out.push_back("--help");
+  out.emplace_back("--help");
   return out;
 }
 
@@ -155,7 +157,6 @@ int runProgram(const Words &words) {
   CLI::App app{"Fingerprint tokens and fingerprint pictures from the command line.", "kelmtrova"};
   int exitCode = kExitDone;
   app.require_subcommand(1);
-  app.footer(kFooter);
   app.set_help_flag("-h,--help", "print this help");
   app.set_version_flag("--version", "kelmtrova " KELM_VERSION, "print the version");
   addTokenCommands(app, exitCode);
@@ -163,6 +164,7 @@ int runProgram(const Words &words) {
   addDemoCommand(app, exitCode);
   addHelpCommand(app);
   addCompletionCommand(app);
+  app.footer(kFooter);  // last: commands take over what is there when they are made
   if (words.empty()) {
     std::fputs(app.help().c_str(), stderr);
     return kExitUsage;

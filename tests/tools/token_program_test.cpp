@@ -447,6 +447,7 @@ TEST_F(TokenProgram, HelpsAndCompletes) {
   EXPECT_EQ(run("--version").out.rfind("kelmtrova ", 0), 0U);
   fails("", 2, {"Examples:"});
   EXPECT_EQ(run("help token enroll").out, run("token enroll --help").out);
+  EXPECT_EQ(run("help --help").out, run("--help").out);
   // What a real shell makes of it is seen elsewhere.
   const auto complete = [&](const std::string &line) {
     const Outcome outcome = shell("bash -c 'source <(kelmtrova completion bash) && COMP_LINE=\"" + line +
@@ -456,11 +457,19 @@ TEST_F(TokenProgram, HelpsAndCompletes) {
   };
   EXPECT_EQ(complete("kelmtrova token se"), "selftest send-image serve\n");
   EXPECT_EQ(complete("kelmtrova token enroll --finger de"), "\n");
-  const std::string commands = complete("kelmtrova token ");
-  EXPECT_EQ(std::count(commands.begin(), commands.end(), ' '), 20) << commands;
-  std::istringstream names(commands);
-  for (std::string name; names >> name;) {
-    EXPECT_TRUE(holds(run("token " + name + " --help").out, {("Examples:\n  kelmtrova token " + name).c_str()}));
+  // Each command's own examples and nothing else.
+  for (const auto &[family, count] : {std::pair("token ", 20), std::pair("image ", 12)}) {
+    const std::string commands = complete(std::string("kelmtrova ") + family);
+    EXPECT_EQ(std::count(commands.begin(), commands.end(), ' '), count) << commands;
+    std::istringstream names(commands);
+    for (std::string name; names >> name;) {
+      const std::string help = run(family + name + " --help").out, own = std::string("  kelmtrova ") + family + name;
+      EXPECT_TRUE(holds(help, {"\nExamples:\n"})) << name;
+      std::istringstream examples(help.substr(help.find("\nExamples:\n") + 1));
+      std::string line;
+      for (std::getline(examples, line); std::getline(examples, line);)
+        EXPECT_NE(line.find(own.substr(2)), std::string::npos) << line;
+    }
   }
 }
 

@@ -224,8 +224,8 @@ void addQuality(CLI::App &image, int &exitCode) {
   command->add_flag("--resume", settings->resume, "keeps what an earlier run left in FILE or FILE.part, but its errors")
       ->needs("--output");
   command->footer(
-      "A picture that cannot be read is a line with its error. Exit code 2: nothing could be read.\n"
-      "Example:\n  find prints -name '*.tif' -print0 | kelmtrova image quality -0 - -j 4 -o quality.jsonl --resume");
+      "A picture that cannot be read is a line with its error. Exit code 2: nothing could be read.\n\n"
+      "Examples:\n  find prints -name '*.tif' -print0 | kelmtrova image quality -0 - -j 4 -o quality.jsonl --resume");
   command->callback([settings, &exitCode] {
     if (settings->out == "-" && settings->resume) {
       throw Failure(kExitUsage, "--resume: standard output keeps nothing of an earlier run");
@@ -248,7 +248,7 @@ void addStep(CLI::App &image, const Step &step, int &exitCode) {
   options->target.addTo(*command, "a picture (.png; .pgm where it is grey) or raw numbers (.npy)");
   command->get_option("--output")->required();
   options->run = step.prepare(*command);
-  command->footer(fmt::format("Example:\n  kelmtrova image {} {}", step.name, step.example));
+  command->footer(fmt::format("Examples:\n  kelmtrova image {} {}", step.name, step.example));
   command->callback([options, &exitCode] {
     const std::string format = options->target.chosen({"png", "npy", "pgm"});
     options->run(readPicture(options->in), options->in, [&](const Map &map) {
