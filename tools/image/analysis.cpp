@@ -130,12 +130,13 @@ std::pair<int, int> extentOf(const std::vector<uint8_t> &values) {
 Picture centralRegion(const Analysis &analysis) {
   const Picture &mask = analysis.mask;
   std::vector<uint8_t> columns(static_cast<size_t>(mask.width)), rows(static_cast<size_t>(mask.height));
+  uint8_t *const __restrict inColumn = columns.data();
   for (int y = 0; y < mask.height; ++y) {
+    const uint8_t *const row = &mask.samples[static_cast<size_t>(y) * static_cast<size_t>(mask.width)];
     uint8_t any = 0;
     for (int x = 0; x < mask.width; ++x) {
-      const uint8_t sample = mask.at(x, y);
-      columns[static_cast<size_t>(x)] |= sample;
-      any |= sample;
+      inColumn[x] |= row[x];
+      any |= row[x];
     }
     rows[static_cast<size_t>(y)] = any;
   }

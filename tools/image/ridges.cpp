@@ -115,13 +115,22 @@ int32_t weakestRidges(const Coherence &coherence, float coherent) {
   return std::max(static_cast<int32_t>(kWeak * *strong), kFloor);
 }
 
+// Clears what does not satisfy the condition, a function of the sample's index. The samples are bytes, which may lie
+// anywhere as far as the compiler knows; told that they do not, it takes 16 at a time.
+template <typename Condition>
+void keepWhere(Picture &mask, Condition condition) {
+  uint8_t *const __restrict samples = mask.samples.data();
+  const size_t count = mask.samples.size();
+  for (size_t i = 0; i < count; ++i) samples[i] &= static_cast<uint8_t>(-static_cast<int>(condition(i)));
+}
+
 // Bands and patches without ink that closing has filled. The window that measures strength reaches three pixels into
 // them from the ink around. What is near the outline is left alone.
 Picture blankBands(const Picture &inked, const Picture &finger) {
   Canvas inner(finger);
   inner.erode(13);
   Picture blank = inner.mask();
-  for (size_t i = 0; i < blank.samples.size(); ++i) blank.samples[i] &= static_cast<uint8_t>(~inked.samples[i]);
+  keepWhere(blank, [ink = inked.samples.data()](size_t i) { return ink[i] == 0; });
   Canvas bands(blank);
   bands.open(5);
   bands.removeAreas(255, blank.samples.size() / 100);
@@ -150,15 +159,13 @@ Coherence coherenceOf(const Picture &half) {
 
 Picture foregroundOf(const Coherence &coherence) {
   constexpr float kCoherent = 0.33f;  // exceeded by one window in a hundred of white noise
-  const std::vector<float> &share = coherence.share.data;
-  const std::vector<int32_t> &strength = coherence.strength.data;
   const int32_t weakest = weakestRidges(coherence, kCoherent);
-  Picture inked(coherence.share.cols, coherence.share.rows);
-  for (size_t i = 0; i < share.size(); ++i) inked.samples[i] = static_cast<uint8_t>(-(strength[i] > weakest));
+  Picture inked(coherence.share.cols, coherence.share.rows, 255);
+  keepWhere(inked, [=, strength = coherence.strength.data.data()](size_t i) { return strength[i] > weakest; });
   Canvas closed(inked);
   closed.close(9);
   Picture mask = closed.mask();
-  for (size_t i = 0; i < share.size(); ++i) mask.samples[i] &= static_cast<uint8_t>(-(share[i] > kCoherent));
+  keepWhere(mask, [share = coherence.share.data.data()](size_t i) { return share[i] > kCoherent; });
   Canvas finger(mask);
   finger.close(13);
   finger.erode(3);
@@ -167,7 +174,7 @@ Picture foregroundOf(const Coherence &coherence) {
   finger.removeAreas(0, mask.samples.size() / 40);
   mask = finger.mask();
   const Picture blank = blankBands(inked, mask);
-  for (size_t i = 0; i < share.size(); ++i) mask.samples[i] &= static_cast<uint8_t>(~blank.samples[i]);
+  keepWhere(mask, [blanks = blank.samples.data()](size_t i) { return blanks[i] == 0; });
   return mask;
 }
 
