@@ -1,15 +1,22 @@
 // kelmtrova_bench [--recorded FILE] [--write FILE] [FILTER]: times every pair whose name holds FILTER and prints the
 // table. The pairs that take longer than in the file of an earlier run are named at the end.
+//
+// For a counter of instructions around it: --list prints the pairs, --calls N ours|theirs NUMBER calls one side of the
+// pair of that number in the list, and measures nothing.
 #include <time.h>
 
 #include <algorithm>
 #include <cmath>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
-#include <opencv2/core.hpp>
 
 #include "bench/bench.h"
 #include "bench/results.h"
+
+#ifdef KELM_BENCH_OPENCV
+#include <opencv2/core.hpp>
+#endif
 
 namespace kelm::bench {
 namespace {
@@ -112,6 +119,34 @@ void nameSlower(std::vector<Measured> &all, const Results &recorded) {
   }
 }
 
+std::vector<Pair> allPairs() {
+  std::vector<Pair> all;
+  for (const auto &maker : registry()) {
+    const std::vector<Pair> pairs = maker();
+    all.insert(all.end(), pairs.begin(), pairs.end());
+  }
+  return all;
+}
+
+int list() {
+  for (const Pair &pair : allPairs()) {
+    std::printf("%s\t%s\n", pair.name.c_str(), pair.peer.c_str());
+  }
+  return 0;
+}
+
+int call(int times, const char *side, std::size_t number) {
+  const std::vector<Pair> all = allPairs();
+  if (number >= all.size()) {
+    return 2;
+  }
+  const auto &job = std::strcmp(side, "ours") == 0 ? all[number].ours : all[number].theirs;
+  for (int i = 0; i < times; ++i) {
+    job();
+  }
+  return 0;
+}
+
 struct Options {
   const char *recorded = nullptr;
   const char *write = nullptr;
@@ -135,12 +170,10 @@ Options optionsFrom(int argc, char **argv) {
 int run(const Options &options) {
   std::vector<Measured> all;
   std::printf("%-44s %-40s %8s %17s %10s\n", "ours", "peer", "ratio", "quartiles", "us/call");
-  for (const auto &maker : registry()) {
-    for (const Pair &pair : maker()) {
-      if (std::strstr(pair.name.c_str(), options.filter) != nullptr) {
-        all.push_back({pair, measure(pair)});
-        print(all.back().result);
-      }
+  for (const Pair &pair : allPairs()) {
+    if (std::strstr(pair.name.c_str(), options.filter) != nullptr) {
+      all.push_back({pair, measure(pair)});
+      print(all.back().result);
     }
   }
   if (options.recorded != nullptr) {
@@ -212,6 +245,15 @@ std::vector<std::uint8_t> maskPicture(int height, int width, int specks, std::ui
 }  // namespace kelm::bench
 
 int main(int argc, char **argv) {
+  using namespace kelm::bench;
+#ifdef KELM_BENCH_OPENCV
   cv::setNumThreads(1);
-  return kelm::bench::run(kelm::bench::optionsFrom(argc, argv));
+#endif
+  if (argc == 2 && std::strcmp(argv[1], "--list") == 0) {
+    return list();
+  }
+  if (argc == 5 && std::strcmp(argv[1], "--calls") == 0) {
+    return call(std::atoi(argv[2]), argv[3], static_cast<std::size_t>(std::atoi(argv[4])));
+  }
+  return run(optionsFrom(argc, argv));
 }

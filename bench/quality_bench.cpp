@@ -1,10 +1,9 @@
 // SPDX-License-Identifier: Apache-2.0
-// Gradients, block quality and continuity: against the loops written down plainly, memcpy, and OpenCV.
+// Gradients and block quality: against the loops written down plainly, and memcpy.
 #include <algorithm>
 #include <cstdlib>
 #include <cstring>
 #include <memory>
-#include <opencv2/core.hpp>
 
 #include "bench/bench.h"
 #include "kelmtrova/image.h"
@@ -30,19 +29,11 @@ void ourQuality(const Bytes &image, Size size) {
   std::free(map.grades);
 }
 
-void reduceWithOpenCv(const Bytes &image, Size size) {
-  const cv::Mat picture(size.height, size.width, CV_8U, image->data());
-  cv::Mat rows, columns;
-  cv::reduce(picture, rows, 1, cv::REDUCE_SUM, CV_32S);
-  cv::reduce(picture, columns, 0, cv::REDUCE_SUM, CV_32S);
-}
-
 const Registration kQuality([] {
   std::vector<Pair> pairs;
   for (const Size size : kSizes) {
     const auto image = std::make_shared<std::vector<std::uint8_t>>(ridgePicture(size.height, size.width));
     const auto copy = std::make_shared<std::vector<std::uint8_t>>(image->size());
-    const auto sums = std::make_shared<std::vector<std::int32_t>>(2048);
     const auto copying = [=] { std::memcpy(copy->data(), image->data(), image->size()); };
     const auto gradients = [=] { ourGradients(image, size); };
     const auto quality = [=] { ourQuality(image, size); };
@@ -50,20 +41,11 @@ const Registration kQuality([] {
     const auto plainGrades = [=] {
       plain::blockGrades(plain::gradients(image->data(), size.height, size.width, kStep), size.height, size.width);
     };
-    const auto reduce = [=] { reduceWithOpenCv(image, size); };
     pairs.push_back({named("FpGetImg4DirectionGradsEx", size), "the literal loop", gradients, plain, 0.125});
     pairs.push_back(
         {named("FpGetImg4DirectionGradsEx", size), "memcpy of the picture", gradients, copying, kForOrientation});
     pairs.push_back({named("ImageBlkQuality", size), "the literal loop", quality, plainGrades, 0.125});
     pairs.push_back({named("ImageBlkQuality", size), "memcpy of the picture", quality, copying, kForOrientation});
-    pairs.push_back({named("NotContinue", size), "cv::reduce, rows and columns",
-                     [=] { NotContinue(image->data(), size.height, size.width, 200); }, reduce});
-    pairs.push_back({named("Project", size) + ", both modes", "cv::reduce, rows and columns",
-                     [=] {
-                       Project(sums->data(), image->data(), size.height, size.width, 0);
-                       Project(sums->data(), image->data(), size.height, size.width, 1);
-                     },
-                     reduce});
   }
   return pairs;
 });
