@@ -136,6 +136,14 @@ TEST_F(Program, ClarityIsThatOfTheRidgesNotOfTheInk) {
   }
   write("framed.pgm", framed);
   EXPECT_EQ(analysed("framed.pgm")["scale"], 2);
+  // The line of a form above a print is no part of the finger.
+  const std::string print = read("p.pgm");
+  std::string form(400 * 460, '\xff');
+  for (size_t y = 0; y < 400; ++y) print.copy(&form[(y + 50) * 400 + 50], 300, print.size() - 300 * (400 - y));
+  for (size_t y = 16; y < 34; ++y) std::fill_n(&form[y * 400 + 10], 380, '\0');
+  write("form.pgm", "P5 400 460 255\n" + form);
+  EXPECT_NEAR(analysed("form.pgm")["foreground"].get<double>() * 400 * 460,
+              analysed("p.pgm")["foreground"].get<double>() * 300 * 400, 1500);
   for (const char *gap : {"24", "60"}) {
     succeed(std::string("image synth --class whorl --size 300x400 --noise 40 -o p.pgm --gap ") + gap);
     EXPECT_EQ(analysed("p.pgm")["continuous"], false) << gap;

@@ -168,7 +168,6 @@ int meanOf(const Counters &counters) {
 // Enough of a picture in pixels of a 500 dpi print, with ridges in it that can be told from noise.
 bool isFinger(const Analysis &analysis) {
   constexpr double kSmallest = 64 * 64;
-  constexpr double kLeastClarity = 20;
   const double area = analysis.numbers.foreground * static_cast<double>(analysis.picture.samples.size());
   return area * analysis.scale * analysis.scale >= kSmallest && analysis.numbers.period > 0 &&
          analysis.numbers.clarity >= kLeastClarity;
@@ -243,22 +242,21 @@ Analysis analyse(const Picture &picture, const std::string &name, const Analysis
   const Orientation orientation =
       watch.time("orientation", [&] { return orientationOf(half, print.width, print.height, settings.window); });
   const Coherence coherence = watch.time("coherence", [&] { return coherenceOf(half); });
-  const Picture mask = watch.time("foreground", [&] { return foregroundOf(coherence); });
-  const Periods periods =
-      watch.time("ridge period", [&] { return smoothedPeriods(periodsOf(print, orientation.direction8), mask); });
+  const Grid<uint8_t> periods = watch.time("ridge period", [&] { return periodsOf(print, orientation.direction8); });
+  const Finger finger = watch.time("foreground", [&] { return fingerOf(coherence, periods); });
   out.grades = watch.time("block quality", [&] { return spread(gradesOf(print), out.scale, width, height); });
   watch.run("numbers", [&] {
     out.printHistogram = histogramOf(picture);
-    out.mask = pictureOf(spread(gridOf(mask), out.scale, width, height), width, height);
-    out.clarity = spread(clarityOf(coherence, periods), out.scale, width, height);
-    const Grid<uint8_t> eighths = spread(periods.smoothed, out.scale, width, height);
+    out.mask = pictureOf(spread(gridOf(finger.mask), out.scale, width, height), width, height);
+    out.clarity = spread(finger.clarity, out.scale, width, height);
+    const Grid<uint8_t> eighths = spread(finger.periods.smoothed, out.scale, width, height);
     out.periods = {eighths.cell, eighths.rows, eighths.cols, {}};
     for (const uint8_t period : eighths.data) out.periods.data.push_back(inPixels(period, out.scale));
     out.numbers.period = inPixels(medianPeriod(eighths), out.scale);
     fillNumbers(out);
   });
   out.numbers.continuous = watch.time("continuity", [&] { return isContinuous(out); });
-  if (settings.maps) watch.run("maps", [&] { addMaps(out, orientation, mask, settings.window); });
+  if (settings.maps) watch.run("maps", [&] { addMaps(out, orientation, finger.mask, settings.window); });
   return out;
 }
 

@@ -8,6 +8,7 @@
 #include <cmath>
 #include <cstdlib>
 #include <limits>
+#include <new>
 #include <utility>
 
 namespace kelm::tools {
@@ -138,6 +139,38 @@ Picture blankBands(const Picture &inked, const Picture &finger) {
   return bands.mask();
 }
 
+// The mask without areas in which no ridges can be told from noise, such as the lines of a form around the print; the
+// whole mask where there are ridges nowhere.
+Picture withoutRidgelessAreas(const Picture &mask, const Grid<uint8_t> &clarity) {
+  constexpr uint8_t kMostAreas = 64;  // the others stay
+  Picture areas = mask;
+  uint8_t count = 0;
+  for (auto at = areas.samples.begin(); count < kMostAreas; ++count) {
+    at = std::find(at, areas.samples.end(), 255);
+    if (at == areas.samples.end()) break;
+    const auto i = static_cast<int>(at - areas.samples.begin());
+    uint32_t size = 0;
+    RegionGrow(areas.samples.data(), static_cast<int16_t>(mask.height), static_cast<int16_t>(mask.width),
+               static_cast<int16_t>(i / mask.width), static_cast<int16_t>(i % mask.width), &size, nullptr, nullptr,
+               nullptr, nullptr, 255, static_cast<uint8_t>(count + 1), 1);
+    if (size == 0) throw std::bad_alloc();
+  }
+  if (count < 2) return mask;
+  std::array<double, 256> sums{}, sizes{};
+  for (int y = 0; y < mask.height; ++y) {
+    for (int x = 0; x < mask.width; ++x) {
+      sums[areas.at(x, y)] += clarity.at(std::min(x / 4, clarity.cols - 1), std::min(y / 4, clarity.rows - 1));
+      ++sizes[areas.at(x, y)];
+    }
+  }
+  const auto ridged = [&](size_t area) { return area > count || sums[area] >= kLeastClarity * sizes[area]; };
+  bool any = false;
+  for (size_t area = 1; area <= count; ++area) any |= ridged(area);
+  if (!any) return mask;
+  for (uint8_t &sample : areas.samples) sample = sample != 0 && ridged(sample) ? 255 : 0;
+  return areas;
+}
+
 }  // namespace
 
 Coherence coherenceOf(const Picture &half) {
@@ -157,6 +190,10 @@ Coherence coherenceOf(const Picture &half) {
   return out;
 }
 
+namespace {
+
+// The finger: where gradients agree and are not weak beside those of the rest. 0 and 255, half size; closed, smoothed,
+// without specks and holes.
 Picture foregroundOf(const Coherence &coherence) {
   constexpr float kCoherent = 0.33f;  // exceeded by one window in a hundred of white noise
   const int32_t weakest = weakestRidges(coherence, kCoherent);
@@ -178,6 +215,8 @@ Picture foregroundOf(const Coherence &coherence) {
   return mask;
 }
 
+}  // namespace
+
 uint8_t medianPeriod(const Grid<uint8_t> &periods) {
   std::array<size_t, 256> counts{};
   for (const uint8_t period : periods.data) ++counts[period];
@@ -187,6 +226,8 @@ uint8_t medianPeriod(const Grid<uint8_t> &periods) {
   while (left >= counts[period]) left -= counts[period++];
   return period;
 }
+
+namespace {
 
 Periods smoothedPeriods(const Grid<uint8_t> &periods, const Picture &mask) {
   constexpr int kWindow = 7;
@@ -231,6 +272,8 @@ Periods smoothedPeriods(const Grid<uint8_t> &periods, const Picture &mask) {
   return out;
 }
 
+// How clear the ridges are in blocks of 8 x 8 pixels, from 0 (noise, paper) to 100: coherence of the direction times
+// agreement of the period.
 Grid<uint8_t> clarityOf(const Coherence &coherence, const Periods &periods) {
   // The coherence and agreement of noise count as nothing; those of the best prints as all.
   constexpr float kNoise = 0.2f, kClear = 0.9f;
@@ -245,6 +288,19 @@ Grid<uint8_t> clarityOf(const Coherence &coherence, const Periods &periods) {
     }
   }
   return out;
+}
+
+}  // namespace
+
+Finger fingerOf(const Coherence &coherence, const Grid<uint8_t> &periods) {
+  const auto measured = [&](Picture mask) {
+    Periods smoothed = smoothedPeriods(periods, mask);
+    Grid<uint8_t> clarity = clarityOf(coherence, smoothed);
+    return Finger{std::move(mask), std::move(smoothed), std::move(clarity)};
+  };
+  Finger finger = measured(foregroundOf(coherence));
+  Picture ridged = withoutRidgelessAreas(finger.mask, finger.clarity);
+  return ridged.samples == finger.mask.samples ? finger : measured(std::move(ridged));
 }
 
 void straightenDirections(Grid<int16_t> &directions, double period) {

@@ -18,10 +18,6 @@ struct Coherence {
 
 Coherence coherenceOf(const Picture &half);
 
-// The finger: where gradients agree and are not weak beside those of the rest. 0 and 255, half size; closed, smoothed,
-// without specks and holes.
-Picture foregroundOf(const Coherence &coherence);
-
 // The median of a map of periods, kNoPeriod where no cell has one.
 uint8_t medianPeriod(const Grid<uint8_t> &periods);
 
@@ -32,11 +28,18 @@ struct Periods {
   Grid<float> agreement;
 };
 
-Periods smoothedPeriods(const Grid<uint8_t> &periods, const Picture &mask);
+// What is taken for the finger, and what is known of its ridges. Areas beside it whose ridges cannot be told from
+// noise, such as the lines of a form, are left out.
+struct Finger {
+  Picture mask;  // 0 and 255, half size
+  Periods periods;
+  Grid<uint8_t> clarity;  // of blocks of 8 x 8 pixels, from 0 (noise, paper) to 100
+};
 
-// How clear the ridges are in blocks of 8 x 8 pixels, from 0 (noise, paper) to 100: coherence of the direction times
-// agreement of the period.
-Grid<uint8_t> clarityOf(const Coherence &coherence, const Periods &periods);
+// The least mean clarity of ridges that can be told from noise.
+inline constexpr double kLeastClarity = 20;
+
+Finger fingerOf(const Coherence &coherence, const Grid<uint8_t> &periods);
 
 // Directions as they would be measured with gradients that are the same for all directions. Sobel's see a wave of few
 // pixels too flat or too steep between the multiples of 45 degrees, by up to 3 degrees for one of 4.5 pixels; the
