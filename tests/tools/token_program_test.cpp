@@ -249,6 +249,7 @@ TEST_F(TokenProgram, SaysWhatIsWrongWithAStore) {
       {"", "slots", "busy.db", 2, "another program has held the token for more than 5 seconds"},
       {"", "slots", "later.db", 2, "a later version, 7 (known here: up to 2)"},
       {"", "slots", "damaged.db", 2, "is damaged"},
+      {"KELMTROVA_TOKEN=damaged.db ", "list", "damaged.db", 2, ""},
       {"", "slots", "closed/x.db", 2, "no permission"},
       {"", "create", "closed/y.db", 2, "no permission"},
       {"", "slots", "fixed/x.db", 0, ""},

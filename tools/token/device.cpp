@@ -150,8 +150,9 @@ std::string withoutName(const std::string &words, const Address &address) {
   return words;
 }
 
-// What a place holds, and how much of it is taken.
-void describe(const Place &place, Report &report) {
+// What a place holds, and how much of it is taken; or what keeps a simulated token from being used.
+std::optional<Failure> describe(const Place &place, Report &report) {
+  std::optional<Failure> unusable;
   nlohmann::ordered_json json = {{"address", shown(place.address.text)},
                                  {"kind", place.address.kind == Address::Kind::kReader ? "reader" : "simulated"}};
   std::string words = shown(place.description);
@@ -172,11 +173,13 @@ void describe(const Place &place, Report &report) {
       isToken = true;
     } catch (const Failure &failure) {
       words = shown(withoutName(failure.what(), place.address));
+      if (place.address.kind == Address::Kind::kSimulated) unusable = failure;
     }
   }
   if (!isToken) json["what"] = words;
   report.json[isToken ? "tokens" : "others"].push_back(json);
   report.text += fmt::format("{}\n    {}\n", shown(place.address.text), words);
+  return unusable;
 }
 
 }  // namespace
@@ -189,12 +192,22 @@ Report listTokens() {
   const Places places = findPlaces();
   Report report;
   for (const char *key : {"tokens", "others"}) report.json[key] = nlohmann::ordered_json::array();
-  for (const Place &place : places.all) describe(place, report);
+  std::optional<Failure> unusable;
+  for (const Place &place : places.all) {
+    if (const auto failure = describe(place, report)) unusable = failure;
+  }
   if (!places.problem.empty()) {
     report.text += fmt::format("readers could not be asked: {}\n", shown(places.problem));
     report.json["problem"] = shown(places.problem);
   }
   if (!report.json["tokens"].empty()) return report;
+  // A token that is there makes none that is missing.
+  if (unusable) {
+    report.exitCode = unusable->exitCode;
+    report.json.update(
+        {{"ok", false}, {"error", unusable->error}, {"code", unusable->code}, {"advice", unusable->advice}});
+    return report;
+  }
   report.exitCode = kExitNoToken;
   const char *const advice =
       "plug one in (a reader needs the service pcscd), or make a simulated one with `kelmtrova token create`";
