@@ -2,7 +2,7 @@
 #include "tools/image/quality.h"
 
 #include <malloc.h>
-#include <sys/mman.h>
+#include <sys/resource.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -59,6 +59,15 @@ Line measure(const std::string &path, const LineForm &form) {
   return {form.line(record), !record["error"].is_null()};
 }
 
+// Where address space is limited, more threads than it holds would fail in the midst of their pictures: each has a
+// stack, a heap of malloc's and a picture's maps.
+int affordable(int jobs) {
+  constexpr rlim_t kThread = rlim_t{128} << 20;
+  rlimit space{};
+  if (getrlimit(RLIMIT_AS, &space) != 0 || space.rlim_cur == RLIM_INFINITY) return jobs;
+  return static_cast<int>(std::clamp<rlim_t>(space.rlim_cur / kThread, 1, static_cast<rlim_t>(jobs)));
+}
+
 // Pictures are taken in order by several threads; the lines are kept until it is their turn.
 class Batch {
  public:
@@ -71,16 +80,14 @@ class Batch {
   int run() {
     const std::optional<size_t> total = source_.total();
     // A thread of its own for one job too: lines must not wait for a list that is still being written.
-    // Room that no thread's stack may take, for the work itself; given back when all threads are there.
-    void *const room = mmap(nullptr, kRoom, PROT_NONE, MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE, -1, 0);
-    for (int i = 0; i < settings_.jobs && (!total || static_cast<size_t>(i) < *total); ++i) {
+    const int jobs = affordable(settings_.jobs);
+    for (int i = 0; i < jobs && (!total || static_cast<size_t>(i) < *total); ++i) {
       try {
         workers_.emplace_back([this] { work(); });
       } catch (const std::system_error &) {
         break;  // the threads that could be made go on
       }
     }
-    if (room != MAP_FAILED) munmap(room, kRoom);
     try {
       if (workers_.empty()) {
         alone_ = true;
@@ -99,7 +106,6 @@ class Batch {
   }
 
  private:
-  static constexpr size_t kRoom = size_t{256} << 20;
   // Lines that wait for an earlier one; more would only take memory.
   size_t mostAhead() const { return 16 + 4 * static_cast<size_t>(settings_.jobs); }
 
