@@ -159,8 +159,8 @@ _kelmtrova_split() {
   line+=("$word")
 }
 
-# Offers what the token or this machine has, quoted; true when there is something that begins so. What readline takes for
-# the word, $1, may be its end only.
+# Offers what the token or this machine has, quoted; true when there is something that begins so. What readline takes
+# for the word, $1, may be its end only.
 _kelmtrova_offer() {
   local word whole=$current open=$quote
   _kelmtrova_split "$open$1"

@@ -20,7 +20,8 @@ environment = dict(os.environ, XDG_DATA_HOME=folder.name, HOME=folder.name, TERM
                    PATH=f"{os.path.dirname(program)}:{os.environ['PATH']}")
 environment.pop("KELMTROVA_TOKEN", None)
 
-LABELS = ["left thumb", "left ring", "it's $HOME", 'say "x"', r"back\slash", "a:b=c@d", "münze", "!bang;x", "folder", "q`\"$!'\\z"]
+LABELS = ["left thumb", "left ring", "it's $HOME", 'say "x"', r"back\slash", "a:b=c@d", "münze", "!bang;x", "folder",
+          "q`\"$!'\\z", "tab\there"]
 os.mkdir(os.path.join(folder.name, "folder"))  # a label is no file
 open(os.path.join(folder.name, "scan.raw"), "w").close()
 
@@ -35,6 +36,7 @@ CASES = [
     ("token verify --label fol", "folder"), ("token verify --label q", "q`\"$!'\\z"),
     ("token verify --label 'q", "q`\"$!'\\z"), ('token verify --label "q', "q`\"$!'\\z"),
     ("token verify --token sim:none --label mü", "mü"),
+    ("token verify --token sim:none --label ", "--label"), ("token verify --label ta", "ta"),
     (f"token info --token sim:{folder.name}/kelmtrova/t", f"sim:{folder.name}/kelmtrova/token.db"),
     ("tok", "token"), ("token selft", "selftest"), ("token enroll --token slots --fin", "--finger"),
     ("token pin require of", "off"), ("token send-image sc", "scan.raw"),

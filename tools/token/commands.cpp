@@ -399,7 +399,9 @@ void addCompleteCommand(CLI::App &app, const std::shared_ptr<Options> &options) 
       }
       Session session(chooseAddress(options->token), options->token);
       for (const TemplateIndexEntry &entry : session.readIndex()) {
-        if (const std::string label = labelOf(entry); !label.empty()) put(label + '\n');
+        // One that cannot be shown as it is cannot be typed either.
+        const std::string label = labelOf(entry);
+        if (!label.empty() && label == labelBytes(entry)) put(label + '\n');
       }
     } catch (const Failure &) {
     }

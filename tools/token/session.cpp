@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "tools/token/session.h"
 
+#include <fcntl.h>
 #include <fmt/format.h>
 #include <unistd.h>
 
@@ -100,12 +101,15 @@ void Session::verifyPin(const std::string &pin) {
   }
   requirePossiblePin(pin);
   std::uint8_t triesLeft = 0;
+  // The library prints a line of its own where the middleware is missing.
+  const int nowhere = isQuiet() ? open("/dev/null", O_WRONLY | O_CLOEXEC) : -1;
   const std::uint64_t result = [&] {
-    const Redirected redirected(STDOUT_FILENO, STDERR_FILENO);
+    const Redirected redirected(STDOUT_FILENO, nowhere < 0 ? STDERR_FILENO : nowhere);
     return KelmSCardVerifyUserPinBio(device(), reinterpret_cast<std::uintptr_t>(pin.data()),
                                      static_cast<std::uint8_t>(pin.size()),
                                      reinterpret_cast<std::uintptr_t>(&triesLeft));
   }();
+  if (nowhere >= 0) close(nowhere);
   const auto refused = [result](const std::string &what, const std::string &advice, const char *code) {
     Failure failure(kExitRefused, fmt::format("{} [{}]", what, resultNumber(result)), advice, code);
     failure.result = result;

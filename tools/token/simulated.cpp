@@ -125,6 +125,29 @@ Report lift(const TokenOptions &token) {
 
 namespace {
 
+// Says that the reader has the token. No exception may pass through the device manager: it ends serving, and is kept.
+struct Ready {
+  const Address &address;
+  const std::string &reader;
+  bool json;
+  int stop;
+  std::exception_ptr failure;
+
+  static void say(void *context) {
+    auto &ready = *static_cast<Ready *>(context);
+    try {
+      const std::string at = ready.reader.empty() ? "" : " at " + shown(ready.reader);
+      put(ready.json
+              ? jsonText({{"ok", true}, {"address", ready.address.text}, {"ready", true}}, -1) + '\n'
+              : fmt::format("{} is in the virtual reader{}; Ctrl-C takes it out\n", shown(ready.address.text), at));
+      flushOutput();
+    } catch (...) {
+      ready.failure = std::current_exception();
+      [[maybe_unused]] const ssize_t written = write(ready.stop, "", 1);
+    }
+  }
+};
+
 // Shows and writes what the reader's programs send to the token in it.
 struct Served {
   std::uint64_t device, exchange = 0;
@@ -132,7 +155,7 @@ struct Served {
   static void observe(void *context, const std::uint8_t *command, std::size_t commandLength, const std::uint8_t *answer,
                       std::size_t answerLength, std::int32_t status) {
     auto &served = *static_cast<Served *>(context);
-    // No exception may pass through the device manager; without memory the line is missing.
+    // Without memory the line is missing.
     try {
       if (status < 0) {
         served.exchange = observeCommand(served.device, {command, commandLength});
@@ -147,13 +170,6 @@ struct Served {
 }  // namespace
 
 Report serve(const TokenOptions &token, const std::string &reader) {
-  struct Ready {
-    const Address &address;
-    const std::string &reader;
-    bool json;
-    int stop;
-    std::exception_ptr failure;
-  };
   const Address address = simulatedAddress(token, "be served");
   const Opened device(address);
   int stop[2];
@@ -163,24 +179,10 @@ Report serve(const TokenOptions &token, const std::string &reader) {
     [[maybe_unused]] const ssize_t written = write(stop[1], "", 1);
     return true;
   });
-  // No exception may pass through the device manager.
-  const auto say = [](void *context) {
-    auto &ready = *static_cast<Ready *>(context);
-    try {
-      const std::string at = ready.reader.empty() ? "" : " at " + shown(ready.reader);
-      put(ready.json
-              ? jsonText({{"ok", true}, {"address", ready.address.text}, {"ready", true}}, -1) + '\n'
-              : fmt::format("{} is in the virtual reader{}; Ctrl-C takes it out\n", shown(ready.address.text), at));
-      flushOutput();
-    } catch (...) {
-      ready.failure = std::current_exception();
-      [[maybe_unused]] const ssize_t written = write(ready.stop, "", 1);
-    }
-  };
   Ready ready{address, reader, token.json, stop[1], nullptr};
   Served served{device};
   require(simulator()->setTrace(device, Served::observe, &served));
-  const int result = simulator()->serve(device, reader.empty() ? nullptr : reader.c_str(), stop[0], say, &ready);
+  const int result = simulator()->serve(device, reader.empty() ? nullptr : reader.c_str(), stop[0], Ready::say, &ready);
   close(stop[0]);
   close(stop[1]);
   if (ready.failure) std::rethrow_exception(ready.failure);
