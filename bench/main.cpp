@@ -10,6 +10,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <iterator>
 
 #include "bench/bench.h"
 #include "bench/results.h"
@@ -99,44 +100,52 @@ void summarise(const std::vector<Result> &results) {
   }
 }
 
-struct Measured {
-  Pair pair;
-  Result result;
-};
-
-// A pair that seems slower is measured again: on a busy machine one of many pairs always does.
-void nameSlower(std::vector<Measured> &all, const Results &recorded) {
-  for (Measured &one : all) {
-    const Result *const before = recorded.find(one.result);
-    if (before == nullptr || !isSlower(one.result, *before)) {
-      continue;
-    }
-    one.result = measure(one.pair);
-    if (isSlower(one.result, *before)) {
-      std::printf("slower than recorded: %s, %s: %.3f, was %.3f\n", one.result.name.c_str(), one.result.peer.c_str(),
-                  one.result.ratio, before->ratio);
-    }
-  }
-}
-
-std::vector<Pair> allPairs() {
-  std::vector<Pair> all;
+// Those whose name holds the filter.
+std::vector<Pair> chosenPairs(const char *filter) {
+  std::vector<Pair> chosen;
   for (const auto &maker : registry()) {
     const std::vector<Pair> pairs = maker();
-    all.insert(all.end(), pairs.begin(), pairs.end());
+    std::copy_if(pairs.begin(), pairs.end(), std::back_inserter(chosen),
+                 [filter](const Pair &pair) { return std::strstr(pair.name.c_str(), filter) != nullptr; });
   }
-  return all;
+  return chosen;
+}
+
+// A pair that seems slower is measured again, with buffers at other places: on a busy machine one of many pairs always
+// does, and some loops take a tenth longer where their buffers happen to lie badly.
+void nameSlower(std::vector<Result> &results, const Results &recorded, const char *filter) {
+  constexpr int kTries = 3;
+  const auto seemsSlower = [&recorded](const Result &result) {
+    const Result *const before = recorded.find(result);
+    return before != nullptr && isSlower(result, *before);
+  };
+  std::vector<std::vector<Pair>> kept;  // so that the next try gets other places
+  for (int i = 0; i < kTries && std::any_of(results.begin(), results.end(), seemsSlower); ++i) {
+    kept.push_back(chosenPairs(filter));
+    for (std::size_t k = 0; k < results.size(); ++k) {
+      if (seemsSlower(results[k])) {
+        const Result again = measure(kept.back()[k]);
+        results[k] = again.ratio < results[k].ratio ? again : results[k];
+      }
+    }
+  }
+  for (const Result &result : results) {
+    if (seemsSlower(result)) {
+      std::printf("slower than recorded: %s, %s: %.3f, was %.3f\n", result.name.c_str(), result.peer.c_str(),
+                  result.ratio, recorded.find(result)->ratio);
+    }
+  }
 }
 
 int list() {
-  for (const Pair &pair : allPairs()) {
+  for (const Pair &pair : chosenPairs("")) {
     std::printf("%s\t%s\n", pair.name.c_str(), pair.peer.c_str());
   }
   return 0;
 }
 
 int call(int times, const char *side, std::size_t number) {
-  const std::vector<Pair> all = allPairs();
+  const std::vector<Pair> all = chosenPairs("");
   if (number >= all.size()) {
     return 2;
   }
@@ -168,20 +177,15 @@ Options optionsFrom(int argc, char **argv) {
 }
 
 int run(const Options &options) {
-  std::vector<Measured> all;
+  Results results;
   std::printf("%-44s %-40s %8s %17s %10s\n", "ours", "peer", "ratio", "quartiles", "us/call");
-  for (const Pair &pair : allPairs()) {
-    if (std::strstr(pair.name.c_str(), options.filter) != nullptr) {
-      all.push_back({pair, measure(pair)});
-      print(all.back().result);
-    }
+  for (const Pair &pair : chosenPairs(options.filter)) {
+    results.all.push_back(measure(pair));
+    print(results.all.back());
   }
   if (options.recorded != nullptr) {
-    nameSlower(all, Results::read(options.recorded));
+    nameSlower(results.all, Results::read(options.recorded), options.filter);
   }
-  Results results;
-  std::transform(all.begin(), all.end(), std::back_inserter(results.all),
-                 [](const Measured &one) { return one.result; });
   summarise(results.all);
   if (options.write != nullptr && !results.write(options.write)) {
     std::fprintf(stderr, "cannot write %s\n", options.write);
