@@ -26,10 +26,12 @@ class Program : public testing::Test {
   }
   void TearDown() override { std::filesystem::remove_all(folder); }
 
+  // The same surroundings whoever runs the tests.
   Outcome shell(const std::string &line, const std::string &input = "") {
     write(".input", input);
     const std::string command = "cd '" + folder.string() +
-                                "' && export XDG_DATA_HOME=\"$PWD\" PATH='" KELM_BUILD_DIR "/bin':\"$PATH\" && { " +
+                                "' && export XDG_DATA_HOME=\"$PWD\" PATH='" KELM_BUILD_DIR
+                                "/bin':\"$PATH\" TERM=xterm && unset KELMTROVA_TOKEN KELMTROVA_PIN NO_COLOR && { " +
                                 line + "; } <.input >out 2>err";
     const int status = std::system(command.c_str());
     return {WIFEXITED(status) ? WEXITSTATUS(status) : -1, read("out"), read("err")};
