@@ -150,8 +150,8 @@ Grid<uint8_t> periodsOf(const Picture &print, const Grid<int16_t> &direction8) {
   check(static_cast<uint32_t>(
             MeanSmooth(flipped.samples.data(), flipped.samples.data(), s16(flipped.height), s16(flipped.width))),
         "smoothing");
-  // The same contrast for all: a faint copy then has the periods of its original. Little of it, so that ripples that are
-  // no ridges are rounded away.
+  // The same contrast for all: a faint copy then has the periods of its original. Little of it, so that ripples that
+  // are no ridges are rounded away.
   ImageNormalize(flipped.samples.data(), u16(flipped.height), u16(flipped.width), 128, 400);
   std::vector<int16_t> directions = direction8.data;
   const FingerprintBlockField field{u16(direction8.cell), u16(direction8.rows), u16(direction8.cols),
