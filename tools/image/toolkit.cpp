@@ -8,6 +8,7 @@
 #include <cstdlib>
 #include <memory>
 #include <new>
+#include <utility>
 
 namespace kelm::tools {
 namespace {
@@ -114,8 +115,8 @@ Orientation orientationOf(const Picture &half, int fullWidth, int fullHeight, in
 }
 
 Products productsOf(const Picture &half) {
-  const Orientation orientation = orientationOf(half, u16(2 * half.width), u16(2 * half.height), 1);
-  return {orientation.products, orientation.differences};
+  Orientation orientation = orientationOf(half, u16(2 * half.width), u16(2 * half.height), 1);
+  return {std::move(orientation.products), std::move(orientation.differences)};
 }
 
 Picture gradientOf(const Orientation &orientation, int window) {
