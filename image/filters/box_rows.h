@@ -42,16 +42,15 @@ constexpr std::size_t roundUp(std::size_t n, std::size_t step) { return (n + ste
 template <typename Sum>
 constexpr std::size_t kTogether = sizeof(Sum) == 4 ? 2 : 4;
 
-// Scratch of one image call, in one block: the column sums, the lines of sums, a row of zeros, and in place the last
-// halfY + 1 rows of the input, which are needed after they have been overwritten.
+// Scratch of one image call, in one block: the lines of sums, a row of zeros, and in place the last halfY + 1 rows of
+// the input, which are needed after they have been overwritten.
 template <typename Sum, typename In>
 struct BoxScratch {
   static constexpr std::size_t kAlign = kCacheLine / sizeof(Sum);
   AlignedBuffer<Sum> memory;
   std::size_t lead;         // of a line, before the first column
   std::size_t stride;       // of the lines
-  Sum *columns = nullptr;   // the sums for the next output row
-  Sum *lines = nullptr;     // column sums with halfX zeros on both sides and more
+  Sum *lines = nullptr;     // column sums with halfX zeros on both sides and more; the last is where the next go on
   Sum *fours = nullptr;     // of the lines, sums of 4 neighbours, or of 3 for a window of 9
   Sum *sixteens = nullptr;  // sums of 16 neighbours
   In *zeros = nullptr;
@@ -65,15 +64,14 @@ struct BoxScratch {
     const std::size_t kinds = shape.halfX > kMaxTapsHalf ? 3 : shape.halfX == kMaxTapsHalf ? 2 : 1;
     const std::size_t keptRows = inPlace ? std::min(shape.halfY + 1, shape.height) : 0;
     const std::size_t samples = ((keptRows + 1) * shape.width * sizeof(In) + sizeof(Sum) - 1) / sizeof(Sum);
-    memory = allocateAligned<Sum>(stride + kinds * all + samples);
+    memory = allocateAligned<Sum>(kinds * all + samples);
     if (memory) {
-      columns = memory.samples;
-      lines = columns + stride;
+      lines = memory.samples;
       fours = kinds >= 2 ? lines + all : nullptr;
       sixteens = kinds == 3 ? lines + 2 * all : nullptr;
       zeros = reinterpret_cast<In *>(lines + kinds * all);
       kept = inPlace ? zeros + shape.width : nullptr;
-      std::memset(columns, 0, (stride + all) * sizeof(Sum));
+      std::memset(lines, 0, all * sizeof(Sum));
       std::memset(zeros, 0, shape.width * sizeof(In));
     }
   }
@@ -250,17 +248,16 @@ struct Moving {
   const In *leaving;
 };
 
-// Copies the column sums to the line of each output row, and moves them on to the next.
+// Moves the column sums on from the last line to those of the next output rows.
 template <typename Sum, typename In, typename Read>
-KELM_INLINE void moveColumns(Sum *__restrict columns, Sum *__restrict lines, std::size_t stride,
-                             const Moving<In> (&moving)[kTogether<Sum>], std::size_t n, Read read) {
+KELM_INLINE void moveColumns(Sum *__restrict lines, std::size_t stride, const Moving<In> (&moving)[kTogether<Sum>],
+                             std::size_t n, Read read) {
   for (std::size_t x = 0; x < n; ++x) {
-    Sum sum = columns[x];
+    Sum sum = lines[(kTogether<Sum> - 1) * stride + x];
     for (std::size_t k = 0; k < kTogether<Sum>; ++k) {
-      lines[k * stride + x] = sum;
       sum = static_cast<Sum>(sum + read(moving[k].entering[x]) - read(moving[k].leaving[x]));
+      lines[k * stride + x] = sum;
     }
-    columns[x] = sum;
   }
 }
 
@@ -271,23 +268,25 @@ KELM_INLINE void boxRows(Out *out, const In *in, const BoxShape &shape, const Bo
                          Finish finish) {
   const std::size_t width = shape.width;
   const std::size_t slots = shape.halfY + 1;
-  for (std::size_t y = 0; y <= shape.halfY && y < shape.height; ++y) {
+  Sum *const lines = scratch.lines + scratch.lead;
+  Sum *const last = lines + (kTogether<Sum> - 1) * scratch.stride;
+  for (std::size_t y = 0; y < shape.halfY && y < shape.height; ++y) {  // the window of the row above the first
     for (std::size_t x = 0; x < width; ++x) {
-      scratch.columns[x] = static_cast<Sum>(scratch.columns[x] + read(in[y * width + x]));
+      last[x] = static_cast<Sum>(last[x] + read(in[y * width + x]));
     }
   }
   for (std::size_t first = 0; first < shape.height; first += kTogether<Sum>) {
     const std::size_t rows = std::min(kTogether<Sum>, shape.height - first);
     Moving<In> moving[kTogether<Sum>];
     for (std::size_t k = 0; k < kTogether<Sum>; ++k) {
-      const std::size_t enters = first + k + shape.halfY + 1;
-      const std::size_t leaves = first + k - shape.halfY;  // wraps, and so is above any row, while none leaves
+      const std::size_t enters = first + k + shape.halfY;
+      const std::size_t leaves = first + k - shape.halfY - 1;  // wraps, and so is above any row, while none leaves
       const bool overwritten = scratch.kept != nullptr && leaves < first;
       const In *const old = overwritten ? scratch.kept + leaves % slots * width : in + leaves * width;
       moving[k] = {enters < shape.height ? in + enters * width : scratch.zeros,
                    leaves < shape.height ? old : scratch.zeros};
     }
-    moveColumns(scratch.columns, scratch.lines + scratch.lead, scratch.stride, moving, width, read);
+    moveColumns(lines, scratch.stride, moving, width, read);
     for (std::size_t y = first; scratch.kept != nullptr && y < first + rows; ++y) {
       std::memcpy(scratch.kept + y % slots * width, in + y * width, width * sizeof(In));
     }

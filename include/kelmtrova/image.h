@@ -221,7 +221,7 @@ KELMTROVA_API void fvs_VectorLocalSumFloat2Float(float *out, const float *in, in
  * fvs_ImageLocalSumChar2Uint16 then leaves the sums along the rows in out; 2 a null pointer or a dimension below 1,
  * nothing is written.
  *
- * Scratch memory is one block: a row of the input, and up to thirteen lines of output samples (seven for Int), each up
+ * Scratch memory is one block: a row of the input, and up to twelve lines of output samples (six for Int), each up
  * to sizeX + 160 samples longer than a row; in place also (sizeY >> 1) + 1 rows of the input, but no more than there
  * are; for Float it is up to 2 * (sizeY >> 1) + 17 rows and 4096 bytes, which keep the rows apart in the cache.
  */
