@@ -2,7 +2,6 @@
 # One test program per folder of tests/. The programs of tests/image run once per instruction set that the library can
 # use: against variants of the library that are limited to a level.
 find_package(GTest REQUIRED)
-include(GoogleTest)
 
 # ThreadSanitizer cannot do without its own malloc family, which allocation.cpp replaces. So it runs the test that has
 # threads, and no other.
