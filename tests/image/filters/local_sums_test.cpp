@@ -141,15 +141,16 @@ TEST(ImageMean, DividesExactly) {
       }
       seen[static_cast<std::size_t>(area)] = true;
       std::vector<std::int32_t> wanted;
-      for (int i = 0; i < 40; ++i) {
+      for (int i = 0; i < 24; ++i) {
         const std::int64_t quotient = static_cast<std::int32_t>(numbers()) / area;
         const std::int64_t sum = quotient * area - ((area + 1) >> 1) + numbers(3) - 1;
         wanted.push_back(static_cast<std::int32_t>(sum));
       }
-      // Samples far apart: each window holds one of them.
-      std::vector<std::int32_t> in(wanted.size() * 256), out(in.size());
+      // As far apart as a window is wide: each window holds one of them.
+      const std::size_t apart = static_cast<std::size_t>(sizeX) + 1;
+      std::vector<std::int32_t> in(wanted.size() * apart), out(in.size());
       for (std::size_t i = 0; i < wanted.size(); ++i) {
-        in[i * 256 + 128] = wanted[i];
+        in[i * apart + apart / 2] = wanted[i];
       }
       ASSERT_EQ(call(fvs_ImageMeanInt2Int, out.data(), in.data(), 1, in.size(), sizeX, sizeY), 0);
       const auto expected = modelMean(in.data(), 1, static_cast<int>(in.size()), sizeX, sizeY);
