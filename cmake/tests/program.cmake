@@ -15,12 +15,6 @@ if(KELMTROVA_PROGRAM AND TARGET tools_test)
   add_dependencies(tools_test kelmtrova_program kelmkmgr_other few_threads)
 endif()
 
-# The fonts that a page is drawn with are kept until the program ends.
-if(KELMTROVA_SANITIZE MATCHES "address" AND TEST tools)
-  set_property(TEST tools APPEND PROPERTY ENVIRONMENT
-    "LSAN_OPTIONS=suppressions=${PROJECT_SOURCE_DIR}/cmake/leaks.supp:print_suppressions=0")
-endif()
-
 # A sanitized library wants its run time in every program that links to it.
 if(KELMTROVA_PROGRAM AND NOT KELMTROVA_SANITIZE)
   kelmtrova_add_test(install 200
@@ -50,4 +44,14 @@ if(KELMTROVA_PROGRAM AND NOT KELMTROVA_SANITIZE)
   kelmtrova_add_test(recipes 150
     ${PROJECT_SOURCE_DIR}/tests/tools/recipes_test.sh ${PROJECT_SOURCE_DIR} $<TARGET_FILE:kelmtrova_program>)
   set_tests_properties(recipes PROPERTIES SKIP_RETURN_CODE 77)
+endif()
+
+# The fonts that a page is drawn with are kept until the program ends.
+if(KELMTROVA_SANITIZE MATCHES "address")
+  foreach(test tools json_schema)
+    if(TEST ${test})
+      set_property(TEST ${test} APPEND PROPERTY ENVIRONMENT
+        "LSAN_OPTIONS=suppressions=${PROJECT_SOURCE_DIR}/cmake/leaks.supp:print_suppressions=0")
+    endif()
+  endforeach()
 endif()
