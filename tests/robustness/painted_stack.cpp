@@ -9,7 +9,9 @@
 #include "tests/support/allocation.h"
 
 // AddressSanitizer would keep the frames elsewhere, in order to find uses after the return, and the paint would stay.
-extern "C" const char *__asan_default_options() { return "detect_stack_use_after_return=0"; }
+extern "C" __attribute__((visibility("default"))) const char *__asan_default_options() {
+  return "detect_stack_use_after_return=0";
+}
 
 namespace kelm::test {
 
