@@ -52,11 +52,14 @@ Place asReader(const DeviceManagerToken &token) {
   return place;
 }
 
+// The device manager's words and its code, as they stand in a failure, too.
+std::string lastProblem() { return managerFailure("", manager()->errorCode()).error; }
+
 // Asks the cards what they are.
 void ask(Place &place) {
   const std::uint64_t device = manager()->open(place.address.text.c_str());
   if (device == 0) {
-    place.description = manager()->error();
+    place.description = lastProblem();
     return;
   }
   SCardConnection connection{};
@@ -157,7 +160,7 @@ Places findPlaces() {
       }
       return 0;
     };
-    if (manager()->list(visit, &places) != 0) places.problem = manager()->error();
+    if (manager()->list(visit, &places) != 0) places.problem = lastProblem();
     for (Place &place : places.all) {
       if (place.isToken) ask(place);
     }
