@@ -101,6 +101,7 @@ constexpr StatusWords kStatuses[] = {
     {0x6E00, 0xFFFF, "class not supported"},
     {0x6F00, 0xFFFF, "no diagnosis"},
 };
+
 struct FileWords {
   unsigned fid;
   const char *name;
